@@ -1,0 +1,117 @@
+#include "base/codec.h"
+
+#include <array>
+
+namespace sorvane::base {
+namespace {
+
+constexpr std::string_view kStandard = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+constexpr std::string_view kUrlSafe = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+constexpr std::string_view kHexLower = "0123456789abcdef";
+constexpr std::string_view kHexUpper = "0123456789ABCDEF";
+
+std::string hex(std::span<const std::uint8_t> bytes, std::string_view digits) {
+  std::string text(bytes.size() * 2, '\0');
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    text[2 * i] = digits[bytes[i] >> 4];
+    text[2 * i + 1] = digits[bytes[i] & 15];
+  }
+  return text;
+}
+
+std::string encode64(std::span<const std::uint8_t> bytes, std::string_view alphabet, bool padded) {
+  std::string text((bytes.size() + 2) / 3 * 4, '=');
+  std::size_t out = 0, i = 0;
+  for (; i + 3 <= bytes.size(); i += 3) {
+    const std::uint32_t group = static_cast<std::uint32_t>(bytes[i] << 16 | bytes[i + 1] << 8 | bytes[i + 2]);
+    text[out++] = alphabet[group >> 18];
+    text[out++] = alphabet[group >> 12 & 63];
+    text[out++] = alphabet[group >> 6 & 63];
+    text[out++] = alphabet[group & 63];
+  }
+  if (const std::size_t rest = bytes.size() - i; rest > 0) {
+    const std::uint32_t group = static_cast<std::uint32_t>(bytes[i] << 16 | (rest == 2 ? bytes[i + 1] << 8 : 0));
+    text[out++] = alphabet[group >> 18];
+    text[out++] = alphabet[group >> 12 & 63];
+    if (rest == 2) text[out++] = alphabet[group >> 6 & 63];
+  }
+  if (!padded) text.resize(out);
+  return text;
+}
+
+constexpr std::array<std::int8_t, 256> decodeTable() {
+  std::array<std::int8_t, 256> table{};
+  table.fill(-1);
+  for (std::size_t i = 0; i < kStandard.size(); ++i) {
+    table[static_cast<unsigned char>(kStandard[i])] = static_cast<std::int8_t>(i);
+  }
+  return table;
+}
+
+int hexDigit(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+}  // namespace
+
+std::string hexLower(std::span<const std::uint8_t> bytes) { return hex(bytes, kHexLower); }
+std::string hexUpper(std::span<const std::uint8_t> bytes) { return hex(bytes, kHexUpper); }
+std::string base64(std::span<const std::uint8_t> bytes) { return encode64(bytes, kStandard, true); }
+std::string base64Url(std::span<const std::uint8_t> bytes) { return encode64(bytes, kUrlSafe, false); }
+
+std::optional<Bytes> parseHex(std::string_view text) {
+  if (text.size() % 2 != 0) return std::nullopt;
+  Bytes bytes(text.size() / 2);
+  for (std::size_t i = 0; i < bytes.size(); ++i) {
+    const int high = hexDigit(text[2 * i]), low = hexDigit(text[2 * i + 1]);
+    if (high < 0 || low < 0) return std::nullopt;
+    bytes[i] = static_cast<std::uint8_t>(high << 4 | low);
+  }
+  return bytes;
+}
+
+std::optional<Bytes> parseBase64(std::string_view text) {
+  static constexpr auto kTable = decodeTable();
+  if (text.size() % 4 != 0) return std::nullopt;
+  std::size_t padding = 0;
+  while (padding < 2 && padding < text.size() && text[text.size() - 1 - padding] == '=') ++padding;
+  const std::size_t digits = text.size() - padding;
+  Bytes bytes;
+  bytes.reserve(text.size() / 4 * 3);
+  std::uint32_t group = 0;
+  unsigned bits = 0;
+  for (std::size_t i = 0; i < digits; ++i) {
+    const int value = kTable[static_cast<unsigned char>(text[i])];
+    if (value < 0) return std::nullopt;
+    group = group << 6 | static_cast<std::uint32_t>(value);
+    bits += 6;
+    if (bits >= 8) {
+      bits -= 8;
+      bytes.push_back(static_cast<std::uint8_t>(group >> bits & 0xFF));
+    }
+  }
+  // Bits behind the last whole byte must be zero, or several texts would stand for one value.
+  if (bits > 0 && (group & ((1U << bits) - 1)) != 0) return std::nullopt;
+  return bytes;
+}
+
+std::string percentEncode(std::string_view text) {
+  std::string out;
+  for (const char c : text) {
+    const bool unreserved = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '-' ||
+                            c == '.' || c == '_' || c == '~';
+    if (unreserved) {
+      out += c;
+    } else {
+      out += '%';
+      out += kHexUpper[static_cast<unsigned char>(c) >> 4];
+      out += kHexUpper[static_cast<unsigned char>(c) & 15];
+    }
+  }
+  return out;
+}
+
+}  // namespace sorvane::base

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <time.h>
+
+#include <cstddef>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace sorvane::base {
+
+// The few things that differ between the systems. Declared here, defined in platform/linux/system.cpp and its macOS twin.
+
+/// Flushes a file or folder to the disk itself; 0, or -1 with errno.
+int syncToDisk(int fd);
+/// The same for the data of a file, without metadata that a reader does not need.
+int syncDataToDisk(int fd);
+/// The change time of a file's status record.
+timespec changeTime(const struct stat& status);
+
+/// Bytes of a Unix-domain socket path, the closing zero included, that the system accepts.
+std::size_t maxSocketPath();
+
+/// Who is at the other end of a Unix-domain socket. `pid` is 0 when the system does not say.
+struct PeerCredentials {
+  pid_t pid = 0;
+  uid_t uid = 0;
+};
+/// nullopt when the system does not answer; such a peer is treated as a stranger.
+std::optional<PeerCredentials> peerCredentials(int socket);
+
+/// A live process as the owner should see it. `startedAt` is the system's own count and tells a reused pid from the old one.
+struct ProcessInfo {
+  pid_t pid = 0;
+  pid_t parent = 0;
+  std::string name;
+  unsigned long long startedAt = 0;
+};
+/// nullopt for a process that is gone.
+std::optional<ProcessInfo> processInfo(pid_t pid);
+/// The process and its ancestors, nearest first, at most 16, without process 1.
+std::vector<ProcessInfo> processChain(pid_t pid);
+
+/// Makes this process unreadable to others of the same user and keeps it from leaving core files. Called first in main.
+void hardenProcess();
+
+/// The folder for the application's data when nothing else is said, such as "~/.local/share/sorvane". Empty when the user has
+/// no home folder.
+std::filesystem::path defaultSupportFolder();
+
+}  // namespace sorvane::base

@@ -1,0 +1,79 @@
+#include "base/system.h"
+
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <charconv>
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <string>
+
+namespace sorvane::base {
+
+int syncToDisk(int fd) { return ::fsync(fd); }
+int syncDataToDisk(int fd) { return ::fdatasync(fd); }
+timespec changeTime(const struct stat& status) { return status.st_ctim; }
+std::size_t maxSocketPath() { return sizeof(sockaddr_un{}.sun_path); }
+
+std::optional<PeerCredentials> peerCredentials(int socket) {
+  ucred credentials{};
+  socklen_t size = sizeof credentials;
+  if (::getsockopt(socket, SOL_SOCKET, SO_PEERCRED, &credentials, &size) != 0) return std::nullopt;
+  return PeerCredentials{credentials.pid, credentials.uid};
+}
+
+std::optional<ProcessInfo> processInfo(pid_t pid) {
+  // proc_pid_stat(5): pid (comm) state ppid … with the start time as field 22. The name may hold spaces and parentheses.
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  const std::string text((std::istreambuf_iterator<char>(file)), {});
+  const std::size_t open = text.find('('), close = text.rfind(')');
+  if (open == std::string::npos || close == std::string::npos || close < open) return std::nullopt;
+  ProcessInfo info;
+  info.pid = pid;
+  info.name = text.substr(open + 1, close - open - 1);
+  std::size_t at = close + 1;
+  for (int field = 3; field <= 22; ++field) {
+    const std::size_t start = text.find_first_not_of(' ', at);
+    if (start == std::string::npos) return std::nullopt;
+    at = text.find(' ', start);
+    if (at == std::string::npos) at = text.size();
+    if (field == 4) std::from_chars(text.data() + start, text.data() + at, info.parent);
+    if (field == 22) std::from_chars(text.data() + start, text.data() + at, info.startedAt);
+  }
+  return info;
+}
+
+std::vector<ProcessInfo> processChain(pid_t pid) {
+  constexpr std::size_t kMost = 16;
+  std::vector<ProcessInfo> chain;
+  while (pid > 1 && chain.size() < kMost) {
+    const auto info = processInfo(pid);
+    if (!info) break;
+    chain.push_back(*info);
+    pid = info->parent;
+  }
+  return chain;
+}
+
+void hardenProcess() {
+  ::prctl(PR_SET_DUMPABLE, 0);
+  const rlimit none{0, 0};
+  ::setrlimit(RLIMIT_CORE, &none);
+}
+
+std::filesystem::path defaultSupportFolder() {
+  // XDG base directories: a relative XDG_DATA_HOME is to be ignored.
+  if (const char* data = std::getenv("XDG_DATA_HOME"); data != nullptr && *data == '/') {
+    return std::filesystem::path(data) / "sorvane";
+  }
+  if (const char* home = std::getenv("HOME"); home != nullptr && *home == '/') {
+    return std::filesystem::path(home) / ".local/share/sorvane";
+  }
+  return {};
+}
+
+}  // namespace sorvane::base

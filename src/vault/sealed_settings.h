@@ -1,0 +1,43 @@
+#pragma once
+
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include "base/error.h"
+#include "base/secret_text.h"
+
+namespace sorvane::vault {
+
+class Vault;
+
+/// SettingError tells why a sealed setting could not be read or saved; its sentence may be shown.
+class SettingError : public base::Error {
+ public:
+  enum class Case { storage, wrongKey };
+  SettingError(Case kind, const std::string& sentence) : Error(sentence), kind_(kind) {}
+  Case kind() const { return kind_; }
+
+ private:
+  Case kind_;
+};
+
+/// SealedSettings keeps small records sealed under the vault key, one credential-store item each: AES-256-GCM with the
+/// associated data "sorvane.sealed." + name + ".v1", as base64 text. A record may be at most kMaxSettingBytes long, which is
+/// what fits the store once sealed. Safe from any thread. The names in use are constants below.
+class SealedSettings {
+ public:
+  static constexpr std::size_t kMaxSettingBytes = 3000;
+
+  virtual ~SealedSettings() = default;
+  /// nullopt when the setting was never saved. Throws SettingError: wrongKey when the vault key does not open it.
+  virtual std::optional<base::SecretText> load(std::string_view name) = 0;
+  virtual void save(std::string_view name, std::string_view record) = 0;
+  virtual void remove(std::string_view name) = 0;
+};
+
+inline constexpr std::string_view kApprovalPolicySetting = "approval-policy";
+inline constexpr std::string_view kAgentClientsSetting = "agent-clients";
+inline constexpr std::string_view kSecuritySetting = "security-settings";
+
+}  // namespace sorvane::vault

@@ -1,0 +1,231 @@
+#pragma once
+
+#include <atomic>
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <unordered_map>
+#include <vector>
+
+#include "base/clock.h"
+#include "base/error.h"
+#include "base/files.h"
+#include "base/mutex.h"
+#include "vault/env_export.h"
+#include "vault/records.h"
+#include "vault/revocation.h"
+#include "vault/secret_store.h"
+
+namespace sorvane::vault {
+
+/// VaultError carries a sentence that is shown as it stands.
+class VaultError : public base::Error {
+ public:
+  using Error::Error;
+};
+
+/// Records is one decoded state of the vault's metadata. Immutable; kept and shared while the files are unchanged.
+struct Records {
+  std::vector<Secret> secrets;      ///< in order of creation
+  std::vector<Project> projects;    ///< in order of creation
+
+  /// nullptr when there is none. Names are compared in NFC, case-sensitively, after trimming.
+  const Secret* secretById(std::string_view id) const;
+  const Secret* secretByName(std::string_view name) const;
+  const Project* projectById(std::string_view id) const;
+  const Project* projectByName(std::string_view name) const;
+  /// Environments that bind the secret, in order; with `version`, only those whose binding selects that version.
+  std::vector<const Project*> projectsUsing(std::string_view secretId, std::optional<std::int64_t> version = {}) const;
+
+  // Filled by the vault when the state is decoded.
+  std::unordered_map<std::string, std::size_t> secretIndexById, secretIndexByName, projectIndexById, projectIndexByName;
+};
+
+/// Who takes values out, for the access log.
+struct AccessContext {
+  std::string actor;
+  std::string tool;
+  std::string source;
+  std::optional<std::string> requestor;
+};
+
+struct NewVersion {
+  base::SecretText value;
+  std::optional<std::string> label;
+  std::optional<Date> expiresAt;
+  std::optional<std::vector<std::string>> allowedDeploymentTargets;
+};
+
+struct NewSecret {
+  std::string name;
+  std::string description;
+  std::vector<std::string> tags;
+  std::optional<std::string> icon;
+  bool isFavorite = false;
+  NewVersion first;
+};
+
+/// Absent fields stay as they are; an inner nullopt clears the field.
+struct SecretEdit {
+  std::optional<std::string> description;
+  std::optional<std::vector<std::string>> tags;
+  std::optional<std::optional<std::string>> icon;
+  std::optional<bool> isFavorite;
+};
+
+struct VersionEdit {
+  std::optional<std::optional<std::string>> label;
+  std::optional<std::optional<Date>> expiresAt;
+};
+
+struct NewEnvironment {
+  std::string name;
+  std::string description;
+  std::optional<std::string> rootPath;
+  std::optional<std::string> deploymentTarget;
+};
+
+struct EnvironmentEdit {
+  std::optional<std::string> description;
+  std::optional<std::optional<std::string>> rootPath;
+};
+
+/// One variable as a command gets it.
+struct RenderedVariable {
+  std::string name;
+  base::SecretText value;
+};
+
+/// A rendered environment: the lines for a file, and the same values by themselves for a command.
+struct RenderedEnvironment {
+  std::string environmentId;
+  std::string environment;
+  std::optional<std::string> rootPath;
+  std::optional<std::string> deploymentTarget;
+  RenderResult result;
+  std::vector<RenderedVariable> variables;
+  /// Names of run-control variables that this environment may deliver to a command.
+  std::vector<std::string> runControlAllowed;
+};
+
+/// Whether a render hands values out, and is logged, or only tells what it would hold.
+enum class RenderValues { deliver, redact };
+
+/// What stands in the place of a value that is not shown.
+inline constexpr std::string_view kRedacted = "‹redacted›";
+
+struct Selection {
+  std::string secretId;
+  std::string variable;
+};
+
+/// How far a long operation is; called between items, may throw to stop it there.
+using Progress = std::function<void(std::int64_t done, std::int64_t total)>;
+
+struct LogRepair {
+  std::int64_t kept = 0;
+  std::int64_t moved = 0;
+  std::filesystem::path movedTo;  ///< empty when nothing was moved
+};
+
+class SealedSettings;
+
+/// Vault owns the vault directory and the credential store: the one gate through which records and values are read and
+/// changed. Every operation runs under one recursive lock and is safe from any thread; callers see whole changes only.
+///
+/// Opening never throws for damaged contents: `storageFailure` then holds the sentence, and every other operation throws
+/// VaultError with it. Failures are VaultError, DeploymentPolicyError or SecretStoreError; after any of them the files are as
+/// they were. Records hold no values; values leave through `reveal`, `render` and `exportSecrets` only, each logged first.
+class Vault {
+ public:
+  struct Ports {
+    base::Files& files;
+    EnumerableSecretStore& store;
+    const base::Clock& clock;
+    SessionRevoker& sessions;
+  };
+
+  /// Opens the vault in `directory`, or makes a new one when the directory holds none.
+  Vault(std::filesystem::path directory, Ports ports);
+  ~Vault();
+  Vault(const Vault&) = delete;
+  Vault& operator=(const Vault&) = delete;
+
+  std::optional<std::string> storageFailure() const;
+  std::string generation() const;
+  const std::filesystem::path& directory() const { return directory_; }
+
+  /// The present records; cheap while the files are unchanged.
+  std::shared_ptr<const Records> records();
+
+  // Secrets. Each returns the record as it is afterwards. Ids that name nothing throw VaultError.
+  Secret createSecret(NewSecret secret);
+  Secret editSecret(std::string_view id, const SecretEdit& edit);
+  Secret editVersion(std::string_view id, std::int64_t version, const VersionEdit& edit);
+  enum class Rebind { no, yes };
+  /// With Rebind::yes variables that bear the old name in bindings of this secret get the new one.
+  Secret renameSecret(std::string_view id, std::string_view name, Rebind rebind);
+  Secret addVersion(std::string_view id, NewVersion version);
+  /// Copies an earlier version's value into a new version with its label, expiry and targets, and makes that current.
+  Secret restoreVersion(std::string_view id, std::int64_t version);
+  /// nullopt lifts the limit.
+  Secret limitVersion(std::string_view id, std::int64_t version, const std::optional<std::vector<std::string>>& targets);
+  /// Bindings to the secret stay and are reported as missing by renders.
+  void deleteSecret(std::string_view id);
+
+  // Environments.
+  Project createEnvironment(const NewEnvironment& environment);
+  Project editEnvironment(std::string_view id, const EnvironmentEdit& edit);
+  Project renameEnvironment(std::string_view id, std::string_view name);
+  Project setTarget(std::string_view id, const std::optional<std::string>& target);
+  /// Adds the variable at the end, or replaces the binding of that name in its place.
+  Project bind(std::string_view id, const EnvBinding& binding);
+  Project unbind(std::string_view id, std::string_view envVarName);
+  /// Moves a variable to the zero-based `position` (clamped to the end).
+  Project moveBinding(std::string_view id, std::string_view envVarName, std::size_t position);
+  void deleteEnvironment(std::string_view id);
+
+  // Values.
+  /// Without `version` the current one. `requestedTarget` is checked when the version is limited.
+  RevealResult reveal(std::string_view secretId, std::optional<std::int64_t> version, const AccessContext& context);
+  RenderedEnvironment render(std::string_view projectId, const std::optional<std::string>& requestedTarget,
+                             RenderValues values, const AccessContext& context);
+  std::vector<base::SecretText> exportSecrets(const std::vector<Selection>& selection, const AccessContext& context);
+  /// Every environment, each rendered for its own target, or refused with its reason.
+  std::vector<Exported> exportAll(const AccessContext& context);
+
+  // Access log.
+  void log(const std::vector<AccessEvent>& events);
+  /// One event that concerns no value, made now.
+  void log(const AccessContext& context, const std::optional<std::string>& projectId = {});
+  /// Throws VaultError "The audit log could not be read, so usage is unavailable." when a line does not decode.
+  std::vector<AccessEvent> accessLog();
+  /// Moves lines that do not decode into a file beside the log.
+  LogRepair repairAccessLog();
+
+  /// Purges versions retired more than `days` days ago and removes values that no record names.
+  VaultGcReport collectGarbage(std::int64_t days, const Progress& progress = {});
+
+  /// The sealed settings of this vault.
+  SealedSettings& settings();
+
+  // Observers, called after the change is on disk with no lock held. The returned token unregisters.
+  using ObserverToken = std::string;
+  ObserverToken observeSecretChanges(std::function<void(const std::vector<std::string>& ids)> observer);
+  ObserverToken observeSecretCreated(std::function<void(const std::string& id, const std::string& name)> observer);
+  ObserverToken observeSecretRemoved(std::function<void(const std::string& id)> observer);
+  void stopObserving(const ObserverToken& token);
+
+  /// Called with a count before every write of a journalled change; a test throws from it, or ends the process there.
+  std::function<void(int boundary)> reversalWriteBoundary;
+
+ private:
+  // The vault's helper lays out its private parts here.
+  const std::filesystem::path directory_;
+};
+
+}  // namespace sorvane::vault
