@@ -13,8 +13,8 @@
 
 namespace sorvane::agent {
 
-/// What the owner is asked. `kind`, `reason`, `subject` and the targets are this system's own words; `requestor` and the
-/// quoted details come from the caller and are shown as such.
+/// What the owner is asked. `kind`, `reason`, `subject` and the targets are this system's own words; `requestor` and
+/// the quoted details come from the caller and are shown as such.
 struct OwnerApprovalPrompt {
   enum class Kind { readSecret, useEnvironment, taskSession, other };
   Kind kind = Kind::other;
@@ -29,15 +29,15 @@ std::string_view word(OwnerApprovalPrompt::Kind kind);
 
 /// Who waits for the answer, and what is shown beside the reason.
 struct ApprovalContext {
-  std::string label;                          ///< the grant's label, or "Terminal"
-  std::string callerIdentity;                 ///< equal only for the same caller
-  std::vector<base::ProcessInfo> processes;   ///< the asking process and its parents; empty when the system did not say
-  std::vector<std::string> commandWords;      ///< of runEnv, shown whole; empty for other operations
-  std::optional<std::string> directory;       ///< of runEnv, shown whole
-  std::vector<std::string> details;           ///< further lines of the system's own words, such as "Raw values leave the vault."
-  std::string requestDigest;                  ///< SHA-256 of the request's bytes: equal requests may be answered together
-  bool mayBeAnsweredTogether = false;         ///< reads only, never an action of the owner's own
-  std::stop_token withdrawn;                  ///< stopped when the client is gone or the server stops
+  std::string label;                         ///< the grant's label, or "Terminal"
+  std::string callerIdentity;                ///< equal only for the same caller
+  std::vector<base::ProcessInfo> processes;  ///< the asking process and its parents; empty when the system did not say
+  std::vector<std::string> commandWords;     ///< of runEnv, shown whole; empty for other operations
+  std::optional<std::string> directory;      ///< of runEnv, shown whole
+  std::vector<std::string> details;  ///< further lines of the system's own words, such as "Raw values leave the vault."
+  std::string requestDigest;         ///< SHA-256 of the request's bytes: equal requests may be answered together
+  bool mayBeAnsweredTogether = false;  ///< reads only, never an action of the owner's own
+  std::stop_token withdrawn;           ///< stopped when the client is gone or the server stops
 };
 
 /// ApprovalProvider is the application's own way to ask: the terminal it runs on, later a window or a paired phone.
@@ -59,7 +59,8 @@ class SystemOwnerPrompt {
   virtual Answer ask(const OwnerApprovalPrompt& prompt, const ApprovalContext& context) = 0;
 };
 
-/// The owner's policy for the agent operations; stored as the name of the case ("unlocked", "perRequest", "perEnvironment").
+/// The owner's policy for the agent operations; stored as the name of the case ("unlocked", "perRequest",
+/// "perEnvironment").
 enum class AgentApproval { unlocked, perRequest, perEnvironment };
 std::string_view word(AgentApproval policy);
 std::optional<AgentApproval> agentApprovalOf(std::string_view word);

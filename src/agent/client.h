@@ -10,7 +10,8 @@
 
 namespace sorvane::agent {
 
-/// ClientError tells why no answer was had. `unavailable`: the application is not running or its endpoint cannot be read.
+/// ClientError tells why no answer was had. `unavailable`: the application is not running or its endpoint cannot be
+/// read.
 class ClientError : public base::Error {
  public:
   enum class Case { unavailable, badAnswer };
@@ -21,12 +22,12 @@ class ClientError : public base::Error {
   Case kind_;
 };
 
-/// Reads "agent.json" of a support folder. Throws ClientError::unavailable when it is missing, not a regular file of this user,
-/// or does not decode.
+/// Reads "agent.json" of a support folder. Throws ClientError::unavailable when it is missing, not a regular file of
+/// this user, or does not decode.
 AgentInfo readEndpoint(const std::filesystem::path& supportFolder);
 
-/// Sends one request and waits for its answer, which may take as long as the owner takes to decide. The peer must run as this
-/// user. Throws ClientError.
+/// Sends one request and waits for its answer, which may take as long as the owner takes to decide. The peer must run
+/// as this user. Throws ClientError.
 AgentResponse exchange(const std::string& socketPath, const AgentRequest& request);
 
 }  // namespace sorvane::agent

@@ -19,8 +19,8 @@ class ProcessHost;
 /// Bytes of masked output that are kept.
 inline constexpr std::size_t kMaxOutputBytes = 200000;
 
-/// What a run came to. `exitCode` is the process's termination status, 128 + n for signal n; absent when the command never
-/// started or was cancelled.
+/// What a run came to. `exitCode` is the process's termination status, 128 + n for signal n; absent when the command
+/// never started or was cancelled.
 struct RunResult {
   std::optional<std::int32_t> exitCode;
   std::string output;
@@ -60,8 +60,8 @@ class CommandControl {
   std::shared_ptr<State> state_;
 };
 
-/// CommandRunner runs commands with values injected and returns their combined, masked output. Any thread; `run` blocks until
-/// the command has ended and what it left behind is being cleared away.
+/// CommandRunner runs commands with values injected and returns their combined, masked output. Any thread; `run` blocks
+/// until the command has ended and what it left behind is being cleared away.
 class CommandRunner {
  public:
   explicit CommandRunner(ProcessHost& host) : host_(host) {}

@@ -13,10 +13,10 @@ namespace sorvane::agent {
 /// What stands in the place of a value.
 inline constexpr std::string_view kMask = "‹redacted›";
 
-/// Masker knows a set of values and their encoded forms and is built once per command. Immutable, safe from any thread; its
-/// needles are wiped with it. Empty values are no needles. Values of kEncodedFormsFrom bytes or more are also known as standard
-/// and URL-safe base64 at all three alignments, lower- and upper-case hexadecimal, percent-encoded, JSON-escaped, and line by
-/// line where a value has several lines of kEncodedFormsFrom bytes or more.
+/// Masker knows a set of values and their encoded forms and is built once per command. Immutable, safe from any thread;
+/// its needles are wiped with it. Empty values are no needles. Values of kEncodedFormsFrom bytes or more are also known
+/// as standard and URL-safe base64 at all three alignments, lower- and upper-case hexadecimal, percent-encoded,
+/// JSON-escaped, and line by line where a value has several lines of kEncodedFormsFrom bytes or more.
 class Masker {
  public:
   static constexpr std::size_t kEncodedFormsFrom = 8;
@@ -35,9 +35,9 @@ class Masker {
   std::unique_ptr<const Index> index_;
 };
 
-/// MaskingStream replaces every match in a stream of any length, whatever the pieces it comes in; matches that overlap become
-/// one mask. It holds back fewer bytes than the longest needle. Invalid UTF-8 comes out as U+FFFD, and no piece of the output
-/// ends inside a character. The masker must outlive it. One thread at a time.
+/// MaskingStream replaces every match in a stream of any length, whatever the pieces it comes in; matches that overlap
+/// become one mask. It holds back fewer bytes than the longest needle. Invalid UTF-8 comes out as U+FFFD, and no piece
+/// of the output ends inside a character. The masker must outlive it. One thread at a time.
 class MaskingStream {
  public:
   explicit MaskingStream(const Masker& masker);

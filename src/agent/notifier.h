@@ -4,8 +4,8 @@
 
 namespace sorvane::agent {
 
-/// Notifier shows the owner that something happened. Never blocks for long, never throws, never gets a secret value; silent
-/// where the system has no notifications. Any thread.
+/// Notifier shows the owner that something happened. Never blocks for long, never throws, never gets a secret value;
+/// silent where the system has no notifications. Any thread.
 class Notifier {
  public:
   virtual ~Notifier() = default;

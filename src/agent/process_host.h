@@ -20,12 +20,13 @@ class LaunchError : public base::Error {
 };
 
 struct LaunchSpec {
-  std::vector<std::string> words;              ///< handed to /usr/bin/env as its arguments
-  std::vector<base::SecretText> environment;   ///< "NAME=value", complete
+  std::vector<std::string> words;             ///< handed to /usr/bin/env as its arguments
+  std::vector<base::SecretText> environment;  ///< "NAME=value", complete
   std::string directory;
 };
 
-/// HostedProcess is a started command in a process group of its own, with its standard output and error joined in one pipe.
+/// HostedProcess is a started command in a process group of its own, with its standard output and error joined in one
+/// pipe.
 class HostedProcess {
  public:
   virtual ~HostedProcess() = default;
@@ -38,8 +39,8 @@ class HostedProcess {
   virtual std::int32_t wait() = 0;
   /// Signals the whole process group. Nothing happens once the command was waited for and its group is gone.
   virtual void signal(int number) = 0;
-  /// Ends what the command left running: SIGTERM, two seconds later SIGKILL, until none of its descendants is left. Does not
-  /// block.
+  /// Ends what the command left running: SIGTERM, two seconds later SIGKILL, until none of its descendants is left.
+  /// Does not block.
   virtual void clear() = 0;
 };
 

@@ -13,8 +13,8 @@
 
 namespace sorvane::agent {
 
-// The wire format of the agent socket: one JSON request to the end of the client's stream, one JSON response, then close.
-// docs/agent-protocol.md describes it for authors of clients.
+// The wire format of the agent socket: one JSON request to the end of the client's stream, one JSON response, then
+// close. docs/agent-protocol.md describes it for authors of clients.
 
 /// Largest request that is parsed, in bytes.
 inline constexpr std::size_t kMaxRequestBytes = 65536;
@@ -135,13 +135,13 @@ struct AgentInfo {
 };
 
 /// Capabilities that are always offered, in this order; "key_requests_v1" and "local_proxy_v1" follow where they exist.
-inline constexpr std::array<std::string_view, 6> kCapabilities{"task_sessions_v1",  "vault_controller_v1",
+inline constexpr std::array<std::string_view, 6> kCapabilities{"task_sessions_v1",     "vault_controller_v1",
                                                                "deployment_policy_v1", "run_env_v1",
-                                                               "offboard_v1",       "clipboard_capture_v1"};
+                                                               "offboard_v1",          "clipboard_capture_v1"};
 
-// Encoders never fail for valid UTF-8. Decoders are pure and take foreign bytes: nullopt unless the text is one JSON object of
-// the right shape (strict UTF-8, no duplicate keys, at most base::kMaxJsonDepth deep, no NUL in any text, an integer where one
-// is due, null accepted for an absent optional field). Unknown fields are passed over.
+// Encoders never fail for valid UTF-8. Decoders are pure and take foreign bytes: nullopt unless the text is one JSON
+// object of the right shape (strict UTF-8, no duplicate keys, at most base::kMaxJsonDepth deep, no NUL in any text, an
+// integer where one is due, null accepted for an absent optional field). Unknown fields are passed over.
 base::SecretText encodeRequest(const AgentRequest& request);
 std::optional<AgentRequest> decodeRequest(std::string_view text);
 base::SecretText encodeResponse(const AgentResponse& response);

@@ -57,10 +57,18 @@ int hexDigit(char c) {
 
 }  // namespace
 
-std::string hexLower(std::span<const std::uint8_t> bytes) { return hex(bytes, kHexLower); }
-std::string hexUpper(std::span<const std::uint8_t> bytes) { return hex(bytes, kHexUpper); }
-std::string base64(std::span<const std::uint8_t> bytes) { return encode64(bytes, kStandard, true); }
-std::string base64Url(std::span<const std::uint8_t> bytes) { return encode64(bytes, kUrlSafe, false); }
+std::string hexLower(std::span<const std::uint8_t> bytes) {
+  return hex(bytes, kHexLower);
+}
+std::string hexUpper(std::span<const std::uint8_t> bytes) {
+  return hex(bytes, kHexUpper);
+}
+std::string base64(std::span<const std::uint8_t> bytes) {
+  return encode64(bytes, kStandard, true);
+}
+std::string base64Url(std::span<const std::uint8_t> bytes) {
+  return encode64(bytes, kUrlSafe, false);
+}
 
 std::optional<Bytes> parseHex(std::string_view text) {
   if (text.size() % 2 != 0) return std::nullopt;

@@ -30,7 +30,8 @@ Fields fieldsOf(Date date) {
 
 void appendDigits(std::string& text, unsigned value, int width) {
   std::array<char, 4> digits{};
-  for (int i = width - 1; i >= 0; --i, value /= 10) digits[static_cast<std::size_t>(i)] = static_cast<char>('0' + value % 10);
+  for (int i = width - 1; i >= 0; --i, value /= 10)
+    digits[static_cast<std::size_t>(i)] = static_cast<char>('0' + value % 10);
   text.append(digits.data(), static_cast<std::size_t>(width));
 }
 

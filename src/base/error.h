@@ -6,8 +6,8 @@
 
 namespace sorvane::base {
 
-/// Error is the root of every failure that a person or an agent may see. `sentence()` is the whole text, shown as it stands;
-/// it never holds a secret value. Rooms derive their own types (`VaultError`, `SecretStoreError`, …).
+/// Error is the root of every failure that a person or an agent may see. `sentence()` is the whole text, shown as it
+/// stands; it never holds a secret value. Rooms derive their own types (`VaultError`, `SecretStoreError`, …).
 class Error : public std::exception {
  public:
   explicit Error(std::string sentence) : sentence_(std::move(sentence)) {}

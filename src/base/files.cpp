@@ -21,7 +21,8 @@ namespace fs = std::filesystem;
 
 [[noreturn]] void fail(const std::string& what, const fs::path& path) {
   const int number = errno;
-  throw FileError("could not " + what + " " + path.string() + " (" + std::system_category().message(number) + ")", number);
+  throw FileError("could not " + what + " " + path.string() + " (" + std::system_category().message(number) + ")",
+                  number);
 }
 
 FileIdentity identityOf(const struct stat& status) {
@@ -81,7 +82,7 @@ std::optional<Files::Contents> SystemFiles::read(const fs::path& path, std::uint
     if (errno == ENOENT) return std::nullopt;
     fail("read", path);
   }
-  struct stat status{};
+  struct stat status {};
   if (::fstat(file.get(), &status) != 0) fail("read", path);
   if (!S_ISREG(status.st_mode)) throw FileError(path.string() + " is not a regular file", EINVAL);
   if (static_cast<std::uint64_t>(status.st_size) > limit) throw FileError(path.string() + " is too large", EFBIG);
@@ -99,7 +100,7 @@ std::optional<Files::Contents> SystemFiles::read(const fs::path& path, std::uint
 }
 
 std::optional<FileIdentity> SystemFiles::identity(const fs::path& path) const {
-  struct stat status{};
+  struct stat status {};
   if (::lstat(path.c_str(), &status) != 0) {
     if (errno == ENOENT || errno == ENOTDIR) return std::nullopt;
     fail("look at", path);
@@ -128,7 +129,7 @@ void SystemFiles::append(const fs::path& path, std::span<const std::uint8_t> byt
     created = true;
   }
   if (!file) fail("append to", path);
-  struct stat status{};
+  struct stat status {};
   if (::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) {
     throw FileError(path.string() + " is not a regular file", EINVAL);
   }

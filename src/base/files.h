@@ -22,7 +22,8 @@ class FileError : public Error {
   int number_;
 };
 
-/// FileIdentity tells whether a file is still the one that was read: a replaced or rewritten file differs in one of these.
+/// FileIdentity tells whether a file is still the one that was read: a replaced or rewritten file differs in one of
+/// these.
 struct FileIdentity {
   std::uint64_t device = 0;
   std::uint64_t inode = 0;
@@ -32,8 +33,8 @@ struct FileIdentity {
   bool operator==(const FileIdentity&) const = default;
 };
 
-/// Files is the file system as the vault and its neighbours use it. A test puts a failing one in its place. Every file is made
-/// with mode 0600 and every folder with 0700. Failures are FileError. Safe from any thread.
+/// Files is the file system as the vault and its neighbours use it. A test puts a failing one in its place. Every file
+/// is made with mode 0600 and every folder with 0700. Failures are FileError. Safe from any thread.
 class Files {
  public:
   virtual ~Files() = default;
@@ -43,15 +44,16 @@ class Files {
     FileIdentity identity;  ///< of the very file that was read
   };
 
-  /// The whole file, or nullopt when there is none. Refuses anything but a regular file. `limit` bounds the size in bytes.
+  /// The whole file, or nullopt when there is none. Refuses anything but a regular file. `limit` bounds the size in
+  /// bytes.
   virtual std::optional<Contents> read(const std::filesystem::path& path, std::uint64_t limit = kNoLimit) const = 0;
   /// The identity of the regular file at `path`, or nullopt when there is none. Links are not followed.
   virtual std::optional<FileIdentity> identity(const std::filesystem::path& path) const = 0;
-  /// Replaces the file as a whole: temporary file beside it, synced, renamed over it, folder synced. When it throws, the old
-  /// file is still there.
+  /// Replaces the file as a whole: temporary file beside it, synced, renamed over it, folder synced. When it throws,
+  /// the old file is still there.
   virtual FileIdentity writeAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes) = 0;
-  /// Adds `bytes` at the end with one write and syncs the data; makes the file when there is none. On failure the file is cut
-  /// back to its earlier size.
+  /// Adds `bytes` at the end with one write and syncs the data; makes the file when there is none. On failure the file
+  /// is cut back to its earlier size.
   virtual void append(const std::filesystem::path& path, std::span<const std::uint8_t> bytes) = 0;
   /// Removes a file; one that does not exist is no failure. The folder is synced.
   virtual void remove(const std::filesystem::path& path) = 0;

@@ -43,6 +43,8 @@ class StrictCheck : public nlohmann::json_sax<Json> {
 }  // namespace
 
 std::optional<Json> parseJson(std::string_view text) {
+  // The parser takes a NUL byte for the end of the text and would pass over what follows.
+  if (text.find('\0') != std::string_view::npos) return std::nullopt;
   StrictCheck check;
   if (!Json::sax_parse(text.begin(), text.end(), &check)) return std::nullopt;
   Json value = Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);

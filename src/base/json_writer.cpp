@@ -7,7 +7,9 @@ namespace {
 
 constexpr std::string_view kSpaces = "                                                                ";
 
-bool needsEscape(char c) { return static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\'; }
+bool needsEscape(char c) {
+  return static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\';
+}
 
 }  // namespace
 
@@ -20,13 +22,27 @@ void appendJsonString(SecretText& out, std::string_view text) {
     out.append(text.substr(start, i - start));
     start = i + 1;
     switch (text[i]) {
-      case '"': out.append("\\\""); break;
-      case '\\': out.append("\\\\"); break;
-      case '\n': out.append("\\n"); break;
-      case '\r': out.append("\\r"); break;
-      case '\t': out.append("\\t"); break;
-      case '\b': out.append("\\b"); break;
-      case '\f': out.append("\\f"); break;
+      case '"':
+        out.append("\\\"");
+        break;
+      case '\\':
+        out.append("\\\\");
+        break;
+      case '\n':
+        out.append("\\n");
+        break;
+      case '\r':
+        out.append("\\r");
+        break;
+      case '\t':
+        out.append("\\t");
+        break;
+      case '\b':
+        out.append("\\b");
+        break;
+      case '\f':
+        out.append("\\f");
+        break;
       default:
         out.append("\\u00");
         out.push_back(kHex[static_cast<unsigned char>(text[i]) >> 4]);
@@ -109,16 +125,13 @@ JsonWriter& JsonWriter::integer(std::int64_t number) {
   return *this;
 }
 
-JsonWriter& JsonWriter::boolean(bool value) { return raw(value ? "true" : "false"); }
+JsonWriter& JsonWriter::boolean(bool value) {
+  return raw(value ? "true" : "false");
+}
 
 JsonWriter& JsonWriter::raw(std::string_view text) {
   separate();
   text_.append(text);
-  return *this;
-}
-
-JsonWriter& JsonWriter::field(std::string_view name, const std::optional<std::string>& text) {
-  if (text) key(name).string(*text);
   return *this;
 }
 

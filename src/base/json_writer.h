@@ -1,5 +1,6 @@
 #pragma once
 
+#include <concepts>
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -10,8 +11,9 @@
 
 namespace sorvane::base {
 
-/// JsonWriter appends JSON text to a wiped buffer without building a value first, so that large records are written at memory
-/// speed and values leave no copies. The caller keeps the key order; strings must be UTF-8. Forward slashes stand plain.
+/// JsonWriter appends JSON text to a wiped buffer without building a value first, so that large records are written at
+/// memory speed and values leave no copies. The caller keeps the key order; strings must be UTF-8. Forward slashes
+/// stand plain.
 class JsonWriter {
  public:
   enum class Style { compact, pretty };
@@ -30,8 +32,11 @@ class JsonWriter {
   JsonWriter& raw(std::string_view text);
 
   JsonWriter& field(std::string_view name, std::string_view text) { return key(name).string(text); }
-  /// Left out when absent.
-  JsonWriter& field(std::string_view name, const std::optional<std::string>& text);
+  /// Left out when absent. A template so that a plain text never converts to an optional on the way.
+  template <std::same_as<std::optional<std::string>> Text>
+  JsonWriter& field(std::string_view name, const Text& text) {
+    return text ? key(name).string(*text) : *this;
+  }
   JsonWriter& strings(std::string_view name, const std::vector<std::string>& list);
 
   void reserve(std::size_t bytes) { text_.reserve(bytes); }

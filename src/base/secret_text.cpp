@@ -31,7 +31,9 @@ void SecretText::resize(std::size_t size) {
   }
 }
 
-bool SecretText::sameAs(std::string_view other) const noexcept { return sameInConstantTime(view(), other); }
+bool SecretText::sameAs(std::string_view other) const noexcept {
+  return sameInConstantTime(view(), other);
+}
 
 bool sameInConstantTime(std::string_view left, std::string_view right) noexcept {
   if (left.size() != right.size()) return false;

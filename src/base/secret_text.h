@@ -34,9 +34,9 @@ struct WipingAllocator {
   }
 };
 
-/// SecretText holds text that must not outlive its owner: it is wiped on destruction and when it grows, moves without leaving
-/// a copy, and copies only through `clone()`. It has no operator== and no stream operator on purpose; `sameAs` compares in
-/// constant time for equal lengths.
+/// SecretText holds text that must not outlive its owner: it is wiped on destruction and when it grows, moves without
+/// leaving a copy, and copies only through `clone()`. It has no operator== and no stream operator on purpose; `sameAs`
+/// compares in constant time for equal lengths.
 class SecretText {
  public:
   SecretText() = default;

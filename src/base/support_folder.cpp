@@ -30,7 +30,7 @@ fs::path supportFolder(const std::optional<std::string>& chosen) {
 }
 
 void checkSupportFolder(const fs::path& folder, WhenMissing whenMissing) {
-  struct stat status{};
+  struct stat status {};
   if (::lstat(folder.c_str(), &status) != 0) {
     if (errno != ENOENT) {
       const std::string reason = std::system_category().message(errno);
@@ -55,8 +55,9 @@ void checkSupportFolder(const fs::path& folder, WhenMissing whenMissing) {
                              " belongs to another user. Choose a folder of your own with --support-dir.");
   }
   if ((status.st_mode & (S_IWGRP | S_IWOTH)) != 0) {
-    throw SupportFolderError("The support folder " + folder.string() +
-                             " can be written by other users. Run chmod 700 on it, or choose another with --support-dir.");
+    throw SupportFolderError(
+        "The support folder " + folder.string() +
+        " can be written by other users. Run chmod 700 on it, or choose another with --support-dir.");
   }
   const std::string socket = (folder / kSocketName).string();
   if (socket.size() + 1 > maxSocketPath()) {

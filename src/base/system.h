@@ -12,7 +12,8 @@
 
 namespace sorvane::base {
 
-// The few things that differ between the systems. Declared here, defined in platform/linux/system.cpp and its macOS twin.
+// The few things that differ between the systems. Declared here, defined in platform/linux/system.cpp and its macOS
+// twin.
 
 /// Flushes a file or folder to the disk itself; 0, or -1 with errno.
 int syncToDisk(int fd);
@@ -32,7 +33,8 @@ struct PeerCredentials {
 /// nullopt when the system does not answer; such a peer is treated as a stranger.
 std::optional<PeerCredentials> peerCredentials(int socket);
 
-/// A live process as the owner should see it. `startedAt` is the system's own count and tells a reused pid from the old one.
+/// A live process as the owner should see it. `startedAt` is the system's own count and tells a reused pid from the old
+/// one.
 struct ProcessInfo {
   pid_t pid = 0;
   pid_t parent = 0;
@@ -47,8 +49,8 @@ std::vector<ProcessInfo> processChain(pid_t pid);
 /// Makes this process unreadable to others of the same user and keeps it from leaving core files. Called first in main.
 void hardenProcess();
 
-/// The folder for the application's data when nothing else is said, such as "~/.local/share/sorvane". Empty when the user has
-/// no home folder.
+/// The folder for the application's data when nothing else is said, such as "~/.local/share/sorvane". Empty when the
+/// user has no home folder.
 std::filesystem::path defaultSupportFolder();
 
 }  // namespace sorvane::base

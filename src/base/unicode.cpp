@@ -10,7 +10,9 @@ namespace {
 
 constexpr std::string_view kReplacement = "\xEF\xBF\xBD";
 
-bool isContinuation(unsigned char byte) { return (byte & 0xC0) == 0x80; }
+bool isContinuation(unsigned char byte) {
+  return (byte & 0xC0) == 0x80;
+}
 
 /// Length of the maximal ill-formed part at the start of `text` (Unicode 15, section 3.9, table 3-8).
 std::size_t illFormedSize(std::string_view text) {
@@ -18,10 +20,14 @@ std::size_t illFormedSize(std::string_view text) {
   const unsigned char first = byte(0);
   std::size_t needed = 0;
   unsigned char low = 0x80, high = 0xBF;
-  if (first >= 0xC2 && first <= 0xDF) needed = 1;
-  else if (first >= 0xE0 && first <= 0xEF) needed = 2;
-  else if (first >= 0xF0 && first <= 0xF4) needed = 3;
-  else return 1;
+  if (first >= 0xC2 && first <= 0xDF)
+    needed = 1;
+  else if (first >= 0xE0 && first <= 0xEF)
+    needed = 2;
+  else if (first >= 0xF0 && first <= 0xF4)
+    needed = 3;
+  else
+    return 1;
   if (first == 0xE0) low = 0xA0;
   if (first == 0xED) high = 0x9F;
   if (first == 0xF0) low = 0x90;
@@ -43,9 +49,12 @@ Decoded decodeUtf8(std::string_view text) {
   if (first < 0x80) return {first, 1, true};
   std::size_t size = 0;
   char32_t value = 0;
-  if ((first & 0xE0) == 0xC0) size = 2, value = first & 0x1F;
-  else if ((first & 0xF0) == 0xE0) size = 3, value = first & 0x0F;
-  else if ((first & 0xF8) == 0xF0) size = 4, value = first & 0x07;
+  if ((first & 0xE0) == 0xC0)
+    size = 2, value = first & 0x1F;
+  else if ((first & 0xF0) == 0xE0)
+    size = 3, value = first & 0x0F;
+  else if ((first & 0xF8) == 0xF0)
+    size = 4, value = first & 0x07;
   if (size == 0 || text.size() < size) return {0xFFFD, illFormedSize(text), false};
   for (std::size_t i = 1; i < size; ++i) {
     if (!isContinuation(byte(i))) return {0xFFFD, illFormedSize(text), false};
@@ -86,11 +95,13 @@ std::string_view prefixOfWholeCharacters(std::string_view text, std::size_t limi
 }
 
 bool isWhiteSpace(char32_t c) {
-  return (c >= 0x09 && c <= 0x0D) || c == 0x20 || c == 0x85 || c == 0xA0 || c == 0x1680 || (c >= 0x2000 && c <= 0x200A) ||
-         c == 0x2028 || c == 0x2029 || c == 0x202F || c == 0x205F || c == 0x3000;
+  return (c >= 0x09 && c <= 0x0D) || c == 0x20 || c == 0x85 || c == 0xA0 || c == 0x1680 ||
+         (c >= 0x2000 && c <= 0x200A) || c == 0x2028 || c == 0x2029 || c == 0x202F || c == 0x205F || c == 0x3000;
 }
 
-bool isControl(char32_t c) { return c < 0x20 || (c >= 0x7F && c <= 0x9F); }
+bool isControl(char32_t c) {
+  return c < 0x20 || (c >= 0x7F && c <= 0x9F);
+}
 
 std::string_view trimmed(std::string_view text) {
   while (!text.empty()) {
@@ -110,9 +121,9 @@ std::string_view trimmed(std::string_view text) {
 
 std::string nfc(std::string_view text) {
   utf8proc_uint8_t* normal = nullptr;
-  const auto size = utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(text.data()),
-                                 static_cast<utf8proc_ssize_t>(text.size()), &normal,
-                                 static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPOSE));
+  const auto size =
+      utf8proc_map(reinterpret_cast<const utf8proc_uint8_t*>(text.data()), static_cast<utf8proc_ssize_t>(text.size()),
+                   &normal, static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPOSE));
   const std::unique_ptr<utf8proc_uint8_t, decltype(&std::free)> owner(normal, &std::free);
   if (size < 0) return std::string(text);
   return std::string(reinterpret_cast<const char*>(normal), static_cast<std::size_t>(size));
@@ -126,14 +137,18 @@ std::string escapedForDisplay(std::string_view text) {
     const std::string_view raw = text.substr(0, decoded.size);
     text.remove_prefix(decoded.size);
     if (!decoded.valid || decoded.character < 0x20 || decoded.character == 0x7F) {
-      if (decoded.valid && decoded.character == '\n') out += "\\n";
-      else if (decoded.valid && decoded.character == '\r') out += "\\r";
-      else if (decoded.valid && decoded.character == '\t') out += "\\t";
-      else for (const char c : raw) {
-        out += "\\x";
-        out += kHex[static_cast<unsigned char>(c) >> 4];
-        out += kHex[static_cast<unsigned char>(c) & 15];
-      }
+      if (decoded.valid && decoded.character == '\n')
+        out += "\\n";
+      else if (decoded.valid && decoded.character == '\r')
+        out += "\\r";
+      else if (decoded.valid && decoded.character == '\t')
+        out += "\\t";
+      else
+        for (const char c : raw) {
+          out += "\\x";
+          out += kHex[static_cast<unsigned char>(c) >> 4];
+          out += kHex[static_cast<unsigned char>(c) & 15];
+        }
       continue;
     }
     const auto category = utf8proc_category(static_cast<utf8proc_int32_t>(decoded.character));

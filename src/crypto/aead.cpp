@@ -44,7 +44,8 @@ base::Bytes seal(const SymmetricKey& key, std::span<const std::uint8_t> plain, s
   return box;
 }
 
-std::optional<base::SecretText> open(const SymmetricKey& key, std::span<const std::uint8_t> box, std::string_view associated) {
+std::optional<base::SecretText> open(const SymmetricKey& key, std::span<const std::uint8_t> box,
+                                     std::string_view associated) {
   if (box.size() < kNonceBytes + kTagBytes) return std::nullopt;
   const Context context = newContext();
   const auto sealed = box.subspan(kNonceBytes, box.size() - kNonceBytes - kTagBytes);

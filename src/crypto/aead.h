@@ -17,7 +17,9 @@ inline constexpr std::size_t kTagBytes = 16;
 /// Seals `plain` under a fresh random nonce; `associated` is authenticated and not stored.
 base::Bytes seal(const SymmetricKey& key, std::span<const std::uint8_t> plain, std::string_view associated);
 
-/// The plain bytes as wiped text, or nullopt when the box was altered, cut, or made under another key or other associated data.
-std::optional<base::SecretText> open(const SymmetricKey& key, std::span<const std::uint8_t> box, std::string_view associated);
+/// The plain bytes as wiped text, or nullopt when the box was altered, cut, or made under another key or other
+/// associated data.
+std::optional<base::SecretText> open(const SymmetricKey& key, std::span<const std::uint8_t> box,
+                                     std::string_view associated);
 
 }  // namespace sorvane::crypto

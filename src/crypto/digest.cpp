@@ -12,6 +12,8 @@ Sha256Digest sha256(std::span<const std::uint8_t> bytes) {
   return digest;
 }
 
-std::string sha256Hex(std::span<const std::uint8_t> bytes) { return base::hexLower(sha256(bytes)); }
+std::string sha256Hex(std::span<const std::uint8_t> bytes) {
+  return base::hexLower(sha256(bytes));
+}
 
 }  // namespace sorvane::crypto

@@ -23,7 +23,9 @@ Initialised initialise() {
   return {locked};
 }
 
-void SymmetricKey::Free::operator()(std::uint8_t* memory) const noexcept { sodium_free(memory); }
+void SymmetricKey::Free::operator()(std::uint8_t* memory) const noexcept {
+  sodium_free(memory);
+}
 
 SymmetricKey::SymmetricKey() {
   sodium();
@@ -44,6 +46,8 @@ std::optional<SymmetricKey> SymmetricKey::fromBytes(std::span<const std::uint8_t
   return key;
 }
 
-SymmetricKey SymmetricKey::clone() const { return *fromBytes(bytes()); }
+SymmetricKey SymmetricKey::clone() const {
+  return *fromBytes(bytes());
+}
 
 }  // namespace sorvane::crypto

@@ -16,8 +16,8 @@ class CryptoFailure : public base::Error {
   using Error::Error;
 };
 
-/// Prepares libsodium; called before the first key is made, any number of times. `memoryIsLocked` is false when the system
-/// refuses to keep pages out of swap, which the application says once at start.
+/// Prepares libsodium; called before the first key is made, any number of times. `memoryIsLocked` is false when the
+/// system refuses to keep pages out of swap, which the application says once at start.
 struct Initialised {
   bool memoryIsLocked;
 };

@@ -26,8 +26,8 @@ struct VersionAccount {
 /// secretId + "#v" + version.
 std::string accountOf(std::string_view secretId, std::int64_t version);
 
-/// Splits at the last "#v"; nullopt unless the part before is not empty and the part behind is a decimal integer, or when the
-/// account is reserved.
+/// Splits at the last "#v"; nullopt unless the part before is not empty and the part behind is a decimal integer, or
+/// when the account is reserved.
 std::optional<VersionAccount> parseVersionAccount(std::string_view account);
 
 bool isReservedAccount(std::string_view account);

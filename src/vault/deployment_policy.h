@@ -36,8 +36,8 @@ struct DeploymentQuestion {
   const std::optional<std::vector<std::string>>& allowedTargets;
 };
 
-/// Decides whether a value may leave; throws DeploymentPolicyError with the first rule that is broken. `value` is looked at
-/// for the mode of a provider key only.
+/// Decides whether a value may leave; throws DeploymentPolicyError with the first rule that is broken. `value` is
+/// looked at for the mode of a provider key only.
 void checkDeployment(const DeploymentQuestion& question, std::string_view value);
 
 /// The rules that need no value: everything but the provider key's mode. Checked before a value is read from the store.
@@ -47,7 +47,8 @@ enum class ProviderKeyMode { none, test, live };
 /// none unless the whole value is (sk|rk|pk)_(test|live)_ and 16 or more letters and digits.
 ProviderKeyMode providerKeyMode(std::string_view value);
 
-/// Entry rules for the targets of a new version: throws VaultError with the sentence when the value's mode does not fit them.
+/// Entry rules for the targets of a new version: throws VaultError with the sentence when the value's mode does not fit
+/// them.
 void checkTargetsAtEntry(const std::optional<std::vector<std::string>>& targets, std::string_view value);
 
 /// Reads words given by an agent or on the command line; throws VaultError "Choose one or more of development, staging,

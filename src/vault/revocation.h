@@ -16,8 +16,8 @@ struct RevokeEnvironments {
 };
 using Revocation = std::variant<RevokeEnvironments, RevokeAll>;
 
-/// SessionRevoker is what the vault tells when access changed; the registry of task sessions implements it. Called without the
-/// vault's observers' lock, from any thread, after the change is on disk. Must not throw.
+/// SessionRevoker is what the vault tells when access changed; the registry of task sessions implements it. Called
+/// without the vault's observers' lock, from any thread, after the change is on disk. Must not throw.
 class SessionRevoker {
  public:
   virtual ~SessionRevoker() = default;

@@ -23,8 +23,8 @@ class SettingError : public base::Error {
 };
 
 /// SealedSettings keeps small records sealed under the vault key, one credential-store item each: AES-256-GCM with the
-/// associated data "sorvane.sealed." + name + ".v1", as base64 text. A record may be at most kMaxSettingBytes long, which is
-/// what fits the store once sealed. Safe from any thread. The names in use are constants below.
+/// associated data "sorvane.sealed." + name + ".v1", as base64 text. A record may be at most kMaxSettingBytes long,
+/// which is what fits the store once sealed. Safe from any thread. The names in use are constants below.
 class SealedSettings {
  public:
   static constexpr std::size_t kMaxSettingBytes = 3000;

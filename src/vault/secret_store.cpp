@@ -17,6 +17,8 @@ SecretStoreError SecretStoreError::backend(const std::string& message) {
   return {Case::backend, "credential store error: " + message, message};
 }
 
-SecretStoreError SecretStoreError::notFound() { return {Case::notFound, "secret value not found", {}}; }
+SecretStoreError SecretStoreError::notFound() {
+  return {Case::notFound, "secret value not found", {}};
+}
 
 }  // namespace sorvane::vault

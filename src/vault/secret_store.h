@@ -35,7 +35,8 @@ class SecretStoreError : public base::Error {
 };
 
 /// SecretStore keeps one small value per account where the system offers a place for it. Values are UTF-8, at most
-/// kMaxValueBytes long. Every call may block on a system prompt; all are safe from any thread. Failures are SecretStoreError.
+/// kMaxValueBytes long. Every call may block on a system prompt; all are safe from any thread. Failures are
+/// SecretStoreError.
 class SecretStore {
  public:
   virtual ~SecretStore() = default;

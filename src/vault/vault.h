@@ -30,8 +30,8 @@ class VaultError : public base::Error {
 
 /// Records is one decoded state of the vault's metadata. Immutable; kept and shared while the files are unchanged.
 struct Records {
-  std::vector<Secret> secrets;      ///< in order of creation
-  std::vector<Project> projects;    ///< in order of creation
+  std::vector<Secret> secrets;    ///< in order of creation
+  std::vector<Project> projects;  ///< in order of creation
 
   /// nullptr when there is none. Names are compared in NFC, case-sensitively, after trimming.
   const Secret* secretById(std::string_view id) const;
@@ -137,9 +137,10 @@ class SealedSettings;
 /// Vault owns the vault directory and the credential store: the one gate through which records and values are read and
 /// changed. Every operation runs under one recursive lock and is safe from any thread; callers see whole changes only.
 ///
-/// Opening never throws for damaged contents: `storageFailure` then holds the sentence, and every other operation throws
-/// VaultError with it. Failures are VaultError, DeploymentPolicyError or SecretStoreError; after any of them the files are as
-/// they were. Records hold no values; values leave through `reveal`, `render` and `exportSecrets` only, each logged first.
+/// Opening never throws for damaged contents: `storageFailure` then holds the sentence, and every other operation
+/// throws VaultError with it. Failures are VaultError, DeploymentPolicyError or SecretStoreError; after any of them the
+/// files are as they were. Records hold no values; values leave through `reveal`, `render` and `exportSecrets` only,
+/// each logged first.
 class Vault {
  public:
   struct Ports {
@@ -173,7 +174,8 @@ class Vault {
   /// Copies an earlier version's value into a new version with its label, expiry and targets, and makes that current.
   Secret restoreVersion(std::string_view id, std::int64_t version);
   /// nullopt lifts the limit.
-  Secret limitVersion(std::string_view id, std::int64_t version, const std::optional<std::vector<std::string>>& targets);
+  Secret limitVersion(std::string_view id, std::int64_t version,
+                      const std::optional<std::vector<std::string>>& targets);
   /// Bindings to the secret stay and are reported as missing by renders.
   void deleteSecret(std::string_view id);
 

@@ -57,7 +57,8 @@ class ManualClock final : public base::Clock {
 
  private:
   mutable base::Mutex mutex_;
-  std::chrono::system_clock::time_point wall_ GUARDED_BY(mutex_) = std::chrono::sys_days{std::chrono::year{2026} / 11 / 21};
+  std::chrono::system_clock::time_point wall_ GUARDED_BY(mutex_) = std::chrono::sys_days{std::chrono::year{2026} / 11 /
+                                                                                         21};
   base::Instant instant_ GUARDED_BY(mutex_){};
 };
 

@@ -14,10 +14,18 @@
 
 namespace sorvane::base {
 
-int syncToDisk(int fd) { return ::fsync(fd); }
-int syncDataToDisk(int fd) { return ::fdatasync(fd); }
-timespec changeTime(const struct stat& status) { return status.st_ctim; }
-std::size_t maxSocketPath() { return sizeof(sockaddr_un{}.sun_path); }
+int syncToDisk(int fd) {
+  return ::fsync(fd);
+}
+int syncDataToDisk(int fd) {
+  return ::fdatasync(fd);
+}
+timespec changeTime(const struct stat& status) {
+  return status.st_ctim;
+}
+std::size_t maxSocketPath() {
+  return sizeof(sockaddr_un{}.sun_path);
+}
 
 std::optional<PeerCredentials> peerCredentials(int socket) {
   ucred credentials{};
@@ -27,7 +35,8 @@ std::optional<PeerCredentials> peerCredentials(int socket) {
 }
 
 std::optional<ProcessInfo> processInfo(pid_t pid) {
-  // proc_pid_stat(5): pid (comm) state ppid … with the start time as field 22. The name may hold spaces and parentheses.
+  // proc_pid_stat(5): pid (comm) state ppid … with the start time as field 22. The name may hold spaces and
+  // parentheses.
   std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
   const std::string text((std::istreambuf_iterator<char>(file)), {});
   const std::size_t open = text.find('('), close = text.rfind(')');
