@@ -45,6 +45,8 @@ class StrictCheck : public nlohmann::json_sax<Json> {
 std::optional<Json> parseJson(std::string_view text) {
   // The parser takes a NUL byte for the end of the text and would pass over what follows.
   if (text.find('\0') != std::string_view::npos) return std::nullopt;
+  // It also skips a byte-order mark, which RFC 8259 (section 8.1) lets a reader refuse.
+  if (text.starts_with("\xEF\xBB\xBF")) return std::nullopt;
   StrictCheck check;
   if (!Json::sax_parse(text.begin(), text.end(), &check)) return std::nullopt;
   Json value = Json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);

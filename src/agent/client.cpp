@@ -1,0 +1,97 @@
+#include "agent/client.h"
+
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <array>
+#include <cerrno>
+#include <cstring>
+
+#include "base/descriptor.h"
+#include "base/files.h"
+#include "base/support_folder.h"
+#include "base/system.h"
+
+namespace sorvane::agent {
+namespace {
+
+constexpr std::uint64_t kMaxEndpointBytes = 64 * 1024;
+
+[[noreturn]] void unavailable(const std::string& what) {
+  throw ClientError(ClientError::Case::unavailable, what + " Start sorvaned and try again.");
+}
+
+base::Descriptor connectTo(const std::string& path) {
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  if (path.size() + 1 > base::maxSocketPath()) unavailable("The socket path " + path + " is too long for the system.");
+  std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+  base::Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  if (!socket) unavailable("No socket could be made.");
+  while (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
+    if (errno != EINTR) unavailable("sorvaned is not running for this support folder.");
+  }
+  const auto peer = base::peerCredentials(socket.get());
+  if (!peer || peer->uid != ::geteuid()) unavailable("The program at " + path + " belongs to another user.");
+  return socket;
+}
+
+void send(int socket, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t sent = ::send(socket, text.data(), text.size(), MSG_NOSIGNAL);
+    if (sent < 0 && errno == EINTR) continue;
+    // The server may answer and close before it has read everything ("request too large"): its answer is what counts.
+    if (sent < 0) return;
+    text.remove_prefix(static_cast<std::size_t>(sent));
+  }
+}
+
+base::SecretText receive(int socket) {
+  base::SecretText answer;
+  std::array<char, 16384> piece;
+  for (;;) {
+    const ssize_t got = ::recv(socket, piece.data(), piece.size(), 0);
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) break;
+    if (got == 0) break;
+    answer.append({piece.data(), static_cast<std::size_t>(got)});
+  }
+  base::wipe(piece.data(), piece.size());
+  return answer;
+}
+
+}  // namespace
+
+AgentInfo readEndpoint(const std::filesystem::path& supportFolder) {
+  std::optional<base::Files::Contents> contents;
+  try {
+    contents = base::SystemFiles().read(supportFolder / base::kEndpointName, kMaxEndpointBytes);
+  } catch (const base::FileError& error) {
+    unavailable(error.sentence() + ".");
+  }
+  if (!contents) unavailable("sorvaned is not running for the support folder " + supportFolder.string() + ".");
+  auto info = decodeInfo(base::textOf(contents->bytes));
+  base::wipe(contents->bytes.data(), contents->bytes.size());
+  if (!info) unavailable("The endpoint file in " + supportFolder.string() + " is damaged.");
+  return std::move(*info);
+}
+
+AgentResponse exchange(const std::string& socketPath, const AgentRequest& request) {
+  const base::Descriptor socket = connectTo(socketPath);
+  send(socket.get(), encodeRequest(request).view());
+  ::shutdown(socket.get(), SHUT_WR);
+  const base::SecretText answer = receive(socket.get());
+  if (answer.empty()) {
+    throw ClientError(ClientError::Case::badAnswer,
+                      "sorvaned closed the connection without an answer, so nothing was shared. Try again.");
+  }
+  auto response = decodeResponse(answer.view());
+  if (!response) {
+    throw ClientError(ClientError::Case::badAnswer, "sorvaned sent an answer that this program does not understand.");
+  }
+  return std::move(*response);
+}
+
+}  // namespace sorvane::agent
