@@ -24,6 +24,13 @@ if(CCACHE_PROGRAM)
   set(CMAKE_CXX_COMPILER_LAUNCHER ${CCACHE_PROGRAM})
 endif()
 
+# The folder of this system's adapters.
+if(APPLE)
+  set(SORVANE_PLATFORM platform/macos)
+else()
+  set(SORVANE_PLATFORM platform/linux)
+endif()
+
 # room(NAME [FOLDER dir] [USES room...] [LIBS target...]): a static library of every source of src/<dir>, and, when there are
 # any, one test program of tests/<name>/*_test.cpp.
 function(room name)
@@ -32,6 +39,13 @@ function(room name)
     set(ARG_FOLDER ${name})
   endif()
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/${ARG_FOLDER}/*.cpp)
+  # What base/system.h declares stands with the adapters and is linked with base, which needs it.
+  set(system_sources ${CMAKE_CURRENT_SOURCE_DIR}/src/${SORVANE_PLATFORM}/system.cpp)
+  if(name STREQUAL base)
+    list(APPEND sources ${system_sources})
+  else()
+    list(REMOVE_ITEM sources ${system_sources})
+  endif()
   if(NOT sources)
     add_library(${name} INTERFACE)
     target_include_directories(${name} INTERFACE ${CMAKE_CURRENT_SOURCE_DIR}/src)
