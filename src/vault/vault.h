@@ -1,20 +1,22 @@
 #pragma once
 
-#include <atomic>
 #include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <unordered_map>
+#include <unordered_set>
 #include <vector>
 
 #include "base/clock.h"
 #include "base/error.h"
 #include "base/files.h"
 #include "base/mutex.h"
+#include "crypto/key.h"
 #include "vault/env_export.h"
 #include "vault/records.h"
 #include "vault/revocation.h"
@@ -41,9 +43,15 @@ struct Records {
   /// Environments that bind the secret, in order; with `version`, only those whose binding selects that version.
   std::vector<const Project*> projectsUsing(std::string_view secretId, std::optional<std::int64_t> version = {}) const;
 
-  // Filled by the vault when the state is decoded.
-  std::unordered_map<std::string, std::size_t> secretIndexById, secretIndexByName, projectIndexById, projectIndexByName;
+  // Filled by the vault when the state is decoded; the keys of names are those of nameKey.
+  using Index = std::unordered_map<std::string, std::size_t>;
+  Index secretIndexById, secretIndexByName, projectIndexById, projectIndexByName;
+  /// Positions in `projects`, ascending, by the id of the secret they bind.
+  std::unordered_map<std::string, std::vector<std::size_t>> projectIndexesBySecret;
 };
+
+/// What names are compared by: trimmed of Unicode white space, in NFC, case kept.
+std::string nameKey(std::string_view name);
 
 /// Who takes values out, for the access log.
 struct AccessContext {
@@ -133,6 +141,8 @@ struct LogRepair {
 };
 
 class SealedSettings;
+struct LocalReversalJournal;
+struct VersionAccount;
 
 /// Vault owns the vault directory and the credential store: the one gate through which records and values are read and
 /// changed. Every operation runs under one recursive lock and is safe from any thread; callers see whole changes only.
@@ -226,8 +236,97 @@ class Vault {
   std::function<void(int boundary)> reversalWriteBoundary;
 
  private:
-  // The vault's helper lays out its private parts here.
+  struct Change;
+  struct VerifiedKey;
+  class Settings;
+  class Observers;
+  using Names = std::vector<std::string>;
+
+  // Opening (vault_open.cpp). Each throws what becomes the storage failure.
+  void open() REQUIRES(lock_);
+  void create() REQUIRES(lock_);
+  bool holdsRemains() REQUIRES(lock_);
+  void removeStrayFiles() REQUIRES(lock_);
+  void loadCloudCache() REQUIRES(lock_);
+
+  // The journal (vault_recovery.cpp).
+  void recoverJournal() REQUIRES(lock_);
+  void requireTrustworthy(const LocalReversalJournal& journal) REQUIRES(lock_);
+  Names generationNames() const REQUIRES(lock_);
+  using Accounts = std::unordered_set<std::string>;
+  /// Accounts whose values the metadata of any generation names. `replaced` stands in for files of the present
+  /// generation. nullopt when one of them cannot be read, so that nobody can tell.
+  std::optional<Accounts> namedAccounts(const crypto::SymmetricKey& key,
+                                        const std::map<std::string, base::Bytes>& replaced) REQUIRES(lock_);
+  /// The highest number that a version of the secret has in any generation: a number is never used twice.
+  std::int64_t highestVersion(const Secret& secret);
+
+  // Reading (vault_read.cpp). These are what the delivery of values builds on.
+  void requireOpen() const REQUIRES(lock_);
+  /// The present records, checked to be those of the active vault. Throws VaultError.
+  std::shared_ptr<const Records> currentRecords() REQUIRES(lock_);
+  /// The value of a version. Throws VaultError with the sentence for a denied or an absent value. Purged versions are
+  /// the caller's to refuse.
+  base::SecretText readValue(const Secret& secret, std::int64_t version);
+  /// Writes all events with one append, synced, before it returns; throws VaultError when that fails: no value may
+  /// leave then.
+  void appendEvents(const std::vector<AccessEvent>& events) REQUIRES(lock_);
+  /// An event made now, without the ids of what it concerns.
+  AccessEvent eventOf(const AccessContext& context) const;
+
+  void checkGeneration() REQUIRES(lock_);
+  std::shared_ptr<Records> decodeRecords(const crypto::SymmetricKey& key) REQUIRES(lock_);
+  /// The vault key, proven to open the present generation.
+  crypto::SymmetricKey provenKey() REQUIRES(lock_);
+  std::filesystem::path fileOf(std::string_view name) const REQUIRES(lock_);
+  std::filesystem::path generationFolder(std::string_view generation) const;
+
+  // Changing (vault_change.h and .cpp).
+  template <typename Edit>
+  auto change(const Edit& edit);
+  std::unique_ptr<Change> beginChange() REQUIRES(lock_);
+  void commit(Change& change) REQUIRES(lock_);
+  void commitAlone(Change& change, const crypto::SymmetricKey& key) REQUIRES(lock_);
+  void commitJournalled(Change& change) REQUIRES(lock_);
+  void writeChangedFiles(Change& change) REQUIRES(lock_);
+  void rollBack(Change& change) REQUIRES(lock_);
+  /// Removes a value that no record names. When that fails it is left to the next collection.
+  void removeValue(const VersionAccount& account) REQUIRES(lock_);
+  void adopt(Change& change) REQUIRES(lock_);
+  void nextBoundary() REQUIRES(lock_);
+  void announce(const Change& change);
+
+  // The collection of garbage (vault_gc.cpp).
+  struct Sweep;
+  void beginSweep(Sweep& sweep) REQUIRES(lock_);
+  void removeSwept(Sweep& sweep, const Progress& progress) REQUIRES(lock_);
+  void keepUnswept(const Sweep& sweep) REQUIRES(lock_);
+  VaultGcReport reportOf(const Sweep& sweep) REQUIRES(lock_);
+
+  // Constant after construction.
   const std::filesystem::path directory_;
+  const Ports ports_;
+  const std::unique_ptr<Settings> settings_;
+  const std::unique_ptr<Observers> observers_;  // has its own lock
+
+  /// Guards every field below and every file of the vault.
+  mutable base::RecursiveMutex lock_;
+  std::optional<std::string> storageFailure_ GUARDED_BY(lock_);
+  std::string generation_ GUARDED_BY(lock_);
+  std::optional<std::string> previousGeneration_ GUARDED_BY(lock_);
+  std::set<std::string> cancelledMigrationIDs_ GUARDED_BY(lock_);
+  std::set<std::string> retiredEnvironmentNames_ GUARDED_BY(lock_);
+  std::unique_ptr<VerifiedKey> verifiedMetadataKey_ GUARDED_BY(lock_);
+  // The records and the identities of the files that they were decoded from.
+  std::shared_ptr<const Records> records_ GUARDED_BY(lock_);
+  std::optional<base::FileIdentity> manifestIdentity_ GUARDED_BY(lock_);
+  std::optional<base::FileIdentity> secretsIdentity_ GUARDED_BY(lock_);
+  std::optional<base::FileIdentity> projectsIdentity_ GUARDED_BY(lock_);
+  /// A change could not be undone: its journal still lies there and is dealt with before anything else.
+  bool journalPending_ GUARDED_BY(lock_) = false;
+  /// The end of the access log may be torn and is repaired before the next append.
+  bool logTailUnsure_ GUARDED_BY(lock_) = false;
+  int boundary_ GUARDED_BY(lock_) = 0;
 };
 
 }  // namespace sorvane::vault
