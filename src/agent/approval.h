@@ -59,6 +59,12 @@ class SystemOwnerPrompt {
   virtual Answer ask(const OwnerApprovalPrompt& prompt, const ApprovalContext& context) = 0;
 };
 
+/// What came of a question. Only an answer of the system's own prompt is ever remembered.
+enum class ApprovalResult { denied, bySystem, byApplication };
+
+/// The answer to a request that the owner did not allow.
+inline constexpr std::string_view kApprovalDenied = "approval denied";
+
 /// The owner's policy for the agent operations; stored as the name of the case ("unlocked", "perRequest",
 /// "perEnvironment").
 enum class AgentApproval { unlocked, perRequest, perEnvironment };
