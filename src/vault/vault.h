@@ -126,6 +126,12 @@ enum class RenderValues { deliver, redact };
 /// What stands in the place of a value that is not shown.
 inline constexpr std::string_view kRedacted = "‹redacted›";
 
+/// What a reveal for an agent goes by: the target of the environment it names, and the one it declares.
+struct DeclaredTargets {
+  std::optional<std::string> environment;
+  std::optional<std::string> requested;
+};
+
 struct Selection {
   std::string secretId;
   std::string variable;
@@ -202,8 +208,11 @@ class Vault {
   void deleteEnvironment(std::string_view id);
 
   // Values.
-  /// Without `version` the current one. `requestedTarget` is checked when the version is limited.
-  RevealResult reveal(std::string_view secretId, std::optional<std::int64_t> version, const AccessContext& context);
+  /// Without `version` the current one. With `declared` the deployment policy decides; the owner's own look passes
+  /// none.
+  RevealResult reveal(std::string_view secretId, std::optional<std::int64_t> version,
+                      const std::optional<DeclaredTargets>& declared, const AccessContext& context);
+  /// The target policy is asked for every version before any value leaves; what cannot be delivered is a warning.
   RenderedEnvironment render(std::string_view projectId, const std::optional<std::string>& requestedTarget,
                              RenderValues values, const AccessContext& context);
   std::vector<base::SecretText> exportSecrets(const std::vector<Selection>& selection, const AccessContext& context);

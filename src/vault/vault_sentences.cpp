@@ -45,6 +45,21 @@ std::string versionIsCurrent(std::int64_t version, std::string_view secretName) 
   return joined({"Version ", std::to_string(version), " of '", secretName,
                  "' is the current one already. Nothing was changed. Choose an earlier version."});
 }
+std::string boundSecretGone(std::string_view variable) {
+  return joined({variable, ": bound secret no longer exists"});
+}
+std::string boundVersionPurged(std::string_view variable, std::int64_t version, std::string_view secretName) {
+  return joined({variable, ": version ", std::to_string(version), " of '", secretName, "' was purged"});
+}
+std::string notAVariableName(std::string_view name) {
+  return joined({"‘", name, "’ is not a valid environment variable name."});
+}
+std::string variableChosenTwice(std::string_view name) {
+  return joined({"More than one secret maps to ‘", name, "’. Choose distinct names before exporting."});
+}
+std::string limitedToTargets(std::string_view secretName, std::string_view targets) {
+  return joined({secretName, " is limited to ", targets, ". Export it from an environment with that target."});
+}
 std::string variableTaken(std::string_view variable, std::string_view projectName) {
   return joined({"The environment '", projectName, "' already has a variable named ", variable,
                  ". Nothing was changed. Rename or unbind that variable first."});

@@ -44,6 +44,8 @@ inline constexpr std::string_view kControlInName =
     "A name cannot hold control characters. Nothing was saved. Choose another name.";
 inline constexpr std::string_view kLogUnreadable = "The audit log could not be read, so usage is unavailable.";
 
+inline constexpr std::string_view kSelectionStale = "A selected secret no longer exists. Refresh the selection.";
+
 std::string cannotOpen(std::string_view detail);
 std::string secretNameTaken(std::string_view name);
 std::string projectNameTaken(std::string_view name);
@@ -53,6 +55,11 @@ std::string valueNotDeleted(std::int64_t version, std::string_view secretName);
 std::string orphanNotDeleted(std::string_view detail);
 std::string versionPurged(std::int64_t version, std::string_view secretName);
 std::string versionIsCurrent(std::int64_t version, std::string_view secretName);
+std::string boundSecretGone(std::string_view variable);
+std::string boundVersionPurged(std::string_view variable, std::int64_t version, std::string_view secretName);
+std::string notAVariableName(std::string_view name);
+std::string variableChosenTwice(std::string_view name);
+std::string limitedToTargets(std::string_view secretName, std::string_view targets);
 std::string variableTaken(std::string_view variable, std::string_view projectName);
 /// `detail` is the failure of the file below, without a full stop.
 std::string notChanged(std::string_view detail);
