@@ -1,6 +1,8 @@
 #include "base/codec.h"
 
+#include <algorithm>
 #include <array>
+#include <cstring>
 
 namespace sorvane::base {
 namespace {
@@ -39,6 +41,13 @@ std::string encode64(std::span<const std::uint8_t> bytes, std::string_view alpha
   return text;
 }
 
+/// The two digits of each 12-bit group, so that three bytes take two look-ups.
+constexpr std::array<std::array<char, 2>, 4096> pairTable() {
+  std::array<std::array<char, 2>, 4096> table{};
+  for (std::size_t i = 0; i < table.size(); ++i) table[i] = {kStandard[i >> 6], kStandard[i & 63]};
+  return table;
+}
+
 constexpr std::array<std::int8_t, 256> decodeTable() {
   std::array<std::int8_t, 256> table{};
   table.fill(-1);
@@ -64,7 +73,21 @@ std::string hexUpper(std::span<const std::uint8_t> bytes) {
   return hex(bytes, kHexUpper);
 }
 std::string base64(std::span<const std::uint8_t> bytes) {
-  return encode64(bytes, kStandard, true);
+  std::string text(base64Size(bytes.size()), '\0');
+  base64Into(bytes, text.data());
+  return text;
+}
+void base64Into(std::span<const std::uint8_t> bytes, char* out) {
+  static constexpr auto kPairs = pairTable();
+  while (bytes.size() >= 3) {
+    const unsigned group = static_cast<unsigned>(bytes[0]) << 16 | static_cast<unsigned>(bytes[1]) << 8 | bytes[2];
+    std::memcpy(out, kPairs[group >> 12].data(), 2);
+    std::memcpy(out + 2, kPairs[group & 4095].data(), 2);
+    out += 4;
+    bytes = bytes.subspan(3);
+  }
+  const std::string rest = encode64(bytes, kStandard, true);
+  std::copy(rest.begin(), rest.end(), out);
 }
 std::string base64Url(std::span<const std::uint8_t> bytes) {
   return encode64(bytes, kUrlSafe, false);

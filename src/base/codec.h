@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <optional>
 #include <span>
@@ -18,6 +19,12 @@ std::optional<Bytes> parseHex(std::string_view text);
 
 /// Base64 of RFC 4648 section 4 (standard alphabet, padded).
 std::string base64(std::span<const std::uint8_t> bytes);
+/// How many characters `base64` writes for so many bytes.
+constexpr std::size_t base64Size(std::size_t bytes) {
+  return (bytes + 2) / 3 * 4;
+}
+/// The same written to `out`, which has room for base64Size of them.
+void base64Into(std::span<const std::uint8_t> bytes, char* out);
 /// Base64 of RFC 4648 section 5 (URL-safe alphabet), without padding.
 std::string base64Url(std::span<const std::uint8_t> bytes);
 /// Reads canonical padded standard base64: no white space, full padding, zero trailing bits; anything else is nullopt.

@@ -2,6 +2,8 @@
 
 #include <charconv>
 
+#include "base/codec.h"
+
 namespace sorvane::base {
 namespace {
 
@@ -127,6 +129,16 @@ JsonWriter& JsonWriter::integer(std::int64_t number) {
 
 JsonWriter& JsonWriter::boolean(bool value) {
   return raw(value ? "true" : "false");
+}
+
+JsonWriter& JsonWriter::base64(std::span<const std::uint8_t> bytes) {
+  separate();
+  text_.push_back('"');
+  const std::size_t start = text_.size();
+  text_.resize(start + base64Size(bytes.size()));
+  base64Into(bytes, text_.data() + start);
+  text_.push_back('"');
+  return *this;
 }
 
 JsonWriter& JsonWriter::raw(std::string_view text) {

@@ -3,6 +3,7 @@
 #include <concepts>
 #include <cstdint>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -28,6 +29,8 @@ class JsonWriter {
   JsonWriter& string(std::string_view text);
   JsonWriter& integer(std::int64_t number);
   JsonWriter& boolean(bool value);
+  /// Bytes as a string of standard base64.
+  JsonWriter& base64(std::span<const std::uint8_t> bytes);
   /// A number that is already JSON text.
   JsonWriter& raw(std::string_view text);
 

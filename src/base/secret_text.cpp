@@ -1,6 +1,6 @@
 #include "base/secret_text.h"
 
-#include <atomic>
+#include <algorithm>
 #include <cstring>
 
 namespace sorvane::base {
@@ -17,18 +17,39 @@ void wipe(std::string& text) noexcept {
   text.clear();
 }
 
+SecretText& SecretText::operator=(SecretText&& other) noexcept {
+  if (this == &other) return *this;
+  wipe(data_.get(), size_);
+  data_ = std::move(other.data_);
+  size_ = std::exchange(other.size_, 0);
+  capacity_ = std::exchange(other.capacity_, 0);
+  return *this;
+}
+
+void SecretText::grow(std::size_t needed) {
+  constexpr std::size_t kSmallest = 32;
+  const std::size_t capacity = std::max({needed, capacity_ * 2, kSmallest});
+  auto block = std::make_unique_for_overwrite<char[]>(capacity);
+  if (size_ > 0) std::memcpy(block.get(), data_.get(), size_);
+  wipe(data_.get(), size_);
+  data_ = std::move(block);
+  capacity_ = capacity;
+}
+
 void SecretText::truncate(std::size_t size) {
-  if (size >= bytes_.size()) return;
-  wipe(bytes_.data() + size, bytes_.size() - size);
-  bytes_.resize(size);
+  if (size >= size_) return;
+  wipe(data_.get() + size, size_ - size);
+  size_ = size;
 }
 
 void SecretText::resize(std::size_t size) {
-  if (size < bytes_.size()) {
+  if (size <= size_) {
     truncate(size);
-  } else {
-    bytes_.resize(size);
+    return;
   }
+  reserve(size);
+  std::memset(data_.get() + size_, 0, size - size_);
+  size_ = size;
 }
 
 bool SecretText::sameAs(std::string_view other) const noexcept {

@@ -2,10 +2,12 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <memory>
 #include <span>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace sorvane::base {
@@ -16,55 +18,57 @@ void wipe(void* data, std::size_t size) noexcept;
 /// Wipes the characters of a string and empties it. For buffers of libraries that insist on std::string.
 void wipe(std::string& text) noexcept;
 
-/// WipingAllocator wipes every block before it is given back, so that a growing container leaves no copy behind.
-template <typename T>
-struct WipingAllocator {
-  using value_type = T;
-  WipingAllocator() = default;
-  template <typename U>
-  WipingAllocator(const WipingAllocator<U>&) noexcept {}
-  T* allocate(std::size_t count) { return std::allocator<T>{}.allocate(count); }
-  void deallocate(T* block, std::size_t count) noexcept {
-    wipe(block, count * sizeof(T));
-    std::allocator<T>{}.deallocate(block, count);
-  }
-  template <typename U>
-  bool operator==(const WipingAllocator<U>&) const noexcept {
-    return true;
-  }
-};
-
 /// SecretText holds text that must not outlive its owner: it is wiped on destruction and when it grows, moves without
 /// leaving a copy, and copies only through `clone()`. It has no operator== and no stream operator on purpose; `sameAs`
 /// compares in constant time for equal lengths.
 class SecretText {
  public:
   SecretText() = default;
-  explicit SecretText(std::string_view text) : bytes_(text.begin(), text.end()) {}
-  SecretText(SecretText&&) noexcept = default;
-  SecretText& operator=(SecretText&&) noexcept = default;
+  explicit SecretText(std::string_view text) { append(text); }
+  SecretText(SecretText&& other) noexcept
+      : data_(std::move(other.data_)),
+        size_(std::exchange(other.size_, 0)),
+        capacity_(std::exchange(other.capacity_, 0)) {}
+  SecretText& operator=(SecretText&& other) noexcept;
   SecretText(const SecretText&) = delete;
   SecretText& operator=(const SecretText&) = delete;
+  ~SecretText() { wipe(data_.get(), size_); }
 
   SecretText clone() const { return SecretText(view()); }
   /// The text; valid until the next change of this object.
-  std::string_view view() const { return {bytes_.data(), bytes_.size()}; }
-  std::span<const std::uint8_t> bytes() const {
-    return {reinterpret_cast<const std::uint8_t*>(bytes_.data()), bytes_.size()};
+  std::string_view view() const { return {data_.get(), size_}; }
+  std::span<const std::uint8_t> bytes() const { return {reinterpret_cast<const std::uint8_t*>(data_.get()), size_}; }
+  std::size_t size() const { return size_; }
+  bool empty() const { return size_ == 0; }
+  void reserve(std::size_t size) {
+    if (size > capacity_) grow(size);
   }
-  std::size_t size() const { return bytes_.size(); }
-  bool empty() const { return bytes_.empty(); }
-  void reserve(std::size_t size) { bytes_.reserve(size); }
-  void append(std::string_view text) { bytes_.insert(bytes_.end(), text.begin(), text.end()); }
-  void push_back(char character) { bytes_.push_back(character); }
+  /// `text` must not be a part of this object.
+  void append(std::string_view text) {
+    if (text.empty()) return;
+    if (text.size() > capacity_ - size_) grow(size_ + text.size());
+    std::memcpy(data_.get() + size_, text.data(), text.size());
+    size_ += text.size();
+  }
+  void push_back(char character) {
+    if (size_ == capacity_) grow(size_ + 1);
+    data_[size_++] = character;
+  }
   /// Drops everything behind `size`; the dropped characters are wiped.
   void truncate(std::size_t size);
-  char* data() { return bytes_.data(); }
+  char* data() { return data_.get(); }
+  /// New characters are zero.
   void resize(std::size_t size);
   bool sameAs(std::string_view other) const noexcept;
 
  private:
-  std::vector<char, WipingAllocator<char>> bytes_;
+  /// Moves to a block of at least `needed` characters and at least twice the present one; the old block is wiped.
+  void grow(std::size_t needed);
+
+  // A block of its own in place of a vector with an allocator: large records are appended to at the speed of memory.
+  std::unique_ptr<char[]> data_;
+  std::size_t size_ = 0;
+  std::size_t capacity_ = 0;
 };
 
 using Bytes = std::vector<std::uint8_t>;

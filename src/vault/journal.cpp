@@ -54,8 +54,7 @@ base::SecretText encodeJournal(const LocalReversalJournal& journal) {
   }
   writer.endArray();
   writer.key("files").beginObject();
-  // Base64 has nothing to escape, so the text goes in as it is.
-  for (const auto& [name, bytes] : journal.files) writer.key(name).raw('"' + base::base64(bytes) + '"');
+  for (const auto& [name, bytes] : journal.files) writer.key(name).base64(bytes);
   writer.endObject();
   writer.endObject();
   return writer.take();

@@ -65,15 +65,16 @@ std::string variableTaken(std::string_view variable, std::string_view projectNam
                  ". Nothing was changed. Rename or unbind that variable first."});
 }
 std::string notChanged(std::string_view detail) {
-  return joined(
-      {"sorvane ", detail, ". Nothing was changed. Check the folder and the room on its disk, then try again."});
+  return joined({"The change could not be saved (", detail,
+                 "). Nothing was changed. Check the vault’s folder and the room on its disk, then try again."});
 }
 std::string notRead(std::string_view detail) {
-  return joined({"sorvane ", detail, ". Nothing was shared. Check the vault’s folder, then try again."});
+  return joined({"The vault’s files could not be read (", detail,
+                 "). Nothing was shared. Check the vault’s folder, then try again."});
 }
 std::string notLogged(std::string_view detail) {
-  return joined({"The access log could not be written: sorvane ", detail,
-                 ". Nothing was shared. Check the folder and the room on its disk, then try again."});
+  return joined({"The access log could not be written (", detail,
+                 "). Nothing was shared. Check the vault’s folder and the room on its disk, then try again."});
 }
 std::string settingNotRead(std::string_view detail) {
   return joined({"A sealed setting could not be read (", detail, "). Nothing was changed or shared. Try again."});
