@@ -70,8 +70,12 @@ std::vector<ProcessInfo> processChain(pid_t pid) {
 
 void hardenProcess() {
   ::prctl(PR_SET_DUMPABLE, 0);
-  const rlimit none{0, 0};
-  ::setrlimit(RLIMIT_CORE, &none);
+  // The hard limit stays: commands that run for the owner may raise theirs again.
+  rlimit core{};
+  if (::getrlimit(RLIMIT_CORE, &core) == 0) {
+    core.rlim_cur = 0;
+    ::setrlimit(RLIMIT_CORE, &core);
+  }
 }
 
 std::filesystem::path defaultSupportFolder() {

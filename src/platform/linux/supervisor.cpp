@@ -1,0 +1,259 @@
+#include "platform/linux/supervisor.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "base/secret_text.h"
+
+namespace sorvane::platform {
+namespace {
+
+/// Everything in a launch message: strings ended by NUL, the words, an empty mark of their count before them, and so
+/// on.
+struct Launch {
+  base::SecretText text;
+  std::vector<char*> words;
+  std::vector<char*> environment;
+  char* directory = nullptr;
+};
+
+bool readAll(int fd, char* data, std::size_t size) {
+  while (size > 0) {
+    const ssize_t got = ::read(fd, data, size);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    data += got;
+    size -= static_cast<std::size_t>(got);
+  }
+  return true;
+}
+
+/// Header: three counts of 8 bytes (bytes of text, words, variables), then the strings: directory, words, variables.
+bool readLaunch(int control, Launch& launch) {
+  std::array<std::uint64_t, 3> counts{};
+  if (!readAll(control, reinterpret_cast<char*>(counts.data()), sizeof counts)) return false;
+  launch.text.resize(static_cast<std::size_t>(counts[0]));
+  if (!readAll(control, launch.text.data(), launch.text.size())) return false;
+  char* at = launch.text.data();
+  const auto next = [&] {
+    char* const string = at;
+    at += std::strlen(at) + 1;
+    return string;
+  };
+  launch.directory = next();
+  static char env[] = "/usr/bin/env";
+  launch.words.push_back(env);
+  for (std::uint64_t i = 0; i < counts[1]; ++i) launch.words.push_back(next());
+  for (std::uint64_t i = 0; i < counts[2]; ++i) launch.environment.push_back(next());
+  launch.words.push_back(nullptr);
+  launch.environment.push_back(nullptr);
+  return true;
+}
+
+/// In the child: a process as a shell would start it, then the command. Only returns with an errno.
+int becomeCommand(const Launch& launch, int output) {
+  ::setpgid(0, 0);
+  sigset_t none;
+  sigemptyset(&none);
+  ::sigprocmask(SIG_SETMASK, &none, nullptr);
+  for (int number = 1; number < NSIG; ++number) ::signal(number, SIG_DFL);
+  if (::chdir(launch.directory) != 0) return errno;
+  const int input = ::open("/dev/null", O_RDONLY);
+  if (input < 0 || ::dup2(input, 0) < 0 || ::dup2(output, 1) < 0 || ::dup2(output, 2) < 0) return errno;
+  ::close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
+  ::execve("/usr/bin/env", launch.words.data(), launch.environment.data());
+  return errno;
+}
+
+/// Starts the command; fills `pid`. The answer is 0 or the errno of what failed in the child.
+int start(const Launch& launch, int output, pid_t& pid) {
+  // vfork: the child has no memory of its own to copy, and we wait until it has become the command or has failed.
+  volatile int failure = 0;
+  pid = ::vfork();
+  if (pid == 0) {
+    failure = becomeCommand(launch, output);
+    ::_exit(127);
+  }
+  if (pid < 0) return errno;
+  if (failure != 0) {
+    int status = 0;
+    ::waitpid(pid, &status, 0);
+    pid = -1;
+  }
+  return failure;
+}
+
+/// Every descendant of `pid`, itself left out. All of them hang below us, since we adopt orphans.
+void collectDescendants(pid_t pid, std::vector<pid_t>& found) {
+  const std::string folder = "/proc/" + std::to_string(pid) + "/task";
+  DIR* const tasks = ::opendir(folder.c_str());
+  if (tasks == nullptr) return;
+  std::vector<pid_t> children;
+  while (const dirent* task = ::readdir(tasks)) {
+    if (task->d_name[0] == '.') continue;
+    const int file = ::open((folder + "/" + task->d_name + "/children").c_str(), O_RDONLY | O_CLOEXEC);
+    if (file < 0) continue;
+    std::string text;
+    std::array<char, 4096> piece;
+    for (ssize_t got; (got = ::read(file, piece.data(), piece.size())) > 0;)
+      text.append(piece.data(), static_cast<std::size_t>(got));
+    ::close(file);
+    for (char* at = text.data(); *at != '\0';) {
+      children.push_back(static_cast<pid_t>(std::strtol(at, &at, 10)));
+      while (*at == ' ' || *at == '\n') ++at;
+    }
+  }
+  ::closedir(tasks);
+  for (const pid_t child : children) {
+    found.push_back(child);
+    collectDescendants(child, found);
+  }
+}
+
+void signalDescendants(int number) {
+  std::vector<pid_t> found;
+  collectDescendants(::getpid(), found);
+  for (const pid_t pid : found) ::kill(pid, number);
+}
+
+std::int64_t monotonicMilliseconds() {
+  timespec now{};
+  ::clock_gettime(CLOCK_MONOTONIC, &now);
+  return now.tv_sec * 1000 + now.tv_nsec / 1'000'000;
+}
+
+/// Supervision is the life of a supervisor after its command was started.
+class Supervision {
+ public:
+  Supervision(int control, pid_t command, int signals) : control_(control), command_(command), signals_(signals) {}
+
+  /// Until no descendant is left.
+  void run() {
+    while (reap()) {
+      const std::int64_t wait = deadline_ < 0 ? -1 : std::max<std::int64_t>(deadline_ - monotonicMilliseconds(), 0);
+      std::array<pollfd, 2> waits{pollfd{signals_, POLLIN, 0}, pollfd{control_, POLLIN, 0}};
+      const int ready = ::poll(waits.data(), control_ >= 0 ? 2 : 1, static_cast<int>(wait));
+      if (ready > 0 && waits[0].revents != 0) drainSignals();
+      if (ready > 0 && control_ >= 0 && waits[1].revents != 0) readControl();
+      if (deadline_ >= 0 && monotonicMilliseconds() >= deadline_) {
+        signalDescendants(SIGKILL);
+        deadline_ = monotonicMilliseconds() + kAgainMilliseconds;
+      }
+    }
+  }
+
+ private:
+  // A process that was just being forked is missed by one round of SIGKILL; another round follows this soon.
+  static constexpr std::int64_t kAgainMilliseconds = 50;
+
+  /// False when there is no child left.
+  bool reap() {
+    for (;;) {
+      int status = 0;
+      const pid_t ended = ::waitpid(-1, &status, WNOHANG);
+      if (ended == 0) return true;
+      if (ended < 0 && errno == EINTR) continue;
+      if (ended < 0) return false;
+      if (ended == command_) report(status);
+    }
+  }
+  void report(int status) {
+    const Ended message{status};
+    // The application may be gone; then nobody wants to know.
+    [[maybe_unused]] const auto sent = ::send(control_, &message, sizeof message, MSG_NOSIGNAL);
+  }
+  void readControl() {
+    char word = 0;
+    const ssize_t got = ::recv(control_, &word, 1, MSG_DONTWAIT);
+    if (got < 0 && (errno == EINTR || errno == EAGAIN)) return;
+    // A word asks to clear away what is left; the end of the stream means that nobody is there to ask.
+    if (got <= 0) {
+      ::close(control_);
+      control_ = -1;
+    }
+    if (deadline_ >= 0) return;
+    signalDescendants(SIGTERM);
+    deadline_ = monotonicMilliseconds() + kGraceSeconds * 1000;
+  }
+  void drainSignals() {
+    signalfd_siginfo info;
+    while (::read(signals_, &info, sizeof info) > 0) {
+    }
+  }
+
+  int control_;
+  const pid_t command_;
+  const int signals_;
+  std::int64_t deadline_ = -1;
+};
+
+}  // namespace
+
+void superviseCommand(int control, int output) {
+  ::prctl(PR_SET_CHILD_SUBREAPER, 1);
+  sigset_t child;
+  sigemptyset(&child);
+  sigaddset(&child, SIGCHLD);
+  ::sigprocmask(SIG_BLOCK, &child, nullptr);
+  const int signals = ::signalfd(-1, &child, SFD_CLOEXEC | SFD_NONBLOCK);
+  pid_t command = -1;
+  {
+    Launch launch;
+    if (!readLaunch(control, launch)) ::_exit(0);
+    const Started started{start(launch, output, command), static_cast<int>(command)};
+    [[maybe_unused]] const auto sent = ::send(control, &started, sizeof started, MSG_NOSIGNAL);
+  }
+  ::close(output);
+  if (command > 0) Supervision(control, command, signals).run();
+  ::_exit(0);
+}
+
+void hostCommands(int channel) {
+  // Ended by the close of the channel, not by the keys that a person types for the application.
+  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) ::signal(number, SIG_IGN);
+  ::signal(SIGCHLD, SIG_IGN);  // supervisors need no burial
+  ::signal(SIGPIPE, SIG_IGN);
+  ::setsid();
+  for (;;) {
+    char word = 0;
+    iovec part{&word, 1};
+    alignas(cmsghdr) std::array<char, CMSG_SPACE(2 * sizeof(int))> space{};
+    msghdr message{};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = space.data();
+    message.msg_controllen = space.size();
+    const ssize_t got = ::recvmsg(channel, &message, MSG_CMSG_CLOEXEC);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) ::_exit(0);
+    const cmsghdr* const header = CMSG_FIRSTHDR(&message);
+    if (header == nullptr || header->cmsg_type != SCM_RIGHTS || header->cmsg_len != CMSG_LEN(2 * sizeof(int))) continue;
+    std::array<int, 2> descriptors{};
+    std::memcpy(descriptors.data(), CMSG_DATA(header), sizeof descriptors);
+    if (::fork() == 0) {
+      ::close(channel);
+      ::signal(SIGCHLD, SIG_DFL);
+      superviseCommand(descriptors[0], descriptors[1]);
+    }
+    for (const int fd : descriptors) ::close(fd);
+  }
+}
+
+}  // namespace sorvane::platform
