@@ -115,7 +115,7 @@ struct MaskingStream::State {
     if (at < limit) output.write(text.substr(at, limit - at), out);
     masked = covered > limit ? covered - limit : 0;
     const std::size_t rest = text.size() - limit;
-    std::memmove(held.data(), held.data() + limit, rest);
+    if (rest > 0) std::memmove(held.data(), held.data() + limit, rest);
     held.truncate(rest);
   }
 };

@@ -49,7 +49,8 @@ std::unique_ptr<Vault::Change> Vault::beginChange() {
 void Vault::commit(Change& change) {
   if (!change.secretsChanged && !change.projectsChanged) return;
   const crypto::SymmetricKey key = provenKey();
-  const auto prepare = [&](std::string_view name, const base::SecretText& text, const base::FileIdentity& before) {
+  const auto prepare = [&](std::string_view name, const base::SecretText& text,
+                           const base::FileIdentity& before) REQUIRES(lock_) {
     change.files.push_back({name, sealFile(key, {generation_, name}, text.view()), before, {}});
   };
   if (change.secretsChanged) prepare(kSecretsFile, encodeSecrets(change.records->secrets), *secretsIdentity_);

@@ -102,7 +102,7 @@ void Vault::create() {
   }
   auto key = readVaultKey(ports_.store);  // a creation that was cut short has made it already
   if (!key) key = makeVaultKey(ports_.store);
-  const auto write = [&](std::string_view name, const base::SecretText& text) {
+  const auto write = [&](std::string_view name, const base::SecretText& text) REQUIRES(lock_) {
     ports_.files.writeAtomically(fileOf(name), sealFile(*key, {generation_, name}, text.view()));
   };
   write(kSecretsFile, encodeSecrets({}));

@@ -83,7 +83,7 @@ std::shared_ptr<const Records> Vault::currentRecords() {
 }
 
 std::shared_ptr<Records> Vault::decodeRecords(const crypto::SymmetricKey& key) {
-  const auto text = [&](std::string_view name, std::optional<base::FileIdentity>& identity) {
+  const auto text = [&](std::string_view name, std::optional<base::FileIdentity>& identity) REQUIRES(lock_) {
     const auto contents = ports_.files.read(fileOf(name));
     if (!contents) {
       throw VaultError(std::string(previousGeneration_ ? sentence::kRestoredFileMissing : sentence::kFileDamaged));
