@@ -1,6 +1,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/json.h"
+#include "base/temporary_files.h"
 #include "vault/access_log.h"
 #include "vault/accounts.h"
 #include "vault/journal.h"
@@ -17,17 +18,6 @@ namespace sorvane::vault {
 namespace {
 
 namespace fs = std::filesystem;
-
-/// Whether the name is one that an interrupted atomic write leaves behind.
-bool isTemporary(std::string_view name) {
-  constexpr std::size_t kDigits = 16;
-  constexpr std::string_view kSuffix = base::Files::kTemporarySuffix;
-  if (name.size() < 3 + kDigits + kSuffix.size() || name.front() != '.' || !name.ends_with(kSuffix)) return false;
-  name.remove_suffix(kSuffix.size());
-  const std::string_view digits = name.substr(name.size() - kDigits);
-  return digits.find_first_not_of("0123456789abcdef") == std::string_view::npos &&
-         name[name.size() - kDigits - 1] == '.';
-}
 
 void requireUsableFolder(const fs::path& directory) {
   std::error_code error;
@@ -132,14 +122,7 @@ bool Vault::holdsRemains() {
 
 void Vault::removeStrayFiles() {
   for (const fs::path& folder : {directory_, generationFolder(generation_)}) {
-    for (const std::string& name : ports_.files.list(folder)) {
-      if (!isTemporary(name)) continue;
-      try {
-        ports_.files.remove(folder / name);
-      } catch (const base::FileError&) {
-        continue;  // it does no harm where it is
-      }
-    }
+    base::removeTemporaryFiles(ports_.files, folder);
   }
 }
 
