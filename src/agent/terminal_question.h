@@ -1,0 +1,20 @@
+#pragma once
+
+#include <cstddef>
+#include <string>
+
+#include "agent/approval.h"
+
+namespace sorvane::agent {
+
+/// The question as the owner reads it on a terminal, ending with "[y/N] ". Everything that a caller supplied is quoted,
+/// marked as its own words and escaped, so that it can neither move the cursor nor pass for one of our lines: those
+/// begin at the left edge or with two spaces and a fixed word. The label is cut; a command and a folder stand whole,
+/// wrapped, with runs of blanks counted. `together` is the number of equal requests that one answer decides.
+std::string terminalQuestion(const OwnerApprovalPrompt& prompt, const ApprovalContext& context, std::size_t together);
+
+/// `text` escaped, in quotes, with every run of three or more blanks written as a count, so that nothing is pushed out
+/// of sight.
+std::string quotedForOwner(std::string_view text);
+
+}  // namespace sorvane::agent
