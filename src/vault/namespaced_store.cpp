@@ -3,7 +3,10 @@
 namespace sorvane::vault {
 
 std::string NamespacedSecretStore::accountFor(std::string_view account) const {
-  if (failure_) throw SecretStoreError::backend(*failure_);
+  {
+    const base::Lock lock(mutex_);
+    if (failure_) throw SecretStoreError::backend(*failure_);
+  }
   return prefix().append(account);
 }
 

@@ -111,6 +111,20 @@ TEST(EmbeddedStore, neverMakesANewKeyBesideAFilledDatabase) {
   EXPECT_NE(sentenceOf([&] { embedded.make(); }).find("is damaged"), std::string::npos);
 }
 
+TEST(EmbeddedStore, closesAKeyFileToOthersAndRefusesALink) {
+  Embedded embedded;
+  const auto key = embedded.folder.path() / "store.key";
+  embedded.make()->store("a", base::SecretText("one"));
+  ASSERT_EQ(::chmod(key.c_str(), 0644), 0);
+  EXPECT_EQ(embedded.make()->read("a").view(), "one");
+  struct stat status {};
+  ASSERT_EQ(::lstat(key.c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0600U);
+  std::filesystem::rename(key, embedded.folder.path() / "elsewhere");
+  std::filesystem::create_symlink(embedded.folder.path() / "elsewhere", key);
+  EXPECT_NE(sentenceOf([&] { embedded.make(); }), "");
+}
+
 TEST(EmbeddedStore, refusesAFileThatIsNoDatabaseOrNotOurs) {
   Embedded garbage;
   std::ofstream(garbage.database) << std::string(8192, 'z');

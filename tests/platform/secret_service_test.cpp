@@ -4,9 +4,11 @@
 #include <atomic>
 #include <cstdlib>
 
+#include "platform/linux/embedded_secret_store.h"
 #include "platform/linux/secret_service_store.h"
 #include "support/private_bus.h"
 #include "support/secret_store_contract.h"
+#include "vault/store_move.h"
 
 namespace sorvane::test {
 
@@ -68,6 +70,45 @@ TEST(SecretServiceKeyring, agreesOnAKeyInEverySession) {
   for (int i = 0; i < 400; ++i) {
     ASSERT_EQ(SecretServiceStore("app.sorvane.test").read("a").view(), "one") << i;
   }
+}
+
+TEST(SecretServiceKeyring, isMovedToAndFromWithEveryItem) {
+  if (!hasThrowawayKeyring()) GTEST_SKIP() << kNoKeyring;
+  const auto keyring = SecretService().make();
+  TemporaryFolder folder;
+  base::SystemFiles files;
+  platform::PlainKeyFile keys(folder.path() / "store.key", files);
+  platform::EmbeddedSecretStore embedded(folder.path() / "values.db", keys);
+  for (int i = 0; i < 20; ++i)
+    embedded.store("sec_" + std::to_string(i) + "#v1", base::SecretText("’" + std::to_string(i)));
+  const auto accounts = embedded.accounts();
+  EXPECT_EQ(vault::moveStore(embedded, *keyring, {}), vault::StoreMoveOutcome::moved);
+  EXPECT_TRUE(embedded.accounts().empty());
+  EXPECT_EQ(vault::moveStore(*keyring, embedded, {}), vault::StoreMoveOutcome::moved);
+  EXPECT_TRUE(keyring->accounts().empty());
+  for (int i = 0; i < 20; ++i) EXPECT_EQ(embedded.read(accounts[static_cast<std::size_t>(i)]).view().substr(0, 3), "’");
+  EXPECT_EQ(embedded.read("sec_7#v1").view(), "’7");
+  EXPECT_EQ(embedded.accounts().size(), 21U);  // and the marker
+}
+
+// Has a keyring of its own: what is locked here stays locked, since nobody is there to type its password.
+TEST(LockedKeyring, isToldApartFromAnEmptyOne) {
+  if (!hasThrowawayKeyring()) GTEST_SKIP() << kNoKeyring;
+  const auto store = SecretService().make();
+  store->store("a", base::SecretText("one"));
+  const std::string collection = platform::DbusSecretService(1s).defaultCollection();
+  const auto connection = sdbus::createSessionBusConnection();
+  const auto service = sdbus::createProxy(*connection, "org.freedesktop.secrets", "/org/freedesktop/secrets");
+  service->callMethod("Lock")
+      .onInterface("org.freedesktop.Secret.Service")
+      .withArguments(std::vector<sdbus::ObjectPath>{sdbus::ObjectPath(collection)});
+  const std::string dismissed =
+      "credential store access denied: the keyring’s question was dismissed; try again and unlock the keyring";
+  EXPECT_EQ(sentenceOf([&] { store->read("a"); }), dismissed);
+  EXPECT_EQ(sentenceOf([&] { store->read("unknown"); }), dismissed);
+  EXPECT_EQ(sentenceOf([&] { store->store("b", base::SecretText("two")); }), dismissed);
+  EXPECT_EQ(sentenceOf([&] { store->remove("a"); }), dismissed);
+  EXPECT_EQ(sentenceOf([&] { store->accounts(); }), dismissed);
 }
 
 TEST(SecretServiceCipherTest, refusesNumbersThatProtectNothingAndMessagesThatWereCut) {

@@ -19,7 +19,9 @@ class StoreKeySource {
   virtual crypto::SymmetricKey make() = 0;
 };
 
-/// PlainKeyFile keeps the key as 32 bytes in a file of mode 0600: whoever can read the user's files can read it.
+/// PlainKeyFile keeps the key as 32 bytes in a file of mode 0600: whoever can read the user's files can read it. A file
+/// that others may use, as a careless copy makes it, is closed to them before it is read; a link or another user's file
+/// is refused.
 class PlainKeyFile final : public StoreKeySource {
  public:
   PlainKeyFile(std::filesystem::path path, base::Files& files) : path_(std::move(path)), files_(files) {}
