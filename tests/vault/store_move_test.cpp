@@ -163,6 +163,32 @@ TEST(StoreMove, repeatsWhatChangedInTheOldStoreAfterAnAttemptThatWasGivenUp) {
   EXPECT_EQ(itemsOf(to), expected);
 }
 
+/// Says that it stored a value and keeps another.
+class ForgetfulStore final : public vault::EnumerableSecretStore {
+ public:
+  void store(std::string_view account, const base::SecretText& value) override {
+    const bool cuts = account == "sec_1#v1";
+    base_.store(account, base::SecretText(cuts ? value.view().substr(1) : value.view()));
+  }
+  base::SecretText read(std::string_view account) override { return base_.read(account); }
+  void remove(std::string_view account) override { base_.remove(account); }
+  std::vector<std::string> accounts() override { return base_.accounts(); }
+
+ private:
+  MemorySecretStore base_;
+};
+
+TEST(StoreMove, removesNothingWhenAnItemIsReadBackDifferently) {
+  MemorySecretStore from;
+  ForgetfulStore to;
+  fill(from, kItems);
+  EXPECT_EQ(sentenceOf([&] {
+              moveStore(from, to, {{}, [] { ADD_FAILURE() << "adopted"; }});
+            }),
+            vault::storeMoveFailure("credential store error: the item sec_1#v1 was read back differently"));
+  EXPECT_EQ(itemsOf(from), kItems);
+}
+
 TEST(StoreMove, refusesWhatWouldLoseItems) {
   MemorySecretStore from, other;
   fill(from, kItems);
