@@ -1,0 +1,41 @@
+# What `cmake --install` puts where, and the .deb that CPack makes of it (cpack --config build/release/CPackConfig.cmake).
+include(GNUInstallDirs)
+
+if(TARGET sorvaned AND TARGET sorvane)
+  install(TARGETS sorvaned sorvane RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+
+  # The completions are what the program itself prints; they never ask the vault.
+  set(completions ${CMAKE_CURRENT_BINARY_DIR}/completions)
+  foreach(shell bash zsh fish)
+    add_custom_command(OUTPUT ${completions}/${shell} COMMAND ${CMAKE_COMMAND} -E make_directory ${completions}
+                       COMMAND sorvane completion ${shell} > ${completions}/${shell} DEPENDS sorvane VERBATIM)
+  endforeach()
+  add_custom_target(completions ALL DEPENDS ${completions}/bash ${completions}/zsh ${completions}/fish)
+  install(FILES ${completions}/bash DESTINATION ${CMAKE_INSTALL_DATADIR}/bash-completion/completions RENAME sorvane)
+  install(FILES ${completions}/zsh DESTINATION ${CMAKE_INSTALL_DATADIR}/zsh/vendor-completions RENAME _sorvane)
+  install(FILES ${completions}/fish DESTINATION ${CMAKE_INSTALL_DATADIR}/fish/vendor_completions.d RENAME sorvane.fish)
+endif()
+
+file(GLOB man_pages CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/docs/man/*.1)
+install(FILES ${man_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES README.md docs/threat-model.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
+if(NOT APPLE)
+  install(FILES packaging/sorvaned.service DESTINATION lib/systemd/user)
+  install(FILES packaging/sorvane.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
+endif()
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME sorvane)
+set(CPACK_PACKAGE_CONTACT "The sorvane maintainers <maintainers@sorvane.invalid>")
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "local vault of credentials for people who work with coding agents")
+set(CPACK_PACKAGE_DESCRIPTION
+    "sorvane keeps credentials in a local vault. Agents get commands run with values injected and masked,\n"
+    "after the owner was asked; they never open the vault themselves.")
+string(REPLACE ";" "" CPACK_PACKAGE_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION}")
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "dbus-user-session, gnome-keyring | kwalletmanager")
+include(CPack)
