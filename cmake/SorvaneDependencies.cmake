@@ -7,6 +7,8 @@ pkg_check_modules(sodium REQUIRED IMPORTED_TARGET libsodium)
 pkg_check_modules(sqlite3 REQUIRED IMPORTED_TARGET sqlite3)
 pkg_check_modules(simdjson REQUIRED IMPORTED_TARGET simdjson)
 pkg_check_modules(utf8proc REQUIRED IMPORTED_TARGET libutf8proc)
+# The helper program is static, so its one library is linked that way wherever it is used.
+find_library(UTF8PROC_ARCHIVE NAMES libutf8proc.a REQUIRED)
 if(NOT APPLE)
   pkg_check_modules(sdbus REQUIRED IMPORTED_TARGET sdbus-c++)
 endif()

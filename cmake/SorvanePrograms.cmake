@@ -6,14 +6,16 @@ if(app_sources)
   target_link_libraries(sorvaned PRIVATE sorvane_settings platform agent vault crypto base CLI11::CLI11)
 endif()
 
-file(GLOB cli_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/cli/*.cpp)
-if(cli_sources)
-  add_executable(sorvane ${cli_sources})
-  target_link_libraries(sorvane PRIVATE sorvane_settings platform agent base CLI11::CLI11)
-  if(NOT APPLE AND NOT SORVANE_SANITIZE)
-    # The helper starts once per command: the dynamic linker would be most of its run time.
-    target_link_options(sorvane PRIVATE -static-libstdc++ -static-libgcc)
-  endif()
+# The helper program starts once per command, and the dynamic linker would be most of its run time: it is linked statically and
+# holds nothing but the base, the protocol and itself.
+file(GLOB cli_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/cli/*.cpp
+     ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/protocol_*.cpp ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/client.cpp)
+add_executable(sorvane ${cli_sources})
+target_include_directories(sorvane PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
+target_compile_definitions(sorvane PRIVATE SORVANE_VERSION="${PROJECT_VERSION}")
+target_link_libraries(sorvane PRIVATE sorvane_settings base nlohmann_json::nlohmann_json CLI11::CLI11)
+if(NOT APPLE AND NOT SORVANE_SANITIZE)
+  target_link_options(sorvane PRIVATE -static)
 endif()
 
 if(SORVANE_TESTS)

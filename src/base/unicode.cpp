@@ -129,6 +129,16 @@ std::string nfc(std::string_view text) {
   return std::string(reinterpret_cast<const char*>(normal), static_cast<std::size_t>(size));
 }
 
+std::size_t displayWidth(std::string_view text) {
+  std::size_t width = 0;
+  for (; !text.empty(); text.remove_prefix(decodeUtf8(text).size)) {
+    const Decoded decoded = decodeUtf8(text);
+    width += static_cast<std::size_t>(
+        decoded.valid ? utf8proc_charwidth(static_cast<utf8proc_int32_t>(decoded.character)) : 1);
+  }
+  return width;
+}
+
 std::string escapedForDisplay(std::string_view text) {
   static constexpr std::string_view kHex = "0123456789abcdef";
   std::string out;

@@ -39,6 +39,9 @@ std::string_view trimmed(std::string_view text);
 /// Unicode normalisation form C. Text that is not UTF-8 is returned unchanged.
 std::string nfc(std::string_view text);
 
+/// Columns that the text takes on a terminal: wide characters two, combining ones none.
+std::size_t displayWidth(std::string_view text);
+
 /// For showing foreign text to a person on one line: control, format and line-separating characters and bytes that are
 /// no UTF-8 are written as escapes ("\n", "\x1b", "\u{202e}"), so that nothing can move the cursor or reorder what is
 /// read.

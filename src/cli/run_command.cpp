@@ -1,0 +1,53 @@
+#include <nlohmann/json.hpp>
+
+#include "base/json_writer.h"
+#include "cli/commands.h"
+#include "cli/output.h"
+
+namespace sorvane::cli {
+namespace {
+
+struct RunGiven {
+  std::string environment, target, directory, timeout;
+  std::vector<std::string> command;
+};
+
+int run(Session& session, const RunGiven& given) {
+  agent::AgentRequest request;
+  request.op = agent::AgentOp::runEnv;
+  request.environment = given.environment;
+  request.directory = given.directory.empty() ? std::filesystem::current_path().string()
+                                              : std::filesystem::absolute(given.directory).string();
+  request.payload["command"] = listArgument(given.command);
+  if (!given.target.empty()) request.payload["deploymentTarget"] = given.target;
+  if (!given.timeout.empty()) request.payload["timeoutSeconds"] = given.timeout;
+  const agent::AgentResponse response = session.send(std::move(request), true);
+  const auto document = response.document ? base::parseJson(response.document->view()) : std::nullopt;
+  if (session.options().json && document) {
+    printJson(*document);
+  } else {
+    for (const std::string& warning : response.warnings.value_or(std::vector<std::string>{}))
+      note("Warning: " + warning);
+    if (response.value) print(response.value->view());
+  }
+  if (!document || !document->contains("exitCode")) return kFailed;
+  return (*document)["exitCode"].get<int>();
+}
+
+}  // namespace
+
+void Commands::addRun(CLI::App& app) {
+  const auto given = std::make_shared<RunGiven>();
+  CLI::App& command =
+      *app.add_subcommand("run",
+                          "Run a command with an environment's values injected and masked in what it prints (asks).\n"
+                          "Its exit code is passed on. Example: sorvane run Development -- npm test");
+  command.add_option("environment", given->environment, "Name of the environment")->required();
+  command.add_option("--target", given->target, "The deployment target that is declared");
+  command.add_option("--timeout", given->timeout, "Seconds until it is stopped, 1 to 3600; 120 when absent");
+  command.add_option("--directory", given->directory, "Where it runs; this folder when absent");
+  command.add_option("command", given->command, "The command and its words, after --")->required();
+  command.callback([this, given] { action = [given](Session& session) { return run(session, *given); }; });
+}
+
+}  // namespace sorvane::cli

@@ -1,0 +1,138 @@
+#include "cli/session.h"
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <nlohmann/json.hpp>
+#include <thread>
+
+#include "agent/client.h"
+#include "base/json_writer.h"
+#include "base/support_folder.h"
+
+namespace sorvane::cli {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr auto kPollJobs = 150ms;
+
+// Set by the signal's handler, which may do no more.
+std::atomic<bool> interrupted{false};  // NOLINT: a handler has no other way to tell
+
+/// Ctrl-C is noted for as long as this lives.
+class NoteInterrupt {
+ public:
+  NoteInterrupt() {
+    struct sigaction action {};
+    action.sa_handler = [](int) { interrupted = true; };
+    ::sigaction(SIGINT, &action, &before_);
+  }
+  ~NoteInterrupt() { ::sigaction(SIGINT, &before_, nullptr); }
+  NoteInterrupt(const NoteInterrupt&) = delete;
+  NoteInterrupt& operator=(const NoteInterrupt&) = delete;
+
+ private:
+  struct sigaction before_ {};
+};
+
+int exitCodeOf(const agent::AgentResponse& response) {
+  const std::string& sentence = response.error.value_or("");
+  if (sentence == "approval denied") return kDenied;
+  if (response.errorCode == "unauthorized" || response.errorCode == "environment_not_allowed" ||
+      response.errorCode == "deployment_policy_refused") {
+    return kDenied;
+  }
+  if (sentence.starts_with("vault unavailable") || sentence.starts_with("sorvane is still moving")) return kTryLater;
+  return kFailed;
+}
+
+std::string codeOf(const agent::AgentResponse& response) {
+  if (response.errorCode) return *response.errorCode;
+  return response.error == "approval denied" ? "approval_denied" : "refused";
+}
+
+void drawProgress(const base::Json& job) {
+  if (::isatty(STDERR_FILENO) == 0) return;
+  std::fprintf(stderr, "\r%s: %lld of %lld", job.value("kind", "").c_str(), job.value("done", 0LL),
+               job.value("total", 0LL));
+}
+
+}  // namespace
+
+std::string listArgument(const std::vector<std::string>& items) {
+  base::JsonWriter out;
+  out.beginArray();
+  for (const std::string& item : items) out.string(item);
+  out.endArray();
+  return std::string(out.view());
+}
+
+agent::AgentResponse Session::send(agent::AgentRequest request, bool asks) {
+  try {
+    if (!endpoint_) {
+      const auto folder = base::supportFolder(options_.supportFolder);
+      base::checkSupportFolder(folder, base::WhenMissing::refuse);
+      endpoint_ = agent::readEndpoint(folder);
+    }
+    request.token = endpoint_->token.clone();
+    request.requestor = options_.requestor;
+    if (asks && ::isatty(STDERR_FILENO) != 0) {
+      std::fputs("Waiting for the owner's answer where sorvaned runs (Ctrl-C withdraws the question) …\n", stderr);
+    }
+    agent::AgentResponse response = agent::exchange(endpoint_->socketPath, request);
+    if (!response.ok) {
+      throw Failure(exitCodeOf(response), codeOf(response),
+                    response.error.value_or("sorvaned refused without saying why. Nothing was shared."));
+    }
+    return response;
+  } catch (const agent::ClientError& error) {
+    const bool gone = error.kind() == agent::ClientError::Case::unavailable;
+    throw Failure(gone ? kNotRunning : kFailed, gone ? "not_running" : "bad_answer", error.sentence());
+  } catch (const base::SupportFolderError& error) {
+    const bool missing = error.sentence().starts_with("There is no support folder");
+    throw Failure(missing ? kNotRunning : kConfiguration, missing ? "not_running" : "support_folder", error.sentence());
+  }
+}
+
+agent::AgentResponse Session::manage(std::string_view action, Arguments arguments, Asks asks,
+                                     std::optional<base::SecretText> value) {
+  agent::AgentRequest request;
+  request.op = agent::AgentOp::manageVault;
+  request.payload = std::move(arguments);
+  request.payload["action"] = action;
+  request.value = std::move(value);
+  return send(std::move(request), asks == Asks::yes);
+}
+
+base::Json Session::read(std::string_view action, Arguments arguments) {
+  const agent::AgentResponse response = manage(action, std::move(arguments), Asks::no);
+  auto json = response.document ? base::parseJson(response.document->view()) : std::nullopt;
+  if (!json) throw Failure(kFailed, "bad_answer", "sorvaned sent an answer that this program does not understand.");
+  return std::move(*json);
+}
+
+base::Json Session::follow(const std::string& jobId) {
+  const NoteInterrupt note;
+  bool cancelled = false;
+  for (;;) {
+    base::Json job = read("job", {{"id", jobId}});
+    drawProgress(job);
+    const std::string state = job.value("state", "");
+    if (state != "running") {
+      if (::isatty(STDERR_FILENO) != 0) std::fputc('\n', stderr);
+      if (state == "done") return job.contains("document") ? job["document"] : base::Json();
+      throw Failure(kFailed, state == "cancelled" ? "cancelled" : "job_failed", job.value("error", "The work failed."));
+    }
+    if (interrupted && !cancelled) {
+      cancelled = true;
+      manage("jobCancel", {{"id", jobId}}, Asks::no);
+    }
+    std::this_thread::sleep_for(kPollJobs);
+  }
+}
+
+}  // namespace sorvane::cli

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <functional>
+#include <nlohmann/json_fwd.hpp>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/protocol.h"
+#include "base/error.h"
+#include "base/json.h"
+
+namespace sorvane::cli {
+
+// Exit codes of sorvane itself; `run` passes on the command's own. The numbers from 64 are those of sysexits.h.
+inline constexpr int kFailed = 1;
+inline constexpr int kUsage = 2;
+inline constexpr int kNotRunning = 69;
+inline constexpr int kTryLater = 75;
+inline constexpr int kDenied = 77;
+inline constexpr int kConfiguration = 78;
+
+/// Failure ends a command: the sentence goes to the person, the word to programs, the number to the shell.
+class Failure : public base::Error {
+ public:
+  Failure(int exitCode, std::string code, const std::string& sentence)
+      : Error(sentence), exitCode_(exitCode), code_(std::move(code)) {}
+  int exitCode() const { return exitCode_; }
+  const std::string& code() const { return code_; }
+
+ private:
+  int exitCode_;
+  std::string code_;
+};
+
+/// What every command may be given.
+struct Options {
+  std::optional<std::string> supportFolder;
+  std::string requestor = "sorvane command line";
+  bool json = false;
+  bool noInput = false;
+};
+
+/// Session is one conversation with sorvaned: it finds the endpoint once and sends requests as the controller.
+class Session {
+ public:
+  explicit Session(const Options& options) : options_(options) {}
+
+  /// Throws Failure when there is no answer, or when the answer is a refusal.
+  agent::AgentResponse send(agent::AgentRequest request, bool asks);
+
+  /// Arguments of an owner's action.
+  using Arguments = agent::Payload;
+  enum class Asks { no, yes };
+  agent::AgentResponse manage(std::string_view action, Arguments arguments, Asks asks,
+                              std::optional<base::SecretText> value = {});
+  /// The action's JSON document.
+  base::Json read(std::string_view action, Arguments arguments = {});
+  /// Follows a job to its end, draws its progress, and cancels it on Ctrl-C. Returns its document, or null.
+  base::Json follow(const std::string& jobId);
+
+  const Options& options() const { return options_; }
+
+ private:
+  const Options& options_;
+  std::optional<agent::AgentInfo> endpoint_;
+};
+
+/// A JSON array of text, as payload arguments carry lists.
+std::string listArgument(const std::vector<std::string>& items);
+
+}  // namespace sorvane::cli
