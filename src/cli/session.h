@@ -1,7 +1,6 @@
 #pragma once
 
 #include <functional>
-#include <nlohmann/json_fwd.hpp>
 #include <optional>
 #include <string>
 #include <string_view>
