@@ -4,6 +4,7 @@ file(GLOB app_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/app/*.cp
 if(app_sources)
   add_executable(sorvaned ${app_sources})
   target_link_libraries(sorvaned PRIVATE sorvane_settings platform agent vault crypto base CLI11::CLI11)
+  target_compile_definitions(sorvaned PRIVATE SORVANE_VERSION="${PROJECT_VERSION}")
 endif()
 
 # The helper program starts once per command, and the dynamic linker would be most of its run time: it is linked statically and

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <nlohmann/json.hpp>
 
 #include "agent/owner_action_handlers.h"
@@ -46,10 +48,11 @@ ActionPlan OwnerActionHandlers::status(const ActionArguments&, ActionCall&) {
     out.key("vaultOpen").boolean(!failure).field("storageFailure", failure);
     out.field("approver", application.approver).strings("capabilities", application.capabilities);
     out.strings("notices", application.notices);
+    const StoreState store = ports_.application.store();
+    out.key("store").beginObject().field("kind", store.kind).field("note", store.note).endObject();
+    out.key("pid").integer(::getpid());
     if (!failure) {
-      const StoreState store = ports_.application.store();
       const auto records = ports_.vault.records();
-      out.key("store").beginObject().field("kind", store.kind).field("note", store.note).endObject();
       out.field("generation", ports_.vault.generation());
       out.key("secrets").integer(static_cast<std::int64_t>(records->secrets.size()));
       out.key("environments").integer(static_cast<std::int64_t>(records->projects.size()));
@@ -127,7 +130,8 @@ ActionPlan OwnerActionHandlers::storeShow(const ActionArguments&, ActionCall&) {
   return answer([this] {
     const StoreState store = ports_.application.store();
     base::JsonWriter out;
-    out.beginObject().field("kind", store.kind).key("items").integer(store.items).field("note", store.note);
+    out.beginObject().field("kind", store.kind).key("items").integer(ports_.application.storeItems());
+    out.field("note", store.note);
     out.key("moving").boolean(store.moving).endObject();
     return withDocument(out);
   });

@@ -21,7 +21,6 @@ struct ApplicationState {
 /// StoreState tells which credential store is in use.
 struct StoreState {
   std::string kind;
-  std::int64_t items = 0;
   std::string note;
   bool moving = false;
 };
@@ -33,6 +32,8 @@ class VaultActions {
   virtual ~VaultActions() = default;
   virtual ApplicationState state() = 0;
   virtual StoreState store() = 0;
+  /// How many items the store holds; 0 while they are moved.
+  virtual std::int64_t storeItems() = 0;
   /// Throws when the store cannot be moved there now.
   virtual void checkStoreMove(const std::string& to) = 0;
   /// Moves every item; returns the job's document.

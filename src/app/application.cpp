@@ -1,0 +1,80 @@
+#include "app/application.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "base/diagnostics.h"
+#include "base/support_folder.h"
+#include "base/temporary_files.h"
+
+namespace sorvane::app {
+namespace {
+
+constexpr std::string_view kMemoryMayBeSwapped =
+    "The system does not let sorvaned lock its memory, so keys could reach the swap space. Raise the limit of locked "
+    "memory (ulimit -l) and restart sorvaned.";
+constexpr std::string_view kNobodyAnswers =
+    "sorvaned runs without a terminal, so every request that needs the owner is denied. Run it in a terminal to answer "
+    "there.";
+
+agent::ApplicationState stateOf(const Application::Setting& setting, bool hasApprover) {
+  agent::ApplicationState state;
+  state.version = SORVANE_VERSION;
+  state.supportFolder = setting.supportFolder.string();
+  state.approver = hasApprover ? "the terminal that sorvaned runs on" : "nobody";
+  state.capabilities.assign(agent::kCapabilities.begin(), agent::kCapabilities.end());
+  if (!hasApprover) state.notices.emplace_back(kNobodyAnswers);
+  if (!setting.memoryIsLocked) state.notices.emplace_back(kMemoryMayBeSwapped);
+  return state;
+}
+
+std::string homeFolder() {
+  const char* const home = std::getenv("HOME");
+  return home == nullptr ? std::string() : std::string(home);
+}
+
+}  // namespace
+
+Application::Application(const Setting& setting, agent::ProcessHost& host, agent::ApprovalProvider* approver)
+    : lock_(setting.supportFolder / base::kLockName),
+      stores_(setting.supportFolder, files_, setting.store),
+      vault_(setting.supportFolder / base::kVaultName, {files_, stores_.inUse(), clock_, sessions_}),
+      grants_(setting.supportFolder / base::kGrantsName, files_, vault_),
+      policy_(vault_),
+      actions_(stateOf(setting, approver != nullptr), stores_),
+      jobs_(clock_),
+      ownerActions_({vault_, grants_, policy_, jobs_, clipboard_, actions_, clock_}),
+      runner_(host),
+      server_(
+          {setting.supportFolder},
+          {files_,
+           {vault_, grants_, ownerActions_, runner_, notifier_, agent::minimumEnvironment(environ), homeFolder(), {}},
+           {approver, ownerPrompt_, [this] { return policy_.current(); }, {}}}) {
+  base::removeTemporaryFiles(files_, setting.supportFolder);
+  if (!setting.memoryIsLocked) base::diagnose("app", kMemoryMayBeSwapped);
+  if (approver == nullptr) base::diagnose("app", kNobodyAnswers);
+  if (const auto failure = vault_.storageFailure()) {
+    base::diagnose("app", *failure);
+  } else {
+    stores_.opened();
+  }
+}
+
+bool Application::start() {
+  if (!server_.start()) return false;
+  if (stores_.record().leaving && !vault_.storageFailure()) {
+    jobs_.start("storeMove", [this](const agent::Jobs::Step&) {
+      try {
+        stores_.finishMove();
+      } catch (const base::Error& error) {
+        base::diagnose("app", error.sentence());
+        throw;
+      }
+      return std::optional<std::string>();
+    });
+  }
+  return true;
+}
+
+}  // namespace sorvane::app

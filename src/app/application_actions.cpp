@@ -1,0 +1,75 @@
+#include "app/application_actions.h"
+
+#include "base/json_writer.h"
+
+namespace sorvane::app {
+namespace {
+
+using vault::StoreKind;
+
+constexpr std::string_view kUnprotected =
+    "No passphrase is set, so any program that runs as this user could read the values.";
+constexpr std::string_view kKeyringUnlocked =
+    "The values lie in the desktop's keyring. While it is unlocked, any program that runs as this user could ask it "
+    "for them.";
+
+StoreKind storeNamed(const std::string& name) {
+  const auto kind = vault::storeKindOf(name);
+  if (!kind) throw vault::StoreMoveError("Choose embedded or secret-service as the store. Nothing was moved.");
+  return *kind;
+}
+
+std::string remainder(StoreKind leaving) {
+  return "All values are in the new store, but " + std::string(inWords(leaving)) +
+         " still holds copies of some. Restart sorvaned to remove them.";
+}
+
+}  // namespace
+
+agent::ApplicationState ApplicationActions::state() {
+  agent::ApplicationState state = state_;
+  if (const auto leaving = stores_.record().leaving; leaving && !stores_.inUse().isClosed()) {
+    state.notices.push_back(remainder(*leaving));
+  }
+  return state;
+}
+
+agent::StoreState ApplicationActions::store() {
+  const StoreKind kind = stores_.record().kind;
+  agent::StoreState state;
+  state.kind = word(kind);
+  state.note = kind == StoreKind::embedded ? kUnprotected : kKeyringUnlocked;
+  state.moving = stores_.inUse().isClosed();
+  return state;
+}
+
+std::int64_t ApplicationActions::storeItems() {
+  return stores_.inUse().isClosed() ? 0 : static_cast<std::int64_t>(stores_.inUse().accounts().size());
+}
+
+void ApplicationActions::checkStoreMove(const std::string& to) {
+  stores_.checkMove(storeNamed(to));
+}
+
+std::optional<std::string> ApplicationActions::moveStore(const std::string& to, const agent::Jobs::Step& step) {
+  vault::StoreMoveSteps steps;
+  steps.proceed = [&](std::size_t done, std::size_t total) {
+    try {
+      step(static_cast<std::int64_t>(done), static_cast<std::int64_t>(total));
+      return true;
+    } catch (const agent::JobStopped&) {
+      return false;
+    }
+  };
+  const StoreKind kind = storeNamed(to);
+  const StoreKind from = stores_.record().kind;
+  const vault::StoreMoveOutcome outcome = stores_.move(kind, steps);
+  if (outcome == vault::StoreMoveOutcome::stopped) throw agent::JobStopped();
+  base::JsonWriter document;
+  document.beginObject().field("kind", word(kind));
+  if (outcome == vault::StoreMoveOutcome::remainderLeft) document.field("note", remainder(from));
+  document.endObject();
+  return std::string(document.view());
+}
+
+}  // namespace sorvane::app

@@ -1,0 +1,77 @@
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <exception>
+#include <iostream>
+#include <memory>
+
+#include "agent/terminal_approver.h"
+#include "app/application.h"
+#include "base/diagnostics.h"
+#include "base/support_folder.h"
+#include "base/system.h"
+#include "crypto/key.h"
+#include "platform/linux/process_host.h"
+#include "platform/linux/service_notice.h"
+
+namespace {
+
+using namespace sorvane;
+
+/// The signals that stop the application, held back from every thread: main takes them when it waits.
+sigset_t holdStopSignals() {
+  sigset_t signals;
+  ::sigemptyset(&signals);
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) ::sigaddset(&signals, number);
+  ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+  ::signal(SIGPIPE, SIG_IGN);
+  return signals;
+}
+
+/// The approver on the terminal that standard input stands for; nullptr when that is none.
+std::unique_ptr<agent::TerminalApprover> terminalApprover() {
+  if (::isatty(STDIN_FILENO) == 0) return nullptr;
+  base::Descriptor input(::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
+  base::Descriptor output(::open("/dev/tty", O_RDWR | O_CLOEXEC | O_NOCTTY));
+  if (!input || !output) return nullptr;
+  return std::make_unique<agent::TerminalApprover>(std::move(input), std::move(output));
+}
+
+int run(const app::Options& options) {
+  // Before any thread and any secret: the process that starts commands is a copy of this one.
+  platform::LinuxProcessHost host;
+  const sigset_t stopSignals = holdStopSignals();
+  const auto folder = base::supportFolder(options.supportFolder);
+  base::checkSupportFolder(folder, base::WhenMissing::make);
+  app::Application::Setting setting{folder, options.store, crypto::initialise().memoryIsLocked};
+  const auto approver = terminalApprover();
+  app::Application application(setting, host, approver.get());
+  if (!application.start()) {
+    std::cerr << "sorvaned could not open its socket in " << folder.string()
+              << ", so nothing is served. Check that the folder can be written to and that its disk has room.\n";
+    return 1;
+  }
+  base::diagnose("app", "ready, support folder " + folder.string());
+  platform::tellServiceManager("READY=1");
+  int number = 0;
+  while (::sigwait(&stopSignals, &number) != 0) {
+  }
+  platform::tellServiceManager("STOPPING=1");
+  base::diagnose("app", "stopping");
+  return 0;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  base::hardenProcess();
+  const auto options = app::parseOptions(argc, argv);
+  if (const int* const code = std::get_if<int>(&options)) return *code;
+  try {
+    return run(std::get<app::Options>(options));
+  } catch (const std::exception& error) {
+    std::cerr << error.what() << "\n";
+    return 1;
+  }
+}
