@@ -41,6 +41,18 @@ std::optional<std::string> targetNamed(const std::string& word) {
   return vault::parseTargets({word}).front();
 }
 
+/// The name that the environment bears by now: it may have been renamed while the owner was asked.
+std::string presentName(const vault::Records& records, const std::string& id) {
+  const Project* const project = records.projectById(id);
+  if (project == nullptr) throw ActionError("The environment is gone by now. Nothing was changed.");
+  return project->name;
+}
+
+void requireFreeName(const vault::Records& records, const std::string& name, const std::string& id) {
+  const Project* const holder = records.projectByName(name);
+  if (holder != nullptr && holder->id != id) throw ActionError("a project named '" + name + "' already exists");
+}
+
 }  // namespace
 
 Project OwnerActionHandlers::projectNamed(const ActionArguments& arguments, std::string_view argument) {
@@ -196,12 +208,11 @@ ActionPlan OwnerActionHandlers::environmentTarget(const ActionArguments& argumen
 ActionPlan OwnerActionHandlers::environmentRename(const ActionArguments& arguments, ActionCall& call) {
   const Project project = projectNamed(arguments);
   const std::string name = arguments.need("newName");
-  const Project* const holder = ports_.vault.records()->projectByName(name);
-  if (holder != nullptr && holder->id != project.id) {
-    throw ActionError("a project named '" + name + "' already exists");
-  }
+  requireFreeName(*ports_.vault.records(), name, project.id);
   return asking(call, "rename an environment. Environment: " + project.name + ". New name: " + name,
-                [this, id = project.id, from = project.name, name, access = access(call, arguments)] {
+                [this, id = project.id, name, access = access(call, arguments)] {
+                  const std::string from = presentName(*ports_.vault.records(), id);
+                  requireFreeName(*ports_.vault.records(), name, id);
                   // Agent connections first: one scoped to a name that nothing bears yet sees nothing.
                   ports_.grants.environmentRenamed(from, name);
                   try {
@@ -219,8 +230,8 @@ ActionPlan OwnerActionHandlers::environmentRename(const ActionArguments& argumen
 ActionPlan OwnerActionHandlers::environmentRemove(const ActionArguments& arguments, ActionCall& call) {
   const Project project = projectNamed(arguments);
   return asking(call, "delete an environment and end task sessions. Environment: " + project.name,
-                [this, id = project.id, name = project.name, access = access(call, arguments)] {
-                  ports_.grants.environmentRemoved(name);
+                [this, id = project.id, access = access(call, arguments)] {
+                  ports_.grants.environmentRemoved(presentName(*ports_.vault.records(), id));
                   ports_.vault.deleteEnvironment(id);
                   ports_.vault.log(access, id);
                   return done();

@@ -106,9 +106,12 @@ GrantStore::State GrantStore::load() {
   auto grants = decodeGrants(text);
   state.trusted = contains(seal->digests, state.digest);
   if (grants) state.grants = std::move(*grants);
+  // A stop while the earlier form was taken over left it in place, with its tokens in the clear.
+  if (state.trusted && !grants) return takeOver(text);
   // A stop in the middle of a save left two digests; the file tells which of them holds.
   if (state.trusted && seal->digests.size() > 1) writeSeal(vault_.settings(), {{state.digest}, seal->confirmed});
-  return state.trusted ? settled(std::move(state)) : state;
+  if (!state.trusted || settledGeneration_ == vault_.generation()) return state;
+  return settled(std::move(state));
 }
 
 GrantStore::State GrantStore::takeOver(std::string_view text) {
@@ -121,11 +124,13 @@ GrantStore::State GrantStore::takeOver(std::string_view text) {
   }
   state.grants = migrated(*legacy, switches_);
   state.confirmed = state.grants.empty();
+  state.digest = crypto::sha256Hex(base::bytesOf(text));
   save(state);
   return state;
 }
 
-/// A scope whose environment is gone would come to life with the next environment of that name.
+/// A scope whose environment is gone would come to life with the next environment of that name. Done once when a vault
+/// was opened: later a scope may be ahead of the environment that is just being renamed.
 GrantStore::State GrantStore::settled(State state) {
   const auto records = vault_.records();
   bool changed = false;
@@ -135,6 +140,7 @@ GrantStore::State GrantStore::settled(State state) {
     changed = true;
   }
   if (changed) save(state);
+  settledGeneration_ = vault_.generation();
   return state;
 }
 
@@ -201,22 +207,25 @@ GrantStore::View GrantStore::view() {
 void GrantStore::change(const std::function<void(std::vector<ClientGrant>&)>& edit) {
   const base::Lock saving(saving_);
   State state = load();
-  if (!state.trusted) state.grants.clear();
+  if (!state.trusted) throw GrantsError(std::string(kNotTrusted));
   const std::vector<ClientGrant> before = state.grants;
   edit(state.grants);
-  if (state.grants != before || !state.trusted) save(state);
+  if (state.grants != before) save(state);
 }
 
 base::SecretText GrantStore::add(const NewGrant& grant) {
   base::SecretText token = newToken();
-  change([&](std::vector<ClientGrant>& grants) {
-    if (byLabel(grants, grant.label)) {
-      throw GrantsError("There already is an agent connection labelled '" + grant.label +
-                        "'. Nothing was changed. Choose another label, or remove that one first.");
-    }
-    grants.push_back(
-        {base::randomUuid(), tokenHash(token.view()), grant.label, grant.environment, grant.allowReveal, false});
-  });
+  const base::Lock saving(saving_);
+  State state = load();
+  if (!state.confirmed) throw GrantsError(std::string(kNotConfirmed));
+  if (!state.trusted) state.grants.clear();
+  if (byLabel(state.grants, grant.label)) {
+    throw GrantsError("There already is an agent connection labelled '" + grant.label +
+                      "'. Nothing was changed. Choose another label, or remove that one first.");
+  }
+  state.grants.push_back(
+      {base::randomUuid(), tokenHash(token.view()), grant.label, grant.environment, grant.allowReveal, false});
+  save(state);
   return token;
 }
 
@@ -248,15 +257,14 @@ void GrantStore::confirm() {
 }
 
 void GrantStore::environmentRemoved(std::string_view name) {
-  change([&](std::vector<ClientGrant>& grants) {
-    for (ClientGrant& grant : grants) {
-      if (grant.environment && !grant.environment->empty() && key(*grant.environment) == key(name))
-        grant.environment = "";
-    }
-  });
+  moveScope(name, "");
 }
 
 void GrantStore::environmentRenamed(std::string_view from, std::string_view to) {
+  moveScope(from, to);
+}
+
+void GrantStore::moveScope(std::string_view from, std::string_view to) {
   const base::Lock saving(saving_);
   State state = load();
   bool changed = false;
@@ -265,6 +273,7 @@ void GrantStore::environmentRenamed(std::string_view from, std::string_view to) 
     grant.environment = to;
     changed = true;
   }
+  // A file that is not trusted stays as it is: the owner is still to see that somebody changed it.
   if (changed && state.trusted) save(state);
 }
 

@@ -63,6 +63,7 @@ class GrantStore final : public GrantBook {
   State takeOver(std::string_view text) REQUIRES(saving_);
   State settled(State state) REQUIRES(saving_);
   void save(State& state) REQUIRES(saving_);
+  void moveScope(std::string_view from, std::string_view to);
   void change(const std::function<void(std::vector<ClientGrant>&)>& edit);
   void say(const State& state);
 
@@ -73,6 +74,8 @@ class GrantStore final : public GrantBook {
   const LegacySwitches switches_;
   /// Held over the file and the setting while they are read together or written.
   base::Mutex saving_;
+  /// The vault generation whose environments the scopes were compared with.
+  std::string settledGeneration_ GUARDED_BY(saving_);
   // Guarded. A leaf.
   base::Mutex mutex_;
   std::optional<base::FileIdentity> cachedIdentity_ GUARDED_BY(mutex_);
