@@ -37,8 +37,8 @@ struct ActionCall {
   /// together with another. Anything but a denial allows this very request once; the action must use what it validated
   /// before asking.
   std::function<ApprovalResult(const ActionQuestion&)> ask;
-  /// Stopped when the client is gone or the server stops.
-  std::stop_token withdrawn;
+  /// Stopped when the client is gone or the server stops; watching begins with the first call.
+  std::function<std::stop_token()> withdrawn;
 };
 
 /// OwnerActions carries out the owner's own actions (docs/owner-actions.md). Called from many threads at once. A

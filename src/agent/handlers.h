@@ -1,0 +1,110 @@
+#pragma once
+
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/command_runner.h"
+#include "agent/grant_book.h"
+#include "agent/notifier.h"
+#include "agent/operations.h"
+#include "agent/owner_actions.h"
+#include "agent/protocol.h"
+#include "vault/vault.h"
+
+namespace sorvane::agent {
+
+/// Longest name, in characters, that an agent may give to something new: the owner reads it whole before allowing it.
+inline constexpr std::size_t kMaxNewNameCharacters = 200;
+/// Longest command, in characters, that is put to the owner.
+inline constexpr std::size_t kMaxCommandCharacters = 4000;
+/// Bounds of `payload["timeoutSeconds"]` of a command.
+inline constexpr std::chrono::seconds kMinRunSeconds{1}, kMaxRunSeconds{3600}, kDefaultRunSeconds{120};
+
+inline constexpr std::string_view kEnvironmentChanged =
+    "The environment changed while the owner was asked. Nothing was shared. Try again.";
+
+/// The part of an application's own environment that a command gets beside its variables: PATH, HOME, USER, LOGNAME,
+/// SHELL, LANG, LC_*, TERM, TMPDIR and TZ, as "NAME=value". `environment` ends with a null pointer.
+std::vector<std::string> minimumEnvironment(const char* const* environment);
+
+/// Handlers carries out the operations for callers that the table admits. Everything that can be refused is refused
+/// before the owner is asked, and what was checked then is what is used after the answer. Any thread; holds no state of
+/// its own.
+class Handlers {
+ public:
+  struct Ports {
+    vault::Vault& vault;
+    GrantBook& grants;
+    OwnerActions& actions;
+    CommandRunner& runner;
+    Notifier& notifier;
+    /// Of minimumEnvironment.
+    std::vector<std::string> minimum;
+    /// Where a command runs when nothing else is said; may be empty.
+    std::string home;
+    /// Told after an operation changed the vault; may be absent.
+    std::function<void()> onVaultMutated;
+  };
+  explicit Handlers(Ports ports) : ports_(std::move(ports)) {}
+
+  AgentResponse listEnvironments(Call& call);
+  AgentResponse listSecrets(Call& call);
+  AgentResponse renderEnv(Call& call);
+  AgentResponse runEnv(Call& call);
+  AgentResponse getSecret(Call& call);
+  AgentResponse captureSecret(Call& call);
+  AgentResponse createEnvironment(Call& call);
+  AgentResponse deleteEnvironment(Call& call);
+  AgentResponse addToEnvironment(Call& call);
+  AgentResponse manageVault(Call& call);
+  AgentResponse importNotServed(Call& call);
+  AgentResponse clipboardNotServed(Call& call);
+  AgentResponse taskSessionsNotServed(Call& call);
+  AgentResponse keysNotServed(Call& call);
+  AgentResponse proxyNotServed(Call& call);
+
+ private:
+  void changed(const std::string& title, const std::string& body);
+  AgentResponse bindNew(Call& call, const vault::Project* environment, const std::string& name,
+                        const vault::Secret& secret);
+
+  const Ports ports_;
+};
+
+// Looking up what a request names (handlers_lookup.cpp).
+
+/// The environment a request is about, or why the caller gets none: a scoped caller is told the same of every other
+/// name, whether it exists or not.
+struct EnvironmentLookup {
+  const vault::Project* environment = nullptr;
+  std::optional<AgentResponse> refusal;
+};
+EnvironmentLookup environmentOf(const vault::Records& records, const Caller& caller, std::string_view name);
+
+/// `environment`, else `arg`, else the empty text.
+std::string environmentNameOf(const AgentRequest& request);
+
+/// The secret of this name, when the caller may see it: any for an unscoped caller, those of its environment for a
+/// scoped one.
+const vault::Secret* visibleSecret(const vault::Records& records, const Caller& caller, std::string_view name);
+
+/// The refusal of a change to an environment outside the caller's scope; `verb` is "add to", "delete", "create" or
+/// "capture into".
+std::optional<AgentResponse> refusedChange(const Caller& caller, std::string_view verb, std::string_view name);
+
+std::optional<std::string> declaredTarget(const AgentRequest& request);
+
+/// Checks every version that a render would deliver, as far as it can be done without its value. Throws
+/// DeploymentPolicyError.
+void checkTargetsBeforeAsking(const vault::Records& records, const vault::Project& environment,
+                              const std::optional<std::string>& target);
+
+/// "environment_not_found" with its sentence.
+AgentResponse noEnvironment(std::string_view name);
+
+}  // namespace sorvane::agent

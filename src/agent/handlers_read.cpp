@@ -1,0 +1,154 @@
+#include "agent/handlers.h"
+#include "base/unicode.h"
+#include "vault/deployment_policy.h"
+#include "vault/secret_store.h"
+
+namespace sorvane::agent {
+
+AgentResponse Handlers::listEnvironments(Call& call) {
+  const auto records = ports_.vault.records();
+  AgentResponse response;
+  response.ok = true;
+  std::vector<std::string>& names = response.names.emplace();
+  const auto& scope = call.caller().scope;
+  for (const vault::Project& environment : records->projects) {
+    if (!scope || sameEnvironmentName(*scope, environment.name)) names.push_back(environment.name);
+  }
+  return response;
+}
+
+AgentResponse Handlers::listSecrets(Call& call) {
+  const auto records = ports_.vault.records();
+  auto found = environmentOf(*records, call.caller(), environmentNameOf(call.request()));
+  if (found.refusal) return std::move(*found.refusal);
+  AgentResponse response;
+  response.ok = true;
+  std::vector<std::string>& names = response.names.emplace();
+  std::vector<std::string>& variables = response.publicNames.emplace();
+  for (const vault::EnvBinding& binding : found.environment->bindings) {
+    const vault::Secret* const secret = records->secretById(binding.secretId);
+    if (secret == nullptr) continue;
+    names.push_back(secret->name);
+    variables.push_back(binding.envVarName);
+  }
+  return response;
+}
+
+namespace {
+
+constexpr std::string_view kEnvironmentUnavailable = "Environment unavailable or audit write failed";
+
+AgentResponse rendered(vault::RenderedEnvironment environment) {
+  AgentResponse response;
+  response.ok = true;
+  response.lines = std::move(environment.result.lines);
+  response.warnings = std::move(environment.result.warnings);
+  response.missing = std::move(environment.result.missing);
+  response.directory = std::move(environment.rootPath);
+  response.runControlAllowed = std::move(environment.runControlAllowed);
+  return response;
+}
+
+}  // namespace
+
+AgentResponse Handlers::renderEnv(Call& call) {
+  const auto records = ports_.vault.records();
+  auto found = environmentOf(*records, call.caller(), environmentNameOf(call.request()));
+  if (found.refusal) return std::move(*found.refusal);
+  const vault::Project& environment = *found.environment;
+  const auto target = declaredTarget(call.request());
+  checkTargetsBeforeAsking(*records, environment, target);
+  const auto values = call.caller().allowReveal ? vault::RenderValues::deliver : vault::RenderValues::redact;
+  if (values == vault::RenderValues::deliver) {
+    OperationQuestion question;
+    question.prompt.kind = OwnerApprovalPrompt::Kind::useEnvironment;
+    question.prompt.reason =
+        call.requester() + " wants to read every value of the environment '" + environment.name + "'";
+    question.prompt.subject = environment.name;
+    question.prompt.declaredTarget = target;
+    question.details = {"Raw values leave sorvane: the program that asks gets them in the clear."};
+    question.environmentId = environment.id;
+    if (call.denied(question)) return AgentResponse::refused(std::string(kApprovalDenied));
+    const vault::Project* const now = ports_.vault.records()->projectById(environment.id);
+    if (now == nullptr) return AgentResponse::refused("Environment unavailable");
+    if (!(*now == environment)) return AgentResponse::refused(std::string(kEnvironmentChanged));
+  }
+  try {
+    return rendered(ports_.vault.render(environment.id, target, values, call.access("agent_render_env")));
+  } catch (const vault::VaultError&) {
+    return AgentResponse::refused(std::string(kEnvironmentUnavailable));
+  }
+}
+
+namespace {
+
+/// Which version of a secret the caller gets, and under which environment's target.
+struct Choice {
+  std::int64_t version;
+  std::optional<std::string> environmentTarget;
+};
+
+Choice choose(const vault::Secret& secret, const vault::Project* environment) {
+  Choice choice{secret.currentVersion, {}};
+  if (environment == nullptr) return choice;
+  for (const vault::EnvBinding& binding : environment->bindings) {
+    if (binding.secretId != secret.id) continue;
+    // Only an environment that binds the secret lends it its target.
+    choice.environmentTarget = environment->deploymentTarget;
+    choice.version = binding.pinVersion.value_or(secret.currentVersion);
+    break;
+  }
+  return choice;
+}
+
+AgentResponse noSecret(std::string_view name) {
+  return AgentResponse::refused("no secret named '" + std::string(name) + "' available to this client");
+}
+
+}  // namespace
+
+AgentResponse Handlers::getSecret(Call& call) {
+  const auto records = ports_.vault.records();
+  const Caller& caller = call.caller();
+  const std::string name = call.request().arg.value_or("");
+  const vault::Project* environment = nullptr;
+  // A scoped caller reads through its environment, with the version and the target that the owner chose there.
+  if (call.request().environment || caller.scope) {
+    auto found = environmentOf(*records, caller, call.request().environment.value_or(caller.scope.value_or("")));
+    if (found.refusal && call.request().environment) return std::move(*found.refusal);
+    environment = found.environment;
+  }
+  const vault::Secret* const secret = visibleSecret(*records, caller, name);
+  if (secret == nullptr) return noSecret(name);
+  const Choice choice = choose(*secret, environment);
+  const auto target = declaredTarget(call.request());
+  const vault::SecretVersion* const version = secret->find(choice.version);
+  if (version == nullptr || version->status == vault::VersionStatus::purged) return noSecret(name);
+  const auto& allowed = version->allowedDeploymentTargets;
+  vault::checkDeploymentTargets({choice.environmentTarget, target, allowed});
+
+  OperationQuestion question;
+  question.prompt.kind = OwnerApprovalPrompt::Kind::readSecret;
+  question.prompt.reason = call.requester() + " wants to read " + secret->name;
+  question.prompt.subject = secret->name;
+  question.prompt.version = choice.version;
+  question.prompt.allowedTargets = allowed;
+  question.prompt.declaredTarget = target;
+  question.details = {"A raw value leaves sorvane: the program that asks gets it in the clear."};
+  if (call.denied(question)) return AgentResponse::refused(std::string(kApprovalDenied));
+  try {
+    vault::RevealResult revealed =
+        ports_.vault.reveal(secret->id, choice.version, vault::DeclaredTargets{choice.environmentTarget, target},
+                            call.access("agent_get_secret"));
+    ports_.notifier.notify("sorvane · secret revealed", "read a secret: " + shownShort(secret->name));
+    AgentResponse response;
+    response.ok = true;
+    response.value = std::move(revealed.value);
+    return response;
+  } catch (const vault::VaultError&) {
+  } catch (const vault::SecretStoreError&) {
+  }
+  return AgentResponse::refused("not available (or audit write failed)");
+}
+
+}  // namespace sorvane::agent

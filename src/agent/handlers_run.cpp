@@ -1,0 +1,198 @@
+#include <stdlib.h>
+#include <sys/stat.h>
+
+#include <array>
+#include <charconv>
+#include <cstring>
+
+#include "agent/command_words.h"
+#include "agent/handlers.h"
+#include "base/json_writer.h"
+#include "base/unicode.h"
+#include "vault/run_control.h"
+
+namespace sorvane::agent {
+namespace {
+
+constexpr std::array<std::string_view, 9> kMinimumNames{"PATH", "HOME", "USER",   "LOGNAME", "SHELL",
+                                                        "LANG", "TERM", "TMPDIR", "TZ"};
+
+bool isMinimum(std::string_view entry) {
+  const std::string_view name = entry.substr(0, entry.find('='));
+  if (name.size() == entry.size()) return false;
+  for (const std::string_view known : kMinimumNames) {
+    if (name == known) return true;
+  }
+  return name.starts_with("LC_");
+}
+
+/// What of a run is decided before the owner is asked.
+struct RunPlan {
+  std::vector<std::string> words;
+  std::chrono::seconds limit = kDefaultRunSeconds;
+  std::string directory;
+};
+
+std::optional<std::chrono::seconds> timeLimit(const Payload& payload) {
+  const auto found = payload.find("timeoutSeconds");
+  if (found == payload.end()) return kDefaultRunSeconds;
+  const std::string& text = found->second;
+  std::int64_t seconds = 0;
+  const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), seconds);
+  if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
+  if (seconds < kMinRunSeconds.count() || seconds > kMaxRunSeconds.count()) return std::nullopt;
+  return std::chrono::seconds(seconds);
+}
+
+/// The folder without links, which is what the owner is shown and what the command gets; nullopt when it is no folder.
+std::optional<std::string> existingFolder(const std::string& path) {
+  if (path.empty() || path.front() != '/') return std::nullopt;
+  const std::unique_ptr<char, decltype(&::free)> resolved(::realpath(path.c_str(), nullptr), &::free);
+  struct stat status {};
+  if (!resolved || ::stat(resolved.get(), &status) != 0 || !S_ISDIR(status.st_mode)) return std::nullopt;
+  return std::string(resolved.get());
+}
+
+std::size_t characters(const std::vector<std::string>& words) {
+  std::size_t count = words.empty() ? 0 : words.size() - 1;
+  for (const std::string& word : words) {
+    for (std::string_view rest = word; !rest.empty(); ++count) rest.remove_prefix(base::decodeUtf8(rest).size);
+  }
+  return count;
+}
+
+/// Returns why the command is not even put to the owner, or fills `plan`.
+std::optional<AgentResponse> planRun(const AgentRequest& request, const std::string& fallbackFolder, RunPlan& plan) {
+  const auto command = request.payload.find("command");
+  auto words = command == request.payload.end() ? std::nullopt : decodeCommandWords(command->second);
+  if (!words) return AgentResponse::refused("Enter a valid command.");
+  plan.words = std::move(*words);
+  if (characters(plan.words) > kMaxCommandCharacters) {
+    return AgentResponse::refused(
+        "The command is longer than 4,000 characters, so it cannot be shown to the owner whole. Nothing was shared and "
+        "nothing was run. Put it into a script file and run that.");
+  }
+  const auto limit = timeLimit(request.payload);
+  if (!limit) {
+    return AgentResponse::refused(
+        "timeoutSeconds must be a whole number from 1 to 3600. Nothing was shared and nothing was run. Leave it out "
+        "for "
+        "120 seconds.");
+  }
+  plan.limit = *limit;
+  const auto folder = existingFolder(request.directory.value_or(fallbackFolder));
+  if (!folder) {
+    return AgentResponse::refused("Project folder is missing. Choose an existing absolute directory.");
+  }
+  plan.directory = *folder;
+  return std::nullopt;
+}
+
+bool contains(const std::vector<std::string>& names, std::string_view name) {
+  for (const std::string& known : names) {
+    if (known == name) return true;
+  }
+  return false;
+}
+
+/// The minimum with the environment's variables over it.
+CommandRequest commandRequest(RunPlan plan, vault::RenderedEnvironment rendered,
+                              const std::vector<std::string>& minimum) {
+  CommandRequest command;
+  command.words = std::move(plan.words);
+  command.directory = std::move(plan.directory);
+  command.timeLimit = plan.limit;
+  command.warnings = std::move(rendered.result.warnings);
+  std::vector<std::string> taken;
+  for (vault::RenderedVariable& variable : rendered.variables) {
+    if (vault::isRunControlName(variable.name) && !contains(rendered.runControlAllowed, variable.name)) {
+      command.warnings.push_back(variable.name +
+                                 ": left out, because it changes how programs run and its binding does not allow that");
+      continue;
+    }
+    taken.push_back(variable.name);
+    command.environment.push_back({variable.name, std::move(variable.value), true});
+  }
+  for (const std::string& entry : minimum) {
+    const std::size_t equals = entry.find('=');
+    std::string name = entry.substr(0, equals);
+    if (contains(taken, name)) continue;
+    command.environment.push_back(
+        {std::move(name), base::SecretText(std::string_view(entry).substr(equals + 1)), false});
+  }
+  return command;
+}
+
+base::SecretText document(const RunResult& result) {
+  base::JsonWriter out;
+  out.beginObject();
+  if (result.exitCode) out.key("exitCode").integer(*result.exitCode);
+  out.field("output", std::string_view(result.output)).strings("warnings", result.warnings);
+  out.key("started").boolean(result.started).endObject();
+  return out.take();
+}
+
+AgentResponse answer(CommandRunner::Outcome outcome, std::vector<std::string> missing) {
+  AgentResponse response;
+  response.ok = !outcome.failure;
+  response.error = std::move(outcome.failure);
+  response.document = document(outcome.result);
+  response.value = base::SecretText(outcome.result.output);
+  response.warnings = std::move(outcome.result.warnings);
+  response.missing = std::move(missing);
+  return response;
+}
+
+OperationQuestion runQuestion(Call& call, const vault::Project& environment, const RunPlan& plan) {
+  OperationQuestion question;
+  question.prompt.kind = OwnerApprovalPrompt::Kind::useEnvironment;
+  question.prompt.reason = call.requester() + " wants to run a command with the environment '" + environment.name + "'";
+  question.prompt.subject = environment.name;
+  question.prompt.declaredTarget = declaredTarget(call.request());
+  question.commandWords = plan.words;
+  question.directory = plan.directory;
+  question.details = {"The command gets the values; what it prints is masked before the program that asks sees it."};
+  question.environmentId = environment.id;
+  return question;
+}
+
+}  // namespace
+
+std::vector<std::string> minimumEnvironment(const char* const* environment) {
+  std::vector<std::string> minimum;
+  for (; *environment != nullptr; ++environment) {
+    if (isMinimum(*environment)) minimum.emplace_back(*environment);
+  }
+  return minimum;
+}
+
+AgentResponse Handlers::runEnv(Call& call) {
+  const auto records = ports_.vault.records();
+  auto found = environmentOf(*records, call.caller(), environmentNameOf(call.request()));
+  if (found.refusal) return std::move(*found.refusal);
+  const vault::Project& environment = *found.environment;
+  RunPlan plan;
+  if (auto refusal = planRun(call.request(), environment.rootPath.value_or(ports_.home), plan)) {
+    return std::move(*refusal);
+  }
+  const auto target = declaredTarget(call.request());
+  checkTargetsBeforeAsking(*records, environment, target);
+  if (call.denied(runQuestion(call, environment, plan))) return AgentResponse::refused(std::string(kApprovalDenied));
+  const vault::Project* const now = ports_.vault.records()->projectById(environment.id);
+  if (now == nullptr) return AgentResponse::refused("Environment unavailable");
+  if (!(*now == environment)) return AgentResponse::refused(std::string(kEnvironmentChanged));
+
+  vault::RenderedEnvironment rendered;
+  try {
+    rendered = ports_.vault.render(environment.id, target, vault::RenderValues::deliver, call.access("agent_run_env"));
+  } catch (const vault::VaultError&) {
+    return AgentResponse::refused("Environment unavailable or audit write failed");
+  }
+  std::vector<std::string> missing = std::move(rendered.result.missing);
+  const CommandRequest command = commandRequest(std::move(plan), std::move(rendered), ports_.minimum);
+  CommandControl control;
+  const std::stop_callback stopped(call.withdrawn(), [&control] { control.stop(); });
+  return answer(ports_.runner.run(command, control), std::move(missing));
+}
+
+}  // namespace sorvane::agent

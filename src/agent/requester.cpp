@@ -1,0 +1,33 @@
+#include "agent/requester.h"
+
+#include "base/unicode.h"
+
+namespace sorvane::agent {
+
+std::string shownShort(std::string_view text, std::size_t most) {
+  std::size_t end = 0;
+  for (std::size_t characters = 0; end < text.size() && characters < most; ++characters) {
+    end += base::decodeUtf8(text.substr(end)).size;
+  }
+  std::string shown = base::escapedForDisplay(text.substr(0, end));
+  if (end < text.size()) shown += "…";
+  return shown;
+}
+
+std::string describeRequester(const Caller& caller, const std::optional<std::string>& requestor,
+                              const std::optional<std::string>& processName) {
+  std::string text = shownShort(caller.label);
+  if (caller.inApplication) return text + " (started from the sorvane app)";
+  text += " (";
+  if (caller.kind == Caller::Kind::controller) text += "sorvane command line; ";
+  if (requestor) text += "in its own words: \"" + shownShort(*requestor) + "\"; ";
+  text += processName ? "process '" + shownShort(*processName) + "'" : "an unidentified process";
+  return text + ")";
+}
+
+bool sameEnvironmentName(std::string_view scope, std::string_view name) {
+  if (scope == name) return true;
+  return base::nfc(base::trimmed(scope)) == base::nfc(base::trimmed(name));
+}
+
+}  // namespace sorvane::agent

@@ -1,0 +1,214 @@
+#include "agent/server.h"
+
+#include <sys/socket.h>
+
+#include "agent/grants.h"
+#include "agent/server_request.h"
+#include "base/codec.h"
+#include "base/diagnostics.h"
+#include "base/ids.h"
+#include "base/support_folder.h"
+#include "crypto/digest.h"
+
+namespace sorvane::agent {
+namespace {
+
+constexpr std::string_view kNotRunning = "vault unavailable; retry after unlocking or restoring";
+constexpr std::string_view kUnauthorized =
+    "sorvane does not recognize this agent connection, so nothing was shared. Reconnect the agent in Settings > Agents "
+    "(on Linux: run sorvane, then Agent connections), then restart it.";
+constexpr std::string_view kConnectFirst = "Connect this agent before starting its task session.";
+
+Caller callerOf(const ClientGrant& grant) {
+  Caller caller;
+  caller.kind = Caller::Kind::grant;
+  caller.label = grant.label;
+  caller.identity = grant.tokenHash;
+  caller.scope = grant.environment;
+  caller.allowReveal = grant.allowReveal;
+  return caller;
+}
+
+}  // namespace
+
+const ClientGrant* findByTokenHash(const std::vector<ClientGrant>& grants, std::string_view tokenHash) {
+  const ClientGrant* found = nullptr;
+  for (const ClientGrant& grant : grants) {
+    if (base::sameInConstantTime(grant.tokenHash, tokenHash)) found = &grant;
+  }
+  return found;
+}
+
+AgentServer::AgentServer(Settings settings, Ports ports)
+    : settings_(std::move(settings)),
+      socketPath_(settings_.supportFolder / base::kSocketName),
+      grants_(ports.handlers.grants),
+      handlers_(std::move(ports.handlers)),
+      approvals_(std::move(ports.approvals)),
+      published_(ports.files, settings_.supportFolder / base::kEndpointName) {
+  if (settings_.watchEvery > std::chrono::milliseconds::zero()) {
+    endpointWatch_ = std::jthread([this](const std::stop_token& stop) { watchEndpoint(stop); });
+  }
+}
+
+AgentServer::~AgentServer() {
+  endpointWatch_ = {};
+  stop();
+  connections_.dropSilent();
+  connections_.waitUntilNone();
+  waitUntilIdle(Waiting::everyone);
+}
+
+bool AgentServer::start() {
+  const base::Lock lifecycle(lifecycle_);
+  wanted_ = true;
+  if (isRunning()) return true;
+  const auto failure = open();
+  if (failure) {
+    base::diagnose("agent", *failure);
+    wanted_ = false;
+  }
+  return !failure;
+}
+
+void AgentServer::stop() {
+  const base::Lock lifecycle(lifecycle_);
+  wanted_ = false;
+  if (isRunning()) close();
+}
+
+bool AgentServer::isRunning() const {
+  const base::Lock lock(mutex_);
+  return running_;
+}
+
+std::optional<std::string> AgentServer::open() {
+  Listener listener = openListener(socketPath_);
+  if (listener.failure) return listener.failure;
+  base::SecretText token(base::randomUuid());
+  std::string identity = crypto::sha256Hex(token.bytes());
+  std::int64_t generation = 0;
+  {
+    const base::Lock lock(mutex_);
+    generation = ++generation_;
+    running_ = true;
+    token_ = std::move(token);
+    controllerIdentity_ = std::move(identity);
+  }
+  approvals_.setGeneration(generation);
+  listener_ = std::move(listener.socket);
+  publishedSocket_ = listener.identity;
+  acceptThread_ = std::thread([this, generation, socket = listener_.get()] { acceptLoop(generation, socket); });
+  if (published_.publish(info())) return std::nullopt;
+  close();
+  return "could not publish endpoint";
+}
+
+void AgentServer::close() {
+  {
+    const base::Lock lock(mutex_);
+    running_ = false;
+    ++generation_;
+    token_ = {};
+    controllerIdentity_.clear();
+  }
+  approvals_.setGeneration(std::nullopt);
+  hangups_.withdrawAll();
+  ::shutdown(listener_.get(), SHUT_RDWR);
+  if (acceptThread_.joinable()) acceptThread_.join();
+  listener_.reset();
+  published_.withdraw();
+  std::error_code ignored;
+  std::filesystem::remove(socketPath_, ignored);
+}
+
+AgentInfo AgentServer::info() const {
+  AgentInfo info;
+  info.socketPath = socketPath_.string();
+  info.capabilities.emplace(kCapabilities.begin(), kCapabilities.end());
+  const base::Lock lock(mutex_);
+  info.token = token_.clone();
+  return info;
+}
+
+void AgentServer::republish() {
+  const base::Lock lifecycle(lifecycle_);
+  if (isRunning() && !published_.publish(info())) base::diagnose("agent", "could not publish endpoint");
+}
+
+std::optional<std::int64_t> AgentServer::enter() {
+  const base::Lock lock(mutex_);
+  if (!running_) return std::nullopt;
+  ++activeRequests_;
+  return generation_;
+}
+
+void AgentServer::leave() {
+  const base::Lock lock(mutex_);
+  --activeRequests_;
+  requestLeft_.notify_all();
+}
+
+void AgentServer::waitUntilIdle(Waiting waiting) {
+  base::Lock lock(mutex_);
+  // Requests that wait themselves do not wait for one another.
+  const std::size_t self = waiting == Waiting::everyoneElse ? 1 : 0;
+  waitingRequests_ += self;
+  requestLeft_.notify_all();
+  while (activeRequests_ > waitingRequests_) requestLeft_.wait(lock.mutex());
+  waitingRequests_ -= self;
+}
+
+AgentResponse AgentServer::handle(std::string_view bytes, const RequestCaller& caller) {
+  const auto generation = enter();
+  if (!generation) return AgentResponse::refused(std::string(kNotRunning));
+  struct Leave {
+    AgentServer& server;
+    ~Leave() { server.leave(); }
+  } const leaving{*this};
+
+  auto request = decodeRequest(bytes);
+  if (!request) return AgentResponse::refused("bad request");
+  auto authenticated = authenticate(request->token.view(), caller);
+  if (auto* refusal = std::get_if<AgentResponse>(&authenticated)) return std::move(*refusal);
+  RequestSetting setting{approvals_, hangups_, *generation, -1, 0, bytes};
+  if (const auto* socket = std::get_if<SocketCaller>(&caller)) {
+    setting.socket = socket->socket;
+    setting.peer = socket->peer;
+  }
+  ServerRequest call(std::move(*request), std::move(std::get<Caller>(authenticated)), setting);
+  AgentResponse response = perform(handlers_, call);
+  // A denial that comes of a stop says so: the owner denied nothing.
+  if (response.error == kApprovalDenied && !approvals_.isCurrent(*generation)) {
+    return AgentResponse::refused(std::string(kNotRunning));
+  }
+  return response;
+}
+
+std::variant<Caller, AgentResponse> AgentServer::authenticate(std::string_view token, const RequestCaller& caller) {
+  const bool bySocket = std::holds_alternative<SocketCaller>(caller);
+  {
+    const base::Lock lock(mutex_);
+    if (!bySocket || (!token_.empty() && token_.sameAs(token))) {
+      Caller controller;
+      controller.identity = controllerIdentity_;
+      controller.inApplication = !bySocket;
+      if (bySocket || std::holds_alternative<ApplicationAsController>(caller)) return controller;
+    }
+  }
+  const auto grants = grants_.current();
+  if (const auto* forGrant = std::get_if<ApplicationForGrant>(&caller)) {
+    for (const ClientGrant& grant : *grants) {
+      if (grant.id != forGrant->id) continue;
+      Caller found = callerOf(grant);
+      found.inApplication = true;
+      return found;
+    }
+    return AgentResponse::refused(std::string(kConnectFirst));
+  }
+  const ClientGrant* const grant = findByTokenHash(*grants, crypto::sha256Hex(base::bytesOf(token)));
+  if (grant == nullptr) return AgentResponse::refused(std::string(kUnauthorized), "unauthorized");
+  return callerOf(*grant);
+}
+
+}  // namespace sorvane::agent

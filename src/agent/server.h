@@ -1,0 +1,123 @@
+#pragma once
+
+#include <chrono>
+#include <filesystem>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <variant>
+
+#include "agent/approvals.h"
+#include "agent/connection.h"
+#include "agent/endpoint.h"
+#include "agent/grant_book.h"
+#include "agent/handlers.h"
+#include "agent/protocol.h"
+#include "base/files.h"
+#include "base/mutex.h"
+
+namespace sorvane::agent {
+
+/// Who hands a request to AgentServer::handle.
+struct SocketCaller {
+  int socket = -1;  ///< watched while the request waits, so that a client that is gone withdraws it
+  pid_t peer = 0;   ///< 0 when the system does not say
+};
+struct ApplicationAsController {};
+struct ApplicationForGrant {
+  std::string id;
+};
+using RequestCaller = std::variant<SocketCaller, ApplicationAsController, ApplicationForGrant>;
+
+/// AgentServer owns the agent endpoint: it listens, authenticates each request by its token, has the owner asked where
+/// that is due, and answers (docs/agent-protocol.md).
+///
+///   stopped --start--> running --stop--> stopped
+///
+/// Every start and every stop begins a new generation; what belongs to an older one does nothing any more. Threads: one
+/// that accepts per generation, one per connection, one that watches waiting clients, and one that watches the
+/// endpoint's files. All functions may be called from any thread, `stop` and `start` also from a request's own.
+class AgentServer {
+ public:
+  struct Settings {
+    std::filesystem::path supportFolder;
+    /// How often the endpoint's files are looked at; zero: never.
+    std::chrono::milliseconds watchEvery{2000};
+  };
+  struct Ports {
+    base::Files& files;
+    Handlers::Ports handlers;
+    Approvals::Ports approvals;
+  };
+  AgentServer(Settings settings, Ports ports);
+  /// Stops, and waits until every connection is answered or dropped.
+  ~AgentServer();
+  AgentServer(const AgentServer&) = delete;
+  AgentServer& operator=(const AgentServer&) = delete;
+
+  /// Opens the endpoint; a failure is written to standard error and leaves the server stopped. True when it runs.
+  bool start();
+  /// Closes the endpoint, withdraws every question and ends every command of a request.
+  void stop();
+  bool isRunning() const;
+  /// Writes "agent.json" again. Does nothing while stopped.
+  void republish();
+
+  /// The single entry of every request.
+  AgentResponse handle(std::string_view bytes, const RequestCaller& caller);
+
+  /// Blocks until no request is in flight. A request that waits itself passes `everyoneElse`.
+  enum class Waiting { everyone, everyoneElse };
+  void waitUntilIdle(Waiting waiting);
+
+ private:
+  struct ConnectionStart;
+
+  std::optional<std::string> open() REQUIRES(lifecycle_);
+  void close() REQUIRES(lifecycle_);
+  AgentInfo info() const;
+  void acceptLoop(std::int64_t generation, int listener);
+  void accepted(base::Descriptor socket);
+  static void* connectionThread(void* start);
+  void serve(base::Descriptor socket, Connections::Id id, pid_t peer);
+  std::optional<std::int64_t> enter();
+  void leave();
+  std::variant<Caller, AgentResponse> authenticate(std::string_view token, const RequestCaller& caller);
+  void watchEndpoint(const std::stop_token& stop);
+  void checkEndpoint(std::string& lastFailure);
+
+  // Constant after construction, or synchronised by themselves.
+  const Settings settings_;
+  const std::filesystem::path socketPath_;
+  GrantBook& grants_;
+  Handlers handlers_;
+  Approvals approvals_;
+  HangupWatch hangups_;
+  Connections connections_;
+
+  // Held across opening and closing, so that they do not interleave. Never taken by a request that is not itself
+  // starting or stopping the server.
+  base::Mutex lifecycle_;
+  PublishedFile published_ GUARDED_BY(lifecycle_);
+  SocketIdentity publishedSocket_ GUARDED_BY(lifecycle_);
+  base::Descriptor listener_ GUARDED_BY(lifecycle_);
+  std::thread acceptThread_ GUARDED_BY(lifecycle_);
+  bool wanted_ GUARDED_BY(lifecycle_) = false;
+
+  // Guarded. A leaf: nothing is called while it is held.
+  mutable base::Mutex mutex_;
+  bool running_ GUARDED_BY(mutex_) = false;
+  std::int64_t generation_ GUARDED_BY(mutex_) = 0;
+  base::SecretText token_ GUARDED_BY(mutex_);
+  std::string controllerIdentity_ GUARDED_BY(mutex_);
+  std::size_t activeRequests_ GUARDED_BY(mutex_) = 0;
+  std::size_t waitingRequests_ GUARDED_BY(mutex_) = 0;
+  base::Condition requestLeft_;
+
+  // The last member: it is stopped and joined before the others go.
+  std::jthread endpointWatch_;
+};
+
+}  // namespace sorvane::agent
