@@ -31,14 +31,6 @@ Caller callerOf(const ClientGrant& grant) {
 
 }  // namespace
 
-const ClientGrant* findByTokenHash(const std::vector<ClientGrant>& grants, std::string_view tokenHash) {
-  const ClientGrant* found = nullptr;
-  for (const ClientGrant& grant : grants) {
-    if (base::sameInConstantTime(grant.tokenHash, tokenHash)) found = &grant;
-  }
-  return found;
-}
-
 AgentServer::AgentServer(Settings settings, Ports ports)
     : settings_(std::move(settings)),
       socketPath_(settings_.supportFolder / base::kSocketName),
