@@ -9,9 +9,9 @@ namespace {
 
 constexpr std::size_t kGram = 4;
 /// Needles are told apart by at most this many of their first bytes before they are compared.
-constexpr std::size_t kMostCovered = 8;
-/// 2^18 bits are 32 KiB: the map stays in the first-level cache, and 10,000 grams fill a twenty-fifth of it.
-constexpr unsigned kMapBits = 18;
+constexpr std::size_t kMostCovered = 16;
+/// 2^19 bits are 64 KiB: the map stays in the nearest caches, and 20,000 grams fill a twenty-fifth of it.
+constexpr unsigned kMapBits = 19;
 constexpr std::uint32_t kNone = UINT32_MAX;
 /// Knuth's multiplicative constant, 2^32 divided by the golden ratio.
 constexpr std::uint32_t kSpread = 2654435769U;
