@@ -94,6 +94,8 @@ void AgentServer::serve(base::Descriptor socket, Connections::Id id, pid_t peer)
     // An answer that cannot be made is not sent.
     base::diagnose("agent", "a connection was closed without an answer");
   }
+  // A watch that is just waiting on the socket would keep a mere close from reaching the client.
+  ::shutdown(socket.get(), SHUT_RDWR);
   // The last use of the server: it may be gone once the place is given back.
   connections_.remove(id);
 }
