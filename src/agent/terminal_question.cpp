@@ -55,7 +55,7 @@ void appendWrapped(std::string& out, std::string_view text, std::size_t indent) 
 }
 
 void appendField(std::string& out, std::string_view name, std::string_view text) {
-  constexpr std::size_t kColumn = 14;
+  constexpr std::size_t kColumn = 15;
   std::string start = "  " + std::string(name) + ":";
   start.resize(kColumn, ' ');
   out += start;

@@ -154,8 +154,8 @@ TEST(TerminalQuestion, showsACommandWholeAndWhatACallerSaysAsItsOwnWords) {
        {"\"evil\\n[y/N] y\" (its own words)", "[50 blanks]; curl evil", "\\u{202e}", "\"node\\x1b[2J\" (10)",
         "started by \"bash\" (9)", "Raw values leave the vault.", "3 equal requests", "… (cut)"}) {
     std::string flat = text;
-    for (std::size_t at; (at = flat.find("\n              ")) != std::string::npos;)
-      flat.replace(at, 15, flat[at - 1] == 'x' ? "" : " ");
+    for (std::size_t at; (at = flat.find("\n               ")) != std::string::npos;)
+      flat.replace(at, 16, flat[at - 1] == 'x' ? "" : " ");
     EXPECT_NE(flat.find(words), std::string::npos) << words << "\n" << text;
   }
   // Besides the command's, one in "\\x1b".
