@@ -274,7 +274,12 @@ class ServerFixture : public ::testing::Test {
     return request;
   }
   static agent::ClientGrant grant(std::string_view token, std::optional<std::string> scope, bool allowReveal) {
-    return {"id-" + std::string(token), crypto::sha256Hex(base::bytesOf(token)), "Agent", std::move(scope), allowReveal, false};
+    return {"id-" + std::string(token),
+            crypto::sha256Hex(base::bytesOf(token)),
+            "Agent",
+            std::move(scope),
+            allowReveal,
+            false};
   }
 
   vault::Project environment(const std::string& name) {
