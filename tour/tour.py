@@ -165,7 +165,7 @@ class Tour:
         self.owner.expect(AGENT, "./deploy")
         answer = self.request(token, "runEnv", environment=ENVIRONMENT, directory=str(self.project),
                               payload={"command": json.dumps(["./deploy"]), "timeoutSeconds": "30"})
-        show(self.owner.asked().strip())
+        show(re.search(r"=+ sorvane asks.*", self.owner.asked(), re.DOTALL)[0])
         if not answer["ok"]:
             raise Wrong("The command was not run: " + answer.get("error", ""))
 

@@ -1,4 +1,5 @@
 """Starting, stopping, the support folder, and what goes wrong with it."""
+import json
 import os
 import shutil
 import signal
@@ -131,7 +132,8 @@ class OrdinaryUser(House):
     user = NOBODY
 
     def readable(self, path, by):
-        return output_of(as_user(by, ["/bin/cat", path])).returncode == 0
+        # Opening some of these files succeeds for anybody; only what they give counts.
+        return subprocess.run(as_user(by, ["/bin/cat", path]), capture_output=True, timeout=30).stdout != b""
 
     def test_otherProgramsOfTheSameUserCannotReadItsMemoryOrEnvironment(self):
         self.open().furnish()
@@ -153,7 +155,6 @@ class OrdinaryUser(House):
         # A control: the owner's own user is answered.
         client = ("import socket,sys;c=socket.socket(socket.AF_UNIX);c.connect(sys.argv[1]);c.sendall(sys.argv[2].encode());"
                   "c.shutdown(1);print(c.recv(9999).decode())")
-        import json
         own = output_of(as_user(self.user, ["/usr/bin/python3", "-c", client, endpoint["socketPath"], json.dumps(fields)]))
         self.assertIn('"ok":true', own.stdout)
 
@@ -165,10 +166,6 @@ class OrdinaryUser(House):
         # A control: the same folder, given to the user, is taken.
         os.chown(self.support, self.user, self.user)
         self.open()
-
-    # Everything above reads through root's eyes what only the user may see.
-    def endpoint(self):
-        return super().endpoint()
 
     def ask(self, op, token=None, **fields):
         endpoint = self.endpoint()
