@@ -90,7 +90,7 @@ std::vector<Project> makeProjects(int count, const std::vector<Secret>& secrets,
     Project project;
     project.id = vault::newProjectId();
     project.name = "environment " + std::to_string(i);
-    project.rootPath = "/home/someone/projects/environment-" + std::to_string(i);
+    project.rootPath = "/srv/projects/environment-" + std::to_string(i);
     project.createdAt = project.updatedAt = now;
     for (int b = 0; b < kBindings; ++b) {
       const Secret& secret = secrets[static_cast<std::size_t>(i * kBindings + b) % secrets.size()];
