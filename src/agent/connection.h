@@ -52,7 +52,7 @@ class HangupWatch {
     std::stop_source stop;
   };
   void run();
-  void wake();
+  void wake() REQUIRES(mutex_);
 
   // Guarded. A leaf: no callback and no waiting while it is held.
   base::Mutex mutex_;
