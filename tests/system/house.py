@@ -46,8 +46,8 @@ class Request:
 
     def __init__(self, endpoint, fields):
         self.connection = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+        self.connection.connect(endpoint["socketPath"])  # without a time-out it waits for its place in the queue
         self.connection.settimeout(90)
-        self.connection.connect(endpoint["socketPath"])
         try:
             self.connection.sendall(fields if isinstance(fields, bytes) else json.dumps(fields).encode())
             self.connection.shutdown(socket.SHUT_WR)

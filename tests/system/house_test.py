@@ -117,12 +117,12 @@ class SupportFolder(House):
                     pass
             except OSError:
                 pass
-        full = self.ask("manageVault", value="x" * 9000, payload={"action": "secretAdd", "name": "big"}).answer()
+        full = self.ask("manageVault", value="x" * 4000, payload={"action": "secretAdd", "name": "big"}).answer()
         self.assertFalse(full["ok"], full)
-        self.assertTrue(full["error"].endswith("."), full["error"])
+        self.assertNotIn("xxxx", full["error"])
         self.assertEqual(self.ask("listEnvironments").answer()["names"], ["shop"])
         filler.unlink()
-        self.act("secretAdd", name="big", value="x" * 9000)
+        self.act("secretAdd", name="big", value="x" * 4000)
         self.close()
         self.open()
         self.assertIn('"secrets":2', self.act("status")["document"].replace(" ", ""))
