@@ -28,10 +28,8 @@ set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME sorvane)
 set(CPACK_PACKAGE_CONTACT "The sorvane maintainers <maintainers@sorvane.invalid>")
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "local vault of credentials for people who work with coding agents")
-set(CPACK_PACKAGE_DESCRIPTION
-    "sorvane keeps credentials in a local vault. Agents get commands run with values injected and masked,\n"
-    "after the owner was asked; they never open the vault themselves.")
-string(REPLACE ";" "" CPACK_PACKAGE_DESCRIPTION "${CPACK_PACKAGE_DESCRIPTION}")
+set(CPACK_PACKAGE_DESCRIPTION "sorvane keeps credentials in a local vault. Agents get commands run with values
+injected and masked after the owner was asked, and never open the vault themselves.")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
