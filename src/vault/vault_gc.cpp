@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "base/diagnostics.h"
 #include "vault/sealed_files.h"
 #include "vault/vault_change.h"
@@ -33,6 +35,7 @@ struct Vault::Sweep {
   struct Item {
     VersionAccount account;
     std::string secretName;
+    Date updatedBefore;  ///< of the secret, for when nothing of it can be purged after all
   };
   std::int64_t days = 0;
   Change change;
@@ -68,6 +71,7 @@ void Vault::beginSweep(Sweep& sweep) {
   const Date now = ports_.clock.now();
   sweep.change.records = std::make_shared<Records>(*currentRecords());
   for (Secret& secret : sweep.change.records->secrets) {
+    const Date updatedBefore = secret.updatedAt;
     for (SecretVersion& version : secret.versions) {
       if (!isOver(version, now, sweep.days)) continue;
       sweep.change.revokeUsers(secret.id, version.version);
@@ -76,7 +80,7 @@ void Vault::beginSweep(Sweep& sweep) {
       if (sweep.purged.empty() || sweep.purged.back().account.secretId != secret.id) {
         sweep.change.changedSecrets.push_back(secret.id);
       }
-      sweep.purged.push_back({{secret.id, version.version}, secret.name});
+      sweep.purged.push_back({{secret.id, version.version}, secret.name, updatedBefore});
     }
   }
   sweep.change.secretsChanged = !sweep.purged.empty();
@@ -135,9 +139,14 @@ void Vault::keepUnswept(const Sweep& sweep) {
     const std::unique_ptr<Change> change = beginChange();
     for (std::size_t i = sweep.removed; i < sweep.purged.size(); ++i) {
       const VersionAccount& kept = sweep.purged[i].account;
-      for (SecretVersion& version : change->secret(kept.secretId).versions) {
+      Secret& secret = change->secret(kept.secretId);
+      for (SecretVersion& version : secret.versions) {
         if (version.version == kept.version) version.status = VersionStatus::retired;
       }
+      const bool untouched =
+          std::none_of(sweep.purged.begin(), sweep.purged.begin() + static_cast<std::ptrdiff_t>(sweep.removed),
+                       [&](const Sweep::Item& item) { return item.account.secretId == kept.secretId; });
+      if (untouched) secret.updatedAt = sweep.purged[i].updatedBefore;
     }
     change->secretsChanged = true;
     commit(*change);
