@@ -70,8 +70,11 @@ int main(int argc, char** argv) {
   if (const int* const code = std::get_if<int>(&options)) return *code;
   try {
     return run(std::get<app::Options>(options));
+  } catch (const base::FileError& error) {
+    std::cerr << "sorvaned could not start: " << error.sentence()
+              << ". Nothing was opened. Check that the support folder can be written to and that its disk has room.\n";
   } catch (const std::exception& error) {
     std::cerr << error.what() << "\n";
-    return 1;
   }
+  return 1;
 }

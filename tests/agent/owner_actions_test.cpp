@@ -1,0 +1,362 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <future>
+#include <nlohmann/json.hpp>
+#include <sstream>
+
+#include "agent/copied_value.h"
+#include "agent/owner_action_handlers.h"
+#include "base/json.h"
+#include "vault/vault_fixture.h"
+
+namespace sorvane::test {
+namespace {
+
+using agent::ActionCall;
+using agent::ActionQuestion;
+using agent::AgentResponse;
+using agent::ApprovalResult;
+using agent::Jobs;
+using agent::Payload;
+
+class MemoryClipboard final : public agent::Clipboard {
+ public:
+  bool available() const override { return true; }
+  std::optional<base::SecretText> read() override {
+    const base::Lock lock(mutex_);
+    return text_.clone();
+  }
+  bool write(const base::SecretText& text) override {
+    const base::Lock lock(mutex_);
+    text_ = text.clone();
+    written_.notify_all();
+    return true;
+  }
+  void waitUntilEmpty() {
+    base::Lock lock(mutex_);
+    while (!text_.empty()) written_.wait(lock.mutex());
+  }
+
+ private:
+  base::Mutex mutex_;
+  base::Condition written_;
+  base::SecretText text_ GUARDED_BY(mutex_);
+};
+
+class StandInApplication final : public agent::VaultActions {
+ public:
+  agent::ApplicationState state() override { return {"1", "support folder", "nobody", {}, {}}; }
+  agent::StoreState store() override { return {"embedded", "note", false}; }
+  std::int64_t storeItems() override { return 0; }
+  void checkStoreMove(const std::string& to) override {
+    if (to != "secret-service") throw agent::ActionError("not there");
+  }
+  std::optional<std::string> moveStore(const std::string&, const Jobs::Step&) override { return "{}"; }
+};
+
+class OwnerActions : public VaultFixture {
+ protected:
+  void SetUp() override {
+    vault().createSecret(newSecret("KEY", "made-up-value"));
+    const auto id = vault().records()->secretByName("KEY")->id;
+    vault().addVersion(id, newVersion("made-up-value-2"));
+    const auto app = vault().createEnvironment({"app", "", {}, {}});
+    vault().bind(app.id, {"KEY", id, {}, {}});
+    grants_.add({"Editor", "app", false});
+  }
+
+  AgentResponse act(Payload payload, std::optional<std::string> value = {}) {
+    std::optional<base::SecretText> secret;
+    if (value) secret.emplace(*value);
+    ActionCall call{payload,
+                    secret,
+                    "Terminal (sorvane command line)",
+                    "Terminal",
+                    "identity",
+                    {"Terminal", "", "test", {}},
+                    [this](const ActionQuestion& question) {
+                      asked_.push_back(question.prompt.reason);
+                      if (whileAsked_) whileAsked_();
+                      return answer_;
+                    },
+                    [] { return std::stop_token(); }};
+    try {
+      return actions_.perform(call);
+    } catch (const base::Error& error) {
+      return AgentResponse::refused(error.sentence());
+    }
+  }
+  std::string idOf(const std::string& environment) { return vault().records()->projectByName(environment)->id; }
+
+  agent::GrantStore grants_{folder_.path() / "agent_clients.json", systemFiles_, vault()};
+  agent::ApprovalPolicy policy_{vault()};
+  StandInApplication application_;
+  MemoryClipboard clipboard_;
+  Jobs jobs_{clock_};
+  agent::OwnerActionHandlers actions_{{vault(), grants_, policy_, jobs_, clipboard_, application_, clock_}};
+  std::vector<std::string> asked_;
+  std::function<void()> whileAsked_;
+  ApprovalResult answer_ = ApprovalResult::byApplication;
+};
+
+/// Valid arguments of every action, in the fixture's vault.
+const std::map<std::string, Payload>& validArguments() {
+  static const std::map<std::string, Payload> arguments{
+      {"status", {}},
+      {"secretList", {}},
+      {"secretShow", {{"name", "KEY"}}},
+      {"secretAdd", {{"name", "NEW"}}},
+      {"secretEdit", {{"name", "KEY"}, {"description", "words"}, {"label", "first"}}},
+      {"secretRotate", {{"name", "KEY"}}},
+      {"secretReveal", {{"name", "KEY"}}},
+      {"secretCopy", {{"name", "KEY"}}},
+      {"secretRename", {{"name", "KEY"}, {"newName", "OTHER"}}},
+      {"secretRestore", {{"name", "KEY"}, {"version", "1"}}},
+      {"secretLimit", {{"name", "KEY"}, {"targets", R"(["staging"])"}}},
+      {"secretRemove", {{"name", "KEY"}}},
+      {"environmentList", {}},
+      {"environmentShow", {{"name", "app"}}},
+      {"environmentAdd", {{"name", "new"}}},
+      {"environmentEdit", {{"name", "app"}, {"description", "words"}}},
+      {"environmentBind", {{"name", "app"}, {"variable", "OTHER"}, {"secret", "KEY"}}},
+      {"environmentUnbind", {{"name", "app"}, {"variable", "KEY"}}},
+      {"environmentMove", {{"name", "app"}, {"variable", "KEY"}, {"position", "1"}}},
+      {"environmentTarget", {{"name", "app"}, {"target", "staging"}}},
+      {"environmentRename", {{"name", "app"}, {"newName", "site"}}},
+      {"environmentRemove", {{"name", "app"}}},
+      {"export", {{"name", "app"}, {"format", "env"}}},
+      {"exportSecrets", {{"selection", R"([["KEY","KEY"]])"}}},
+      {"exportAll", {}},
+      {"agentList", {}},
+      {"agentAdd", {{"label", "Shell"}}},
+      {"agentEdit", {{"label", "Editor"}, {"allowReveal", "true"}}},
+      {"agentConfirm", {}},
+      {"agentRemove", {{"label", "Editor"}}},
+      {"log", {}},
+      {"logUsage", {}},
+      {"logRepair", {}},
+      {"settingsGet", {}},
+      {"settingsSet", {{"name", "rotationGraceDays"}, {"setting", "7"}}},
+      {"policyGet", {}},
+      {"policySet", {{"policy", "perEnvironment"}}},
+      {"gc", {{"days", "30"}}},
+      {"storeShow", {}},
+      {"storeMove", {{"to", "secret-service"}}},
+      {"job", {{"id", "nothing"}}},
+      {"jobCancel", {{"id", "nothing"}}},
+  };
+  return arguments;
+}
+
+/// The table of the document: action to whether it asks.
+std::map<std::string, bool> documentedActions() {
+  std::ifstream file(SORVANE_SOURCE "/docs/owner-actions.md");
+  std::map<std::string, bool> actions;
+  for (std::string line; std::getline(file, line);) {
+    if (!line.starts_with("| `")) continue;
+    std::vector<std::string> cells;
+    std::stringstream cellsOf(line.substr(1));
+    for (std::string cell; std::getline(cellsOf, cell, '|');) cells.push_back(cell);
+    const std::string& name = cells.at(0);
+    actions[name.substr(2, name.rfind('`') - 2)] = cells.at(2).find("yes") != std::string::npos;
+  }
+  return actions;
+}
+
+TEST_F(OwnerActions, everyDocumentedActionAsksAsDocumentedAndDoesNothingAfterANo) {
+  const auto documented = documentedActions();
+  ASSERT_EQ(documented.size(), validArguments().size());
+  answer_ = ApprovalResult::denied;
+  for (const auto& [action, asks] : documented) {
+    if (!asks) continue;
+    SCOPED_TRACE(action);
+    const auto records = vault().records();
+    const auto agents = grants_.view().grants;
+    const std::size_t events = vault().accessLog().size();
+    asked_.clear();
+    Payload payload = validArguments().at(action);
+    payload.emplace("action", action);
+    EXPECT_EQ(act(std::move(payload), "made-up").error, "approval denied");
+    ASSERT_EQ(asked_.size(), 1U);
+    EXPECT_TRUE(asked_.front().starts_with("Terminal (sorvane command line) wants to ")) << asked_.front();
+    EXPECT_EQ(vault().records()->secrets, records->secrets);
+    EXPECT_EQ(vault().records()->projects, records->projects);
+    EXPECT_EQ(grants_.view().grants, agents);
+    EXPECT_EQ(vault().accessLog().size(), events);
+  }
+  for (const auto& [action, asks] : documented) {
+    if (asks) continue;
+    SCOPED_TRACE(action);
+    asked_.clear();
+    Payload payload = validArguments().at(action);
+    payload.emplace("action", action);
+    const AgentResponse response = act(std::move(payload), "made-up");
+    EXPECT_EQ(response.ok, !action.starts_with("job")) << response.error.value_or("");
+    EXPECT_TRUE(asked_.empty());
+  }
+}
+
+TEST_F(OwnerActions, everyActionThatAsksIsCarriedOutAfterAYes) {
+  for (const auto& [action, asks] : documentedActions()) {
+    if (!asks || action == "secretRemove" || action == "environmentRemove" || action == "agentRemove") continue;
+    // What an earlier action renamed or limited is put back by a vault of its own.
+    if (action == "secretLimit" || action == "secretRename" || action == "environmentRename" ||
+        action == "environmentTarget") {
+      continue;
+    }
+    SCOPED_TRACE(action);
+    Payload payload = validArguments().at(action);
+    payload.emplace("action", action);
+    const AgentResponse response = act(std::move(payload), "made-up");
+    EXPECT_TRUE(response.ok) << response.error.value_or("");
+  }
+  EXPECT_TRUE(act({{"action", "secretLimit"}, {"name", "KEY"}, {"targets", R"(["staging"])"}}).ok);
+  EXPECT_TRUE(act({{"action", "secretRemove"}, {"name", "KEY"}}).ok);
+  EXPECT_TRUE(vault().records()->secrets.empty());
+}
+
+TEST_F(OwnerActions, whatCannotBeDoneIsRefusedBeforeTheOwnerIsAsked) {
+  struct Case {
+    Payload payload;
+    std::string_view sentence;
+  };
+  const Case cases[] = {
+      {{{"action", "secretReveal"}}, "secretReveal needs name. Nothing was changed or shared."},
+      {{{"action", "secretReveal"}, {"name", "NONE"}},
+       "There is no secret named 'NONE'. Nothing was changed or shared. sorvane secret list shows the names."},
+      {{{"action", "secretReveal"}, {"name", "KEY"}, {"version", "9"}}, "Choose a valid version."},
+      {{{"action", "secretReveal"}, {"name", "KEY"}, {"version", "1x"}},
+       "secretReveal needs a whole number as version. Nothing was changed or shared."},
+      {{{"action", "secretRotate"}, {"name", "KEY"}}, "secretRotate needs a non-empty value. Nothing was saved."},
+      {{{"action", "secretLimit"}, {"name", "KEY"}, {"targets", R"(["moon"])"}},
+       "Choose one or more of development, staging, production."},
+      {{{"action", "secretEdit"}, {"name", "KEY"}, {"expiresAt", "tomorrow"}},
+       "Use an ISO 8601 date, for example 2026-12-31T00:00:00Z."},
+      {{{"action", "environmentBind"}, {"name", "app"}, {"variable", "1A"}, {"secret", "KEY"}},
+       "Use letters, digits and underscores; start with a letter or underscore."},
+      {{{"action", "environmentBind"}, {"name", "app"}, {"variable", "A"}, {"secret", "KEY"}, {"pin", "0"}},
+       "Version must be a positive whole number, or blank for current."},
+      {{{"action", "environmentBind"}, {"name", "app"}, {"variable", "A"}, {"secret", "KEY"}, {"pin", "7"}},
+       "Choose a valid version."},
+      {{{"action", "environmentTarget"}, {"name", "app"}, {"target", "moon"}},
+       "Choose one or more of development, staging, production."},
+      {{{"action", "agentAdd"}, {"label", "a\nb"}},
+       "Choose a label of at most 200 plain characters. Nothing was changed."},
+      {{{"action", "gc"}, {"days", "-1"}}, "Choose a nonnegative grace period."},
+      {{{"action", "policySet"}, {"policy", "never"}},
+       "Choose perRequest, perEnvironment or unlocked. Nothing was changed."},
+      {{{"action", "storeMove"}, {"to", "elsewhere"}}, "not there"},
+      {{{"action", "proxyAnything"}}, "Unsupported proxy action"},
+      {{{"action", "keyAnything"}}, "Unsupported key action"},
+      {{{"action", "syncAnything"}}, "Unsupported environment sync action"},
+  };
+  for (const Case& test : cases) EXPECT_EQ(act(test.payload).error, test.sentence);
+  EXPECT_THAT(asked_, ::testing::IsEmpty());
+}
+
+TEST_F(OwnerActions, theReasonSaysWhatTheActionEnds) {
+  const std::pair<Payload, std::string_view> cases[] = {
+      {{{"action", "secretRotate"}, {"name", "KEY"}}, "rotate a secret and end task sessions. Secret: KEY"},
+      {{{"action", "secretLimit"}, {"name", "KEY"}, {"targets", R"(["staging"])"}},
+       "change where a secret version may be delivered. This ends task sessions in the 1 environment that uses this "
+       "version. Secret: KEY, version 2. Allowed: staging"},
+      {{{"action", "secretLimit"}, {"name", "KEY"}, {"version", "1"}, {"targets", "[]"}},
+       "change where a secret version may be delivered. No environment uses this version, so no task session ends. "
+       "Secret: KEY, version 1. Allowed: everywhere"},
+      {{{"action", "environmentTarget"}, {"name", "app"}, {"target", "staging"}},
+       "change the deployment target of app. New target: staging"},
+      {{{"action", "gc"}, {"days", "1"}}, "permanently purge retired versions older than 1 day"},
+  };
+  answer_ = ApprovalResult::denied;
+  for (const auto& [payload, reason] : cases) {
+    asked_.clear();
+    act(payload, "made-up");
+    EXPECT_THAT(asked_, ::testing::ElementsAre("Terminal (sorvane command line) wants to " + std::string(reason)));
+  }
+}
+
+TEST_F(OwnerActions, aScopeStaysWithItsEnvironmentWhateverHappensWhileTheOwnerIsAsked) {
+  // Renamed by somebody else before the answer: the grant loses the environment that is deleted, under its new name.
+  whileAsked_ = [this] {
+    grants_.environmentRenamed("app", "site");
+    vault().renameEnvironment(idOf("app"), "site");
+  };
+  EXPECT_TRUE(act({{"action", "environmentRemove"}, {"name", "app"}}).ok);
+  EXPECT_EQ(grants_.current()->front().environment, "");
+
+  // The new name was taken meanwhile: nobody's scope moves.
+  vault().createEnvironment({"first", "", {}, {}});
+  grants_.add({"Shell", "first", false});
+  whileAsked_ = [this] {
+    vault().createEnvironment({"second", "", {}, {}});
+    grants_.add({"Third", "second", false});
+  };
+  EXPECT_EQ(act({{"action", "environmentRename"}, {"name", "first"}, {"newName", "second"}}).error,
+            "a project named 'second' already exists");
+  EXPECT_EQ(grants_.current()->at(1).environment, "first");
+  EXPECT_EQ(grants_.current()->at(2).environment, "second");
+}
+
+TEST_F(OwnerActions, aListNeverHoldsAValue) {
+  for (const char* const action : {"status", "secretList", "environmentList", "agentList", "log", "logUsage"}) {
+    const AgentResponse response = act({{"action", action}});
+    ASSERT_TRUE(response.ok && response.document);
+    ASSERT_TRUE(base::parseJson(response.document->view())) << action;
+    EXPECT_EQ(response.document->view().find("made-up"), std::string_view::npos) << action;
+  }
+}
+
+TEST(CopiedValue, isClearedOnceItsTimeIsOverUnlessSomethingElseWasCopied) {
+  MemoryClipboard clipboard;
+  {
+    agent::CopiedValue copied(clipboard, std::chrono::milliseconds(1));
+    ASSERT_TRUE(copied.copy(base::SecretText("made-up")));
+    clipboard.waitUntilEmpty();
+  }
+  {
+    agent::CopiedValue copied(clipboard, std::chrono::hours(1));
+    ASSERT_TRUE(copied.copy(base::SecretText("made-up")));
+    clipboard.write(base::SecretText("of the owner"));
+  }
+  EXPECT_EQ(clipboard.read()->view(), "of the owner");
+  {
+    agent::CopiedValue copied(clipboard, std::chrono::hours(1));
+    ASSERT_TRUE(copied.copy(base::SecretText("made-up")));
+  }
+  EXPECT_TRUE(clipboard.read()->empty()) << "the end of the application does not leave a value there";
+}
+
+TEST(JobsTest, tellsHowFarTheWorkIsStopsItAndForgetsItAfterAnHour) {
+  ManualClock clock;
+  Jobs jobs(clock);
+  std::promise<void> begun, cancelled;
+  const std::string id = jobs.start("gc", [&](const Jobs::Step& step) {
+    step(3, 10);
+    begun.set_value();
+    cancelled.get_future().wait();
+    step(4, 10);
+    return std::optional<std::string>("{}");
+  });
+  begun.get_future().wait();
+  EXPECT_EQ(jobs.view(id)->done, 3);
+  EXPECT_EQ(jobs.view(id)->state, Jobs::State::running);
+  EXPECT_TRUE(jobs.cancel(id));
+  cancelled.set_value();
+  const std::string failing = jobs.start(
+      "gc", [](const Jobs::Step&) -> std::optional<std::string> { throw agent::ActionError("It could not be done."); });
+  while (jobs.view(id)->state == Jobs::State::running || jobs.view(failing)->state == Jobs::State::running) {
+    std::this_thread::yield();
+  }
+  EXPECT_EQ(jobs.view(id)->state, Jobs::State::cancelled);
+  EXPECT_EQ(jobs.view(failing)->error, "It could not be done.");
+  EXPECT_FALSE(jobs.cancel("nothing"));
+  clock.advance(std::chrono::hours(1));
+  const std::string next = jobs.start("gc", [](const Jobs::Step&) { return std::optional<std::string>(); });
+  EXPECT_FALSE(jobs.view(id));
+  EXPECT_TRUE(jobs.view(next));
+}
+
+}  // namespace
+}  // namespace sorvane::test
