@@ -1,5 +1,5 @@
-// The round trip of listEnvironments with 10 environments over the real socket of a running sorvaned, against an echo server of one
-// thread a connection that answers as many bytes; both taken in turn, by 1 client and by 16 at once.
+// The round trip of listEnvironments with 10 environments over the real socket of a running sorvaned, against an echo
+// server of one thread a connection that answers as many bytes; both taken in turn, by 1 client and by 16 at once.
 // Usage: socket_bench (sorvaned is looked for beside the build folder of this program).
 
 #include <signal.h>
@@ -38,7 +38,8 @@ sockaddr_un addressOf(const std::string& path) {
 void echo(const std::string& path, const std::string& answer) {
   const base::Descriptor listener(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const sockaddr_un address = addressOf(path);
-  if (::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 || ::listen(listener.get(), 128) != 0) {
+  if (::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
+      ::listen(listener.get(), 128) != 0) {
     std::exit(1);
   }
   for (;;) {
@@ -58,7 +59,8 @@ double exchangeOnce(const std::string& path, std::string_view request) {
   const auto start = std::chrono::steady_clock::now();
   const base::Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   const sockaddr_un address = addressOf(path);
-  while (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) std::this_thread::yield();
+  while (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+    std::this_thread::yield();
   [[maybe_unused]] const auto sent = ::send(socket.get(), request.data(), request.size(), MSG_NOSIGNAL);
   ::shutdown(socket.get(), SHUT_WR);
   char piece[8192];
@@ -125,7 +127,8 @@ int run() {
     std::vector<double> ours, floor;
     const int each = 400 / clients;
     for (int turn = 0; turn < 12; ++turn) {
-      const auto a = round(floorPath, request.view(), clients, each), b = round(info.socketPath, request.view(), clients, each);
+      const auto a = round(floorPath, request.view(), clients, each),
+                 b = round(info.socketPath, request.view(), clients, each);
       floor.insert(floor.end(), a.begin(), a.end());
       ours.insert(ours.end(), b.begin(), b.end());
     }
@@ -142,4 +145,6 @@ int run() {
 }  // namespace
 }  // namespace sorvane
 
-int main() { return sorvane::run(); }
+int main() {
+  return sorvane::run();
+}

@@ -148,7 +148,8 @@ ActionPlan OwnerActionHandlers::environmentBind(const ActionArguments& arguments
   if (binding.allowsRunControl == false) binding.allowsRunControl.reset();
   std::vector<std::string> details;
   if (const EnvBinding* const before = project.find(binding.envVarName)) {
-    const vault::Secret* const old = ports_.vault.records()->secretById(before->secretId);
+    const auto records = ports_.vault.records();
+    const vault::Secret* const old = records->secretById(before->secretId);
     details.push_back("It replaces the binding to " +
                       (old ? old->name : std::string("a secret that no longer exists")) +
                       " and ends this environment's task sessions.");

@@ -99,7 +99,8 @@ AgentResponse Handlers::deleteEnvironment(Call& call) {
                                  environment->name))) {
     return deniedAnswer();
   }
-  const vault::Project* const now = ports_.vault.records()->projectById(environment->id);
+  const auto present = ports_.vault.records();
+  const vault::Project* const now = present->projectById(environment->id);
   if (now == nullptr || now->name != environment->name) return AgentResponse::refused(std::string(kEnvironmentChanged));
   // Grants first: a grant must never stand for an environment that another one may replace under its name.
   ports_.grants.environmentRemoved(environment->name);
@@ -161,7 +162,8 @@ AgentResponse Handlers::bindNew(Call& call, const vault::Project* environment, c
     target = ports_.vault.createEnvironment(made);
     sentence = "created environment '" + name + "' and ";
   } else {
-    const vault::Project* const now = ports_.vault.records()->projectById(environment->id);
+    const auto present = ports_.vault.records();
+    const vault::Project* const now = present->projectById(environment->id);
     if (now == nullptr || !(*now == *environment)) return AgentResponse::refused(std::string(kEnvironmentChanged));
     target = *environment;
   }
@@ -201,7 +203,8 @@ AgentResponse Handlers::captureSecret(Call& call) {
   if (environment != nullptr) {
     try {
       const std::string variable = variableFor(name);
-      const vault::Project* const now = ports_.vault.records()->projectById(environment->id);
+      const auto present = ports_.vault.records();
+      const vault::Project* const now = present->projectById(environment->id);
       if (variable.empty()) throw vault::VaultError("its name gives no variable name");
       if (now == nullptr) throw vault::VaultError("the environment is gone");
       if (now->find(variable) != nullptr) throw vault::VaultError("the variable " + variable + " is taken");

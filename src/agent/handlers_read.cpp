@@ -69,7 +69,8 @@ AgentResponse Handlers::renderEnv(Call& call) {
     question.details = {"Raw values leave sorvane: the program that asks gets them in the clear."};
     question.environmentId = environment.id;
     if (call.denied(question)) return AgentResponse::refused(std::string(kApprovalDenied));
-    const vault::Project* const now = ports_.vault.records()->projectById(environment.id);
+    const auto present = ports_.vault.records();
+    const vault::Project* const now = present->projectById(environment.id);
     if (now == nullptr) return AgentResponse::refused("Environment unavailable");
     if (!(*now == environment)) return AgentResponse::refused(std::string(kEnvironmentChanged));
   }

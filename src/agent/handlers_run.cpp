@@ -178,7 +178,8 @@ AgentResponse Handlers::runEnv(Call& call) {
   const auto target = declaredTarget(call.request());
   checkTargetsBeforeAsking(*records, environment, target);
   if (call.denied(runQuestion(call, environment, plan))) return AgentResponse::refused(std::string(kApprovalDenied));
-  const vault::Project* const now = ports_.vault.records()->projectById(environment.id);
+  const auto present = ports_.vault.records();
+  const vault::Project* const now = present->projectById(environment.id);
   if (now == nullptr) return AgentResponse::refused("Environment unavailable");
   if (!(*now == environment)) return AgentResponse::refused(std::string(kEnvironmentChanged));
 

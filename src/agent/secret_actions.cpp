@@ -229,7 +229,8 @@ ActionPlan OwnerActionHandlers::secretRename(const ActionArguments& arguments, A
   const Secret secret = secretNamed(arguments);
   const std::string name = arguments.need("newName");
   const bool rebind = arguments.boolean("rebind").value_or(false);
-  const Secret* const holder = ports_.vault.records()->secretByName(name);
+  const auto records = ports_.vault.records();
+  const Secret* const holder = records->secretByName(name);
   if (holder != nullptr && holder->id != secret.id) throw ActionError("A secret with this name already exists.");
   std::vector<std::string> details;
   if (rebind)

@@ -100,7 +100,7 @@ TEST_F(Runner, refusesWhatCannotBeStarted) {
   missing.words = {"no-such-program-of-sorvane"};
   EXPECT_EQ(run(missing).result.exitCode, 127);
   CommandRequest huge = shell("true");
-  add(huge, "BIG", std::string(3'000'000, 'x'));
+  add(huge, "BIG", std::string(3'000'000, 'x'), false);
   EXPECT_EQ(run(huge).failure, "Argument list too long");
 }
 

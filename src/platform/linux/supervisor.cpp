@@ -84,19 +84,24 @@ int becomeCommand(const Launch& launch, int output) {
 
 /// Starts the command; fills `pid`. The answer is 0 or the errno of what failed in the child.
 int start(const Launch& launch, int output, pid_t& pid) {
-  // vfork: the child has no memory of its own to copy, and we wait until it has become the command or has failed.
-  volatile int failure = 0;
+  std::array<int, 2> report{};
+  if (::pipe2(report.data(), O_CLOEXEC) != 0) return errno;
+  // vfork: the child has no memory of its own to copy, and we wait until it has become the command or has failed. What
+  // failed comes through a pipe, which closes by itself when the child becomes the command.
   pid = ::vfork();
   if (pid == 0) {
-    failure = becomeCommand(launch, output);
+    const int number = becomeCommand(launch, output);
+    [[maybe_unused]] const auto told = ::write(report[1], &number, sizeof number);
     ::_exit(127);
   }
-  if (pid < 0) return errno;
-  if (failure != 0) {
+  int failure = pid < 0 ? errno : 0;
+  ::close(report[1]);
+  if (pid > 0 && ::read(report[0], &failure, sizeof failure) == static_cast<ssize_t>(sizeof failure)) {
     int status = 0;
     ::waitpid(pid, &status, 0);
     pid = -1;
   }
+  ::close(report[0]);
   return failure;
 }
 
