@@ -82,6 +82,7 @@ ActionPlan OwnerActionHandlers::exportAll(const ActionArguments& arguments, Acti
                   for (const vault::Exported& exported : ports_.vault.exportAll(access)) {
                     out.beginObject().field("name", exported.name).field("folder", exported.folder);
                     if (exported.lines) out.field("text", convertLines(*exported.lines, format).view());
+                    if (!exported.warnings.empty()) out.strings("warnings", exported.warnings);
                     out.field("refused", exported.refused).endObject();
                   }
                   out.endArray().endObject();

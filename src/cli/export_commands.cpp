@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <nlohmann/json.hpp>
+#include <set>
 
 #include "base/files.h"
 #include "cli/commands.h"
@@ -28,14 +29,18 @@ void writeFile(const std::filesystem::path& path, std::string_view text) {
   }
 }
 
-/// A file name for an environment: what a path could mean something by becomes "_".
-std::string fileName(const std::string& environment, const std::string& format) {
+/// A file name for an environment: what a path could mean something by becomes "_". Names that become equal by that
+/// are told apart by a number, so that no environment is written over another.
+std::string fileName(const std::string& environment, const std::string& format, std::set<std::string>& taken) {
   std::string name = environment;
   for (char& c : name) {
     if (c == '/' || c == '\\' || static_cast<unsigned char>(c) < 0x20) c = '_';
   }
   if (name.starts_with('.')) name.front() = '_';
-  return name + (format == "json" ? ".json" : format == "shell" ? ".sh" : ".env");
+  const std::string ending = format == "json" ? ".json" : format == "shell" ? ".sh" : ".env";
+  std::string file = name + ending;
+  for (int number = 2; !taken.insert(file).second; ++number) file = name + "-" + std::to_string(number) + ending;
+  return file;
 }
 
 void deliver(const ExportGiven& given, const agent::AgentResponse& response) {
@@ -53,6 +58,7 @@ int exportAll(Session& session, const ExportGiven& given) {
   if (!document) throw Failure(kFailed, "bad_answer", "sorvaned sent an answer that this program does not understand.");
   base::Json report = base::Json::array();
   bool refused = false;
+  std::set<std::string> taken;
   for (const base::Json& environment : (*document)["environments"]) {
     base::Json row{{"name", environment["name"]}};
     if (environment.contains("refused")) {
@@ -60,10 +66,16 @@ int exportAll(Session& session, const ExportGiven& given) {
       row["refused"] = environment["refused"];
       if (!session.options().json) note(cell(environment, "name") + ": not written. " + cell(environment, "refused"));
     } else {
-      const auto path = std::filesystem::path(given.folder) / fileName(cell(environment, "name"), given.format);
+      const auto path = std::filesystem::path(given.folder) / fileName(cell(environment, "name"), given.format, taken);
       writeFile(path, environment["text"].get_ref<const std::string&>());
       row["file"] = path.string();
       if (!session.options().json) note(cell(environment, "name") + ": written to " + path.string());
+      if (environment.contains("warnings")) {
+        row["warnings"] = environment["warnings"];
+        for (const base::Json& warning : environment["warnings"]) {
+          if (!session.options().json) note("Warning: " + warning.get_ref<const std::string&>());
+        }
+      }
     }
     report.push_back(row);
   }

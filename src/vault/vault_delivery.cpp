@@ -190,9 +190,11 @@ std::vector<Exported> Vault::exportAll(const AccessContext& context) {
   const auto records = currentRecords();
   std::vector<Exported> all;
   for (const Project& project : records->projects) {
-    Exported& exported = all.emplace_back(Exported{project.name, project.rootPath, {}, {}});
+    Exported& exported = all.emplace_back(Exported{project.name, project.rootPath, {}, {}, {}});
     try {
-      exported.lines = render(project.id, project.deploymentTarget, RenderValues::deliver, context).result.lines;
+      RenderResult result = render(project.id, project.deploymentTarget, RenderValues::deliver, context).result;
+      exported.lines = std::move(result.lines);
+      exported.warnings = std::move(result.warnings);
     } catch (const base::Error& error) {
       exported.refused = error.sentence();
     }

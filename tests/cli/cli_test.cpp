@@ -183,12 +183,15 @@ TEST_F(Sorvane, valuesGoToFilesOfTheOwnerOrToATerminal) {
   EXPECT_EQ(std::filesystem::status(file).permissions(),
             std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
   server_.requests();
-  const std::string all = R"({"environments":[{"name":"../a/b","text":"A=1\n"},{"name":"Odd","refused":"No."}]})";
+  const std::string all = R"({"environments":[{"name":"../a/b","text":"A=1\n"},{"name":"Odd","refused":"No."},)"
+                          R"({"name":"../a_b","text":"B=2\n","warnings":["C: bound secret no longer exists"]}]})";
   server_.serve({nlohmann::json{{"ok", true}, {"document", all}}.dump()});
   const Ran ran = run({"export", "--all", "--to", (folder_.path() / "all").string()});
   EXPECT_EQ(ran.status, 1);
   EXPECT_NE(ran.errors.find("Odd: not written. No."), std::string::npos);
   EXPECT_EQ(textOfFile(folder_.path() / "all" / "_._a_b.env"), "A=1\n");
+  EXPECT_EQ(textOfFile(folder_.path() / "all" / "_._a_b-2.env"), "B=2\n") << "no file is written over another";
+  EXPECT_NE(ran.errors.find("Warning: C: bound secret no longer exists"), std::string::npos);
 }
 
 TEST_F(Sorvane, jobsAreFollowedToTheirEnd) {

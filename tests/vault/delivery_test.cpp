@@ -139,8 +139,10 @@ TEST_F(Delivery, anExportOfChosenSecretsFailsAsAWhole) {
 }
 
 TEST_F(Delivery, anExportOfAllWritesOrRefusesEachEnvironment) {
-  const std::string a = add("A", "one"), open = environment("Open"), odd = environment("Odd");
+  const std::string a = add("A", "one"), gone = add("Gone", "x"), open = environment("Open"), odd = environment("Odd");
+  vault().bind(open, {"GONE", gone, {}, {}});
   vault().bind(open, {"A", a, {}, {}});
+  vault().deleteSecret(gone);
   vault().bind(odd, {"A", a, {}, {}});
   vault().setTarget(odd, "staging");
   const auto all = vault().exportAll({});
@@ -148,6 +150,8 @@ TEST_F(Delivery, anExportOfAllWritesOrRefusesEachEnvironment) {
   EXPECT_EQ(all[0].lines->back().view(), "A=one");
   EXPECT_EQ(all[1].refused, "Limit where every selected key version can be used before using this environment.");
   EXPECT_FALSE(all[1].lines);
+  // A file that lacks a variable says so.
+  EXPECT_EQ(all[0].warnings, std::vector<std::string>{"GONE: bound secret no longer exists"});
 }
 
 }  // namespace
