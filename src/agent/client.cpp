@@ -34,7 +34,12 @@ base::Descriptor connectTo(const std::string& path) {
     if (errno != EINTR) unavailable("sorvaned is not running for this support folder.");
   }
   const auto peer = base::peerCredentials(socket.get());
-  if (!peer || peer->uid != ::geteuid()) unavailable("The program at " + path + " belongs to another user.");
+  if (!peer || peer->uid != ::geteuid()) {
+    throw ClientError(ClientError::Case::unavailable,
+                      "The program at " + path +
+                          " belongs to another user, so nothing was sent to it. Check who "
+                          "can write to the support folder.");
+  }
   return socket;
 }
 

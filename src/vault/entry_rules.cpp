@@ -43,6 +43,8 @@ std::string nameAtEntry(std::string_view name, std::string_view whenEmpty) {
 void requireValue(const NewVersion& version) {
   if (version.value.size() > kMaxValueBytes) throw SecretStoreError::tooLarge(version.value.size());
   requireText(version.value.view());
+  // A variable ends at a NUL for the system: a command would get the first part, and the mask would look for the whole.
+  if (version.value.view().find('\0') != std::string_view::npos) throw VaultError(std::string(sentence::kNulInValue));
   requireText(version.label);
   if (version.allowedDeploymentTargets) {
     parseTargets(*version.allowedDeploymentTargets);

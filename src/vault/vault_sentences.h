@@ -40,6 +40,8 @@ inline constexpr std::string_view kUnknownVariable =
     "The environment has no variable of that name. Nothing was changed. List its variables and choose one of them.";
 inline constexpr std::string_view kNotUtf8 =
     "The text is not valid UTF-8. Nothing was saved. Enter it again without the bytes that are no text.";
+inline constexpr std::string_view kNulInValue =
+    "The value holds a NUL byte, which no variable can carry. Nothing was saved. Enter it again without that byte.";
 inline constexpr std::string_view kControlInName =
     "A name cannot hold control characters. Nothing was saved. Choose another name.";
 inline constexpr std::string_view kLogUnreadable = "The audit log could not be read, so usage is unavailable.";
