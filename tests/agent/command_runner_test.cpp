@@ -177,6 +177,41 @@ TEST_F(Runner, commandsEndWhenTheApplicationDies) {
   EXPECT_TRUE(ends(file("running"), 20s));
 }
 
+TEST_F(Runner, aCommandsGroupStaysItsOwnUntilWhatItLeftIsCleared) {
+  LaunchSpec spec;
+  spec.words = {"true"};
+  spec.environment.emplace_back("PATH=/usr/bin:/bin");
+  spec.directory = folder_.path().string();
+  const auto process = host_->launch(spec);
+  pollfd end{process->ended(), POLLIN, 0};
+  ASSERT_EQ(::poll(&end, 1, 20'000), 1);
+  // Whoever still signals the group now must not reach a stranger that got its number.
+  EXPECT_EQ(::kill(-process->group(), 0), 0);
+  EXPECT_EQ(process->wait(), 0);
+  const base::Descriptor leader(static_cast<int>(::syscall(SYS_pidfd_open, process->group(), 0)));
+  ASSERT_TRUE(leader);
+  process->clear();
+  pollfd cleared{process->ended(), POLLIN, 0};
+  ASSERT_EQ(::poll(&cleared, 1, 20'000), 1);  // the supervisor has nothing left to do and closes its end
+  EXPECT_EQ(::kill(process->group(), 0), -1);
+}
+
+TEST_F(Runner, outputComesBackWhereTheApplicationStartedWithoutItsStandardDescriptors) {
+  const CommandRequest request = shell("echo out; echo err >&2; exit 3");
+  const pid_t application = ::fork();
+  if (application == 0) {
+    for (const int fd : {0, 1, 2}) ::close(fd);
+    platform::LinuxProcessHost host;
+    CommandControl control;
+    const auto result = CommandRunner(host).run(request, control).result;
+    ::_exit(result.output == "out\nerr\n" && result.exitCode == 3 ? 0 : 1);
+  }
+  int status = 0;
+  ::waitpid(application, &status, 0);
+  EXPECT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
 TEST_F(Runner, manyAtOnceKeepTheirOutputApart) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 8; ++t) {

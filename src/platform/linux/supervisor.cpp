@@ -75,6 +75,10 @@ int becomeCommand(const Launch& launch, int output) {
   ::sigprocmask(SIG_SETMASK, &none, nullptr);
   for (int number = 1; number < NSIG; ++number) ::signal(number, SIG_DFL);
   if (::chdir(launch.directory) != 0) return errno;
+  // Above the three standard ones: where the application was started with one of them closed, the pipe may have its
+  // number, and would be overwritten or keep its close-on-exec mark.
+  output = ::fcntl(output, F_DUPFD_CLOEXEC, 3);
+  if (output < 0) return errno;
   const int input = ::open("/dev/null", O_RDONLY);
   if (input < 0 || ::dup2(input, 0) < 0 || ::dup2(output, 1) < 0 || ::dup2(output, 2) < 0) return errno;
   ::close_range(3, ~0U, CLOSE_RANGE_CLOEXEC);
@@ -170,19 +174,42 @@ class Supervision {
 
   /// False when there is no child left.
   bool reap() {
+    if (!reported_ && !report()) return true;
+    // The application may signal the command's group until it asks to clear away. Unburied, the command keeps the
+    // number of that group from becoming another one's; what else has ended waits with it.
+    if (deadline_ < 0) return true;
     for (;;) {
-      int status = 0;
-      const pid_t ended = ::waitpid(-1, &status, WNOHANG);
+      const pid_t ended = ::waitpid(-1, nullptr, WNOHANG);
       if (ended == 0) return true;
       if (ended < 0 && errno == EINTR) continue;
       if (ended < 0) return false;
-      if (ended == command_) report(status);
     }
   }
-  void report(int status) {
+  /// Tells how the command ended and leaves it unburied. False while it runs; other children are buried meanwhile.
+  bool report() {
+    siginfo_t info{};
+    while (::waitid(P_PID, static_cast<id_t>(command_), &info, WEXITED | WNOHANG | WNOWAIT) < 0 && errno == EINTR) {
+    }
+    if (info.si_pid != command_) {
+      buryAdopted();
+      return false;
+    }
+    reported_ = true;
+    const int status = info.si_code == CLD_EXITED ? W_EXITCODE(info.si_status, 0) : W_EXITCODE(0, info.si_status);
     const Ended message{status};
     // The application may be gone; then nobody wants to know.
     [[maybe_unused]] const auto sent = ::send(control_, &message, sizeof message, MSG_NOSIGNAL);
+    return true;
+  }
+  /// Buries adopted children while the command runs, and never the command.
+  void buryAdopted() {
+    for (;;) {
+      siginfo_t info{};
+      const int found = ::waitid(P_ALL, 0, &info, WEXITED | WNOHANG | WNOWAIT);
+      if (found < 0 && errno == EINTR) continue;
+      if (found < 0 || info.si_pid == 0 || info.si_pid == command_) return;
+      ::waitpid(info.si_pid, nullptr, WNOHANG);
+    }
   }
   void readControl() {
     char word = 0;
@@ -206,12 +233,15 @@ class Supervision {
   int control_;
   const pid_t command_;
   const int signals_;
+  bool reported_ = false;
   std::int64_t deadline_ = -1;
 };
 
 }  // namespace
 
 void superviseCommand(int control, int output) {
+  // The values pass through this process; the command gets its own memory, and may dump that as it likes.
+  ::prctl(PR_SET_DUMPABLE, 0);
   ::prctl(PR_SET_CHILD_SUBREAPER, 1);
   sigset_t child;
   sigemptyset(&child);
