@@ -14,14 +14,28 @@ std::string shownShort(std::string_view text, std::size_t most) {
   return shown;
 }
 
+namespace {
+
+/// Foreign text between quotes that it cannot close.
+std::string quoted(std::string_view text, char quote) {
+  std::string shown(1, quote);
+  for (const char c : shownShort(text)) {
+    if (c == quote) shown += '\\';
+    shown += c;
+  }
+  return shown + quote;
+}
+
+}  // namespace
+
 std::string describeRequester(const Caller& caller, const std::optional<std::string>& requestor,
                               const std::optional<std::string>& processName) {
   std::string text = shownShort(caller.label);
   if (caller.inApplication) return text + " (started from the sorvane app)";
   text += " (";
   if (caller.kind == Caller::Kind::controller) text += "sorvane command line; ";
-  if (requestor) text += "in its own words: \"" + shownShort(*requestor) + "\"; ";
-  text += processName ? "process '" + shownShort(*processName) + "'" : "an unidentified process";
+  if (requestor) text += "in its own words: " + quoted(*requestor, '"') + "; ";
+  text += processName ? "process " + quoted(*processName, '\'') : "an unidentified process";
   return text + ")";
 }
 
