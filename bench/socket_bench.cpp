@@ -2,6 +2,7 @@
 // server of one thread a connection that answers as many bytes; both taken in turn, by 1 client and by 16 at once.
 // Usage: socket_bench (sorvaned is looked for beside the build folder of this program).
 
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -96,8 +97,8 @@ int run() {
   const pid_t child = ::fork();
   if (child == 0) {
     ::setsid();
-    std::freopen("/dev/null", "r", stdin);
-    std::freopen("/dev/null", "w", stderr);
+    const int nothing = ::open("/dev/null", O_RDWR);
+    if (::dup2(nothing, 0) < 0 || ::dup2(nothing, 2) < 0) ::_exit(126);
     ::execl(program.c_str(), "sorvaned", "--support-dir", support.c_str(), nullptr);
     ::_exit(127);
   }

@@ -171,6 +171,13 @@ void measure(int secrets, int projects, int rounds) {
   steps.add("list", [&] {
     if (sized.vault().records()->secrets.empty()) std::abort();
   });
+  steps.add("render", [&] {
+    if (sized.vault().render(sized.environmentId(), {}, vault::RenderValues::deliver, context).variables.size() !=
+        kBindings)
+      std::abort();
+  });
+  steps.add("render redacted",
+            [&] { sized.vault().render(sized.environmentId(), {}, vault::RenderValues::redact, context); });
   steps.add("edit", [&] {
     sized.vault().editSecret(sized.secretId(),
                              {.description = std::to_string(++turn), .tags = {}, .icon = {}, .isFavorite = {}});
@@ -194,6 +201,8 @@ void measure(int secrets, int projects, int rounds) {
   };
   row("open / parse", "open", steps.median("parse"));
   row("list", "list", 0);
+  row("render, logged", "render", 0);
+  row("render, redacted", "render redacted", 0);
   row("edit / floor", "edit", secretsFloor);
   row("bind / floor", "bind", projectsFloor);
   row("add / floor", "add version", secretsFloor);
