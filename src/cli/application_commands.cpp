@@ -15,13 +15,15 @@ int status(Session& session) {
   if (document.value("vaultOpen", false)) {
     printLine("It holds " + cell(document, "secrets") + " secrets and " + cell(document, "environments") +
               " environments for " + cell(document, "agents") + " agent connections.");
-    printLine("Values are kept in the " + cell(document["store"], "kind") + " store. " +
-              cell(document["store"], "note"));
+    const base::Json store = document.value("store", base::Json::object());
+    printLine("Values are kept in the " + cell(store, "kind") + " store. " + cell(store, "note"));
     printLine("Approval policy: " + cell(document, "policy") + ". " + cell(document, "approver"));
   } else {
     printLine("The vault is closed: " + cell(document, "storageFailure"));
   }
-  for (const base::Json& sentence : document["notices"]) printLine(sentence.get<std::string>());
+  for (const base::Json& sentence : items(document, "notices")) {
+    printLine(base::escapedForDisplay(sentence.get<std::string>()));
+  }
   return 0;
 }
 
@@ -29,9 +31,10 @@ int agents(Session& session) {
   const base::Json document = session.read("agentList");
   if (session.options().json) return printJson(document), 0;
   if (document.contains("sentence")) note(cell(document, "sentence"));
-  if (document["agents"].empty()) return printLine("No agent is connected. sorvane agent add LABEL connects one."), 0;
+  if (items(document, "agents").empty())
+    return printLine("No agent is connected. sorvane agent add LABEL connects one."), 0;
   std::vector<std::vector<std::string>> rows;
-  for (const base::Json& grant : document["agents"]) {
+  for (const base::Json& grant : items(document, "agents")) {
     const bool scoped = grant.contains("environment");
     const std::string scope = !scoped                              ? "every environment"
                               : cell(grant, "environment").empty() ? "none"
@@ -46,7 +49,7 @@ int showLog(Session& session, const Session::Arguments& arguments) {
   const base::Json document = session.read("log", arguments);
   if (session.options().json) return printJson(document), 0;
   std::vector<std::vector<std::string>> rows;
-  for (const base::Json& event : document["events"]) {
+  for (const base::Json& event : items(document, "events")) {
     rows.push_back({cell(event, "at"), cell(event, "actor"), cell(event, "tool"),
                     cell(event, "secret") + (event.contains("version") ? " v" + cell(event, "version") : ""),
                     cell(event, "environment")});
@@ -59,8 +62,8 @@ int showUsage(Session& session) {
   const base::Json document = session.read("logUsage");
   if (session.options().json) return printJson(document), 0;
   std::vector<std::vector<std::string>> tools, secrets;
-  for (const base::Json& tool : document["tools"]) tools.push_back({cell(tool, "tool"), cell(tool, "count")});
-  for (const base::Json& secret : document["secrets"]) {
+  for (const base::Json& tool : items(document, "tools")) tools.push_back({cell(tool, "tool"), cell(tool, "count")});
+  for (const base::Json& secret : items(document, "secrets")) {
     secrets.push_back({secret.contains("secret") ? cell(secret, "secret") : cell(secret, "secretId") + " (deleted)",
                        cell(secret, "count"), cell(secret, "last")});
   }
@@ -83,16 +86,16 @@ Action simple(std::string name, std::shared_ptr<Given> given, Session::Asks asks
 
 int collect(Session& session, const Session::Arguments& arguments) {
   const auto response = session.manage("gc", arguments, Session::Asks::yes);
-  const base::Json report = session.follow(std::string(response.value->view()));
+  const base::Json report = session.follow(response);
   if (session.options().json) return printJson(report), 0;
   note(cell(report, "purgedSwept") + " retired versions were purged.");
-  for (const base::Json& missing : report["missingValues"]) note(missing.get<std::string>());
+  for (const base::Json& missing : items(report, "missingValues")) note(missing.get<std::string>());
   return 0;
 }
 
 int moveStore(Session& session, const Session::Arguments& arguments) {
   const auto response = session.manage("storeMove", arguments, Session::Asks::yes);
-  const base::Json report = session.follow(std::string(response.value->view()));
+  const base::Json report = session.follow(response);
   if (session.options().json) return printJson(report.is_null() ? base::Json{{"ok", true}} : report), 0;
   note("Every value was moved.");
   return 0;
@@ -123,7 +126,7 @@ void Commands::addApplication(CLI::App& app) {
     action = [word](Session& session) {
       if (word->empty()) {
         const auto response = session.manage("policyGet", {}, Session::Asks::no);
-        const std::string present(response.value->view());
+        const std::string present(valueOf(response).view());
         session.options().json ? printJson({{"policy", present}}) : printLine(present);
         return 0;
       }
@@ -138,14 +141,17 @@ void Commands::addApplication(CLI::App& app) {
 
   CLI::App& settings = *app.add_subcommand("settings", "See and change settings");
   settings.require_subcommand(1);
-  settings.add_subcommand("get", "All settings")->callback([this] {
-    action = [](Session& session) {
-      const base::Json document = session.read("settingsGet");
+  CLI::App& get = *settings.add_subcommand("get", "All settings, or one");
+  given->text(get, "name", "name", "Name of the setting; all when absent");
+  get.callback([this, given] {
+    action = [given](Session& session) {
+      const base::Json document = session.read("settingsGet", given->arguments);
       if (session.options().json) return printJson(document), 0;
       for (const auto& [name, value] : document.items()) printLine(name + " = " + value.dump());
       return 0;
     };
   });
+  given = std::make_shared<Given>();
   CLI::App& set = *settings.add_subcommand("set", "Change one, such as rotationGraceDays 14");
   given->text(set, "name", "name", "Name of the setting")->required();
   given->text(set, "value", "setting", "Its new value")->required();
@@ -198,9 +204,9 @@ void Commands::addAgent(CLI::App& app) {
   add.callback([this, given] {
     action = [given](Session& session) {
       const auto response = session.manage("agentAdd", given->arguments, Session::Asks::yes);
-      if (session.options().json) return printJson({{"token", std::string(response.value->view())}}), 0;
+      if (session.options().json) return printJson({{"token", std::string(valueOf(response).view())}}), 0;
       note("This is the agent's token. It is shown once and kept nowhere; give it to the agent as SORVANE_MCP_TOKEN.");
-      printValue(*response.value);
+      printValue(valueOf(response));
       return 0;
     };
   });

@@ -10,13 +10,16 @@ CLI::Option* Given::text(CLI::App& command, const std::string& option, const std
 
 CLI::Option* Given::list(CLI::App& command, const std::string& option, const std::string& name,
                          const std::string& help) {
-  return command.add_option_function<std::vector<std::string>>(
+  CLI::Option* const added = command.add_option_function<std::vector<std::string>>(
       option,
       [this, name](const std::vector<std::string>& items) {
         // One empty text clears the list.
         arguments[name] = items.size() == 1 && items[0].empty() ? "[]" : listArgument(items);
       },
       help);
+  // Each --option takes one item, so that it does not swallow the name that stands behind it.
+  if (option.starts_with('-')) added->allow_extra_args(false);
+  return added;
 }
 
 CLI::Option* Given::flag(CLI::App& command, const std::string& option, const std::string& name,

@@ -9,10 +9,10 @@ namespace {
 int list(Session& session) {
   const base::Json document = session.read("environmentList");
   if (session.options().json) return printJson(document), 0;
-  if (document["environments"].empty())
+  if (items(document, "environments").empty())
     return printLine("There are no environments yet. sorvane env create NAME makes one."), 0;
   std::vector<std::vector<std::string>> rows;
-  for (const base::Json& environment : document["environments"]) {
+  for (const base::Json& environment : items(document, "environments")) {
     const std::string missing = cell(environment, "missing");
     rows.push_back({cell(environment, "name"),
                     cell(environment, "variables") + (missing == "0" ? "" : " (" + missing + " missing)"),
@@ -38,7 +38,7 @@ int show(Session& session, const Session::Arguments& arguments) {
   printTable({"FIELD", "VALUE"}, fields);
   printLine("");
   std::vector<std::vector<std::string>> rows;
-  for (const base::Json& binding : environment["bindings"]) {
+  for (const base::Json& binding : items(environment, "bindings")) {
     std::string notes = cell(binding, "problem");
     if (binding.contains("pinVersion")) notes += std::string(notes.empty() ? "" : "; ") + "pinned";
     if (binding.value("allowsRunControl", false))

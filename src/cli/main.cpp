@@ -1,6 +1,8 @@
+#include <algorithm>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
+#include "base/system.h"
 #include "cli/commands.h"
 #include "cli/output.h"
 
@@ -48,12 +50,30 @@ int fail(const Options& options, const Failure& failure) {
   return failure.exitCode();
 }
 
+/// A command line that cannot be parsed. Help and the version come this way too, with 0.
+int refuse(const CLI::App& app, const CLI::ParseError& error, int count, char** words) {
+  char** const end = std::find_if(words, words + count, [](const char* word) { return std::strcmp(word, "--") == 0; });
+  // The parser gave up before it set any option.
+  const bool json = std::any_of(words, end, [](const char* word) { return std::strcmp(word, "--json") == 0; });
+  if (!json || error.get_exit_code() == 0) return app.exit(error) == 0 ? 0 : kUsage;
+  printJson({{"error", {{"code", "usage"}, {"message", error.what()}}}});
+  return kUsage;
+}
+
 int runProgram(int count, char** words) {
   Options options;
   CLI::App app(
       "sorvane talks to sorvaned, which keeps your credentials. Values are typed or piped in, never arguments.\n"
       "Start sorvaned in a terminal of its own first; it asks there before values leave the vault.",
       "sorvane");
+  app.footer(
+      "First steps:\n"
+      "  sorvane secret add STRIPE_KEY\n"
+      "  sorvane env create Development --folder ~/src/shop\n"
+      "  sorvane env bind Development STRIPE_KEY STRIPE_KEY\n"
+      "  sorvane run Development -- npm test\n\n"
+      "Exit codes: the command's own from run; 2 wrong command line, 69 sorvaned is not running, 75 locked or busy,\n"
+      "77 denied, 78 wrong configuration, 1 anything else.");
   app.require_subcommand(1);
   Commands commands{options, {}};
   addOptions(app, options);
@@ -65,8 +85,7 @@ int runProgram(int count, char** words) {
   try {
     app.parse(count, words);
   } catch (const CLI::ParseError& error) {
-    // Help and the version come this way too, with 0.
-    return app.exit(error) == 0 ? 0 : kUsage;
+    return refuse(app, error, count, words);
   }
   Session session(options);
   try {
@@ -81,6 +100,7 @@ int runProgram(int count, char** words) {
 }  // namespace
 
 int main(int count, char** words) {
+  sorvane::base::hardenProcess();
   try {
     return runProgram(count, words);
   } catch (const std::exception&) {

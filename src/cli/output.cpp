@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/unicode.h"
+#include "cli/session.h"
 
 namespace sorvane::cli {
 namespace {
@@ -42,7 +43,7 @@ void printLine(std::string_view text) {
 }
 
 void note(std::string_view text) {
-  writeAll(STDERR_FILENO, std::string(text) + "\n");
+  writeAll(STDERR_FILENO, base::escapedForDisplay(text) + "\n");
 }
 
 void printJson(const base::Json& document) {
@@ -52,6 +53,12 @@ void printJson(const base::Json& document) {
 std::string cell(const base::Json& object, const char* name) {
   const auto found = object.find(name);
   return found == object.end() ? "" : textOf(*found);
+}
+
+const base::Json& items(const base::Json& document, const char* name) {
+  const auto found = document.is_object() ? document.find(name) : document.end();
+  if (found == document.end() || !found->is_array()) throw notUnderstood();
+  return *found;
 }
 
 void printTable(const std::vector<std::string>& headings, const std::vector<std::vector<std::string>>& rows) {

@@ -27,7 +27,8 @@ void addSecretFields(CLI::App& command, Given& given) {
 }
 
 void addValue(CLI::App& command, const std::shared_ptr<ValueGiven>& given) {
-  command.add_flag("--keep-newline", given->keepNewline, "Keep the line feed at the end of a value that is piped in");
+  command.add_flag("--keep-newline", given->keepNewline,
+                   "Keep the line feed at the end of a value that is piped in; one is dropped otherwise");
   given->list(command, "--target", "targets",
               "Where it may be delivered: development, staging, production; may be repeated");
 }
@@ -35,9 +36,10 @@ void addValue(CLI::App& command, const std::shared_ptr<ValueGiven>& given) {
 int list(Session& session) {
   const base::Json document = session.read("secretList");
   if (session.options().json) return printJson(document), 0;
-  if (document["secrets"].empty()) return printLine("There are no secrets yet. sorvane secret add NAME adds one."), 0;
+  if (items(document, "secrets").empty())
+    return printLine("There are no secrets yet. sorvane secret add NAME adds one."), 0;
   std::vector<std::vector<std::string>> rows;
-  for (const base::Json& secret : document["secrets"]) {
+  for (const base::Json& secret : items(document, "secrets")) {
     rows.push_back({(secret.value("isFavorite", false) ? "* " : "  ") + cell(secret, "name"),
                     "v" + cell(secret, "currentVersion"), cell(secret, "badge"),
                     cell(secret, "allowedDeploymentTargets"), cell(secret, "environments")});
@@ -48,8 +50,8 @@ int list(Session& session) {
 
 void printVersions(const base::Json& secret) {
   std::vector<std::vector<std::string>> rows;
-  for (const base::Json& version : secret["versions"]) {
-    const bool current = version["version"] == secret["currentVersion"];
+  for (const base::Json& version : items(secret, "versions")) {
+    const bool current = cell(version, "version") == cell(secret, "currentVersion");
     rows.push_back({"v" + cell(version, "version"), current ? "current" : cell(version, "status"),
                     cell(version, "createdAt"), cell(version, "expiresAt"), cell(version, "label"),
                     cell(version, "allowedDeploymentTargets")});
@@ -59,7 +61,7 @@ void printVersions(const base::Json& secret) {
 
 int show(Session& session, const Session::Arguments& arguments, bool onlyVersions) {
   const base::Json secret = session.read("secretShow", arguments);
-  if (session.options().json) return printJson(onlyVersions ? secret["versions"] : secret), 0;
+  if (session.options().json) return printJson(onlyVersions ? items(secret, "versions") : secret), 0;
   if (!onlyVersions) {
     std::vector<std::vector<std::string>> rows;
     for (const auto& [heading, field] : {std::pair{"Name", "name"},
@@ -73,7 +75,7 @@ int show(Session& session, const Session::Arguments& arguments, bool onlyVersion
                                          {"Id", "id"}}) {
       if (const std::string text = cell(secret, field); !text.empty()) rows.push_back({heading, text});
     }
-    for (const base::Json& use : secret["environments"]) {
+    for (const base::Json& use : items(secret, "environments")) {
       rows.push_back(
           {"Used by", cell(use, "name") + " as " + cell(use, "variable") +
                           (use.contains("pinVersion") ? " (pinned to v" + cell(use, "pinVersion") + ")" : "")});
@@ -117,7 +119,7 @@ void addValueCommand(Commands& commands, CLI::App& group, bool rotate) {
       auto value = readValue(session.options(), "Value of " + given->arguments["name"], given->keepNewline);
       const auto response = session.manage(rotate ? "secretRotate" : "secretAdd", given->arguments,
                                            rotate ? Session::Asks::yes : Session::Asks::no, std::move(value));
-      const std::string answer(response.value->view());
+      const std::string answer(valueOf(response).view());
       if (session.options().json) return printJson({{"ok", true}, {rotate ? "version" : "id", answer}}), 0;
       note(rotate ? "Stored as version " + answer + "." : "Stored " + given->arguments["name"] + ".");
       return 0;
@@ -131,7 +133,7 @@ void addReveal(Commands& commands, CLI::App& group) {
   CLI::App& command = *group.add_subcommand("reveal", "Print a value (asks)");
   given->text(command, "name", "name", "Name of the secret")->required();
   given->text(command, "--version", "version", "Number of the version; the current one when absent");
-  command.add_flag("--force", *force, "Print it also where standard output is no terminal");
+  command.add_flag("--force", *force, "Print it also where standard output is no terminal; --json does, too");
   command.callback([&commands, given, force] {
     commands.action = [given, force](Session& session) {
       if (::isatty(STDOUT_FILENO) == 0 && !*force && !session.options().json) {
@@ -139,8 +141,8 @@ void addReveal(Commands& commands, CLI::App& group) {
                       "Standard output is no terminal, so the value was not asked for. Use --force to write it there.");
       }
       const auto response = session.manage("secretReveal", given->arguments, Session::Asks::yes);
-      if (session.options().json) return printJson({{"value", std::string(response.value->view())}}), 0;
-      printValue(*response.value);
+      if (session.options().json) return printJson({{"value", std::string(valueOf(response).view())}}), 0;
+      printValue(valueOf(response));
       return 0;
     };
   });

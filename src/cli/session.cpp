@@ -23,12 +23,13 @@ constexpr auto kPollJobs = 150ms;
 // Set by the signal's handler, which may do no more.
 std::atomic<bool> interrupted{false};  // NOLINT: a handler has no other way to tell
 
-/// Ctrl-C is noted for as long as this lives.
+/// The first Ctrl-C is noted for as long as this lives.
 class NoteInterrupt {
  public:
   NoteInterrupt() {
     struct sigaction action {};
     action.sa_handler = [](int) { interrupted = true; };
+    action.sa_flags = static_cast<int>(SA_RESETHAND);
     ::sigaction(SIGINT, &action, &before_);
   }
   ~NoteInterrupt() { ::sigaction(SIGINT, &before_, nullptr); }
@@ -46,7 +47,9 @@ int exitCodeOf(const agent::AgentResponse& response) {
       response.errorCode == "deployment_policy_refused") {
     return kDenied;
   }
-  if (sentence.starts_with("vault unavailable") || sentence.starts_with("sorvane is still moving")) return kTryLater;
+  for (const char* const passing : {"vault unavailable", "sorvane is still moving", "sorvane is handling"}) {
+    if (sentence.starts_with(passing)) return kTryLater;
+  }
   return kFailed;
 }
 
@@ -62,6 +65,15 @@ void drawProgress(const base::Json& job) {
 }
 
 }  // namespace
+
+Failure notUnderstood() {
+  return {kFailed, "bad_answer", "sorvaned sent an answer that this program does not understand."};
+}
+
+const base::SecretText& valueOf(const agent::AgentResponse& response) {
+  if (!response.value) throw notUnderstood();
+  return *response.value;
+}
 
 std::string listArgument(const std::vector<std::string>& items) {
   base::JsonWriter out;
@@ -111,11 +123,12 @@ agent::AgentResponse Session::manage(std::string_view action, Arguments argument
 base::Json Session::read(std::string_view action, Arguments arguments) {
   const agent::AgentResponse response = manage(action, std::move(arguments), Asks::no);
   auto json = response.document ? base::parseJson(response.document->view()) : std::nullopt;
-  if (!json) throw Failure(kFailed, "bad_answer", "sorvaned sent an answer that this program does not understand.");
+  if (!json || !json->is_object()) throw notUnderstood();
   return std::move(*json);
 }
 
-base::Json Session::follow(const std::string& jobId) {
+base::Json Session::follow(const agent::AgentResponse& started) {
+  const std::string jobId(valueOf(started).view());
   const NoteInterrupt note;
   bool cancelled = false;
   for (;;) {

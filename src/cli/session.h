@@ -33,6 +33,9 @@ class Failure : public base::Error {
   std::string code_;
 };
 
+/// The failure for an answer that lacks what it must hold.
+Failure notUnderstood();
+
 /// What every command may be given.
 struct Options {
   std::optional<std::string> supportFolder;
@@ -56,8 +59,9 @@ class Session {
                               std::optional<base::SecretText> value = {});
   /// The action's JSON document.
   base::Json read(std::string_view action, Arguments arguments = {});
-  /// Follows a job to its end, draws its progress, and cancels it on Ctrl-C. Returns its document, or null.
-  base::Json follow(const std::string& jobId);
+  /// Follows the job whose id `started` holds to its end, draws its progress, and cancels it on Ctrl-C; a second one
+  /// ends the program. Returns its document, or null.
+  base::Json follow(const agent::AgentResponse& started);
 
   const Options& options() const { return options_; }
 
@@ -65,6 +69,9 @@ class Session {
   const Options& options_;
   std::optional<agent::AgentInfo> endpoint_;
 };
+
+/// The text that an answer must hold; throws Failure when it does not.
+const base::SecretText& valueOf(const agent::AgentResponse& response);
 
 /// A JSON array of text, as payload arguments carry lists.
 std::string listArgument(const std::vector<std::string>& items);
