@@ -141,6 +141,7 @@ TEST_F(Sorvane, refusalsHaveTheirOwnExitCodesAndJson) {
       {R"({"ok":false,"error":"approval denied"})", 77, "approval_denied"},
       {R"({"ok":false,"error":"no","errorCode":"deployment_policy_refused"})", 77, "deployment_policy_refused"},
       {R"({"ok":false,"error":"vault unavailable; retry after unlocking or restoring"})", 75, "refused"},
+      {R"({"ok":false,"error":"sorvane is handling as many requests as it can. Nothing was shared."})", 75, "refused"},
       {R"({"ok":false,"error":"There is no secret."})", 1, "refused"},
       {"", 1, "bad_answer"},
       {"not json", 1, "bad_answer"}};
@@ -192,6 +193,91 @@ TEST_F(Sorvane, valuesGoToFilesOfTheOwnerOrToATerminal) {
   EXPECT_EQ(textOfFile(folder_.path() / "all" / "_._a_b.env"), "A=1\n");
   EXPECT_EQ(textOfFile(folder_.path() / "all" / "_._a_b-2.env"), "B=2\n") << "no file is written over another";
   EXPECT_NE(ran.errors.find("Warning: C: bound secret no longer exists"), std::string::npos);
+}
+
+TEST_F(Sorvane, answersThatLackWhatTheyMustHoldAreRefused) {
+  const std::vector<std::string> commands[] = {{"secret", "show", "A"},
+                                               {"secret", "versions", "A"},
+                                               {"env", "list"},
+                                               {"env", "show", "E"},
+                                               {"agent", "list"},
+                                               {"log"},
+                                               {"log", "--usage"},
+                                               {"status"},
+                                               {"policy"},
+                                               {"agent", "add", "A"},
+                                               {"gc", "--days", "1"},
+                                               {"secret", "add", "A"},
+                                               {"export", "E", "--json"}};
+  for (const auto& command : commands) {
+    server_.serve({R"({"ok":true,"document":"{}"})"});
+    const Ran ran = run(command, "made up");
+    EXPECT_EQ(ran.status, 1) << command[0];
+    EXPECT_NE((ran.output + ran.errors).find("sorvaned sent an answer that this program does not understand."),
+              std::string::npos)
+        << command[0] << ran.output << ran.errors;
+    server_.requests();
+  }
+}
+
+TEST_F(Sorvane, refusalsAreEscapedForThePersonAndAWrongCommandLineIsJsonForPrograms) {
+  server_.serve({nlohmann::json{{"ok", false}, {"error", "There is no secret named 'a\x1b[2J’'."}}.dump()});
+  EXPECT_EQ(run({"secret", "show", "a"}).errors, "There is no secret named 'a\\x1b[2J’'.\n");
+  server_.requests();
+  const Ran wrong = run({"secret", "shout", "--json"});
+  EXPECT_EQ(wrong.status, 2);
+  EXPECT_EQ(nlohmann::json::parse(wrong.output)["error"]["code"], "usage");
+  EXPECT_EQ(wrong.errors, "");
+  const Ran words = run({"run", "Dev", "--nonsense", "--", "true", "--json"});
+  EXPECT_EQ(words.status, 2);
+  EXPECT_EQ(words.output, "") << "--json is the command's own word here";
+}
+
+TEST_F(Sorvane, anOptionTakesOneItemAndLeavesTheNameAlone) {
+  const struct {
+    std::vector<std::string> words;
+    nlohmann::json payload;
+  } cases[] = {
+      {{"secret", "edit", "--tag", "a", "--tag", "b", "API"},
+       {{"action", "secretEdit"}, {"name", "API"}, {"tags", R"(["a","b"])"}}},
+      {{"secret", "edit", "API", "--tag", "", "--label", ""},
+       {{"action", "secretEdit"}, {"name", "API"}, {"tags", "[]"}, {"label", ""}}},
+      {{"secret", "limit", "API", "staging", "production", "--version", "2"},
+       {{"action", "secretLimit"}, {"name", "API"}, {"targets", R"(["staging","production"])"}, {"version", "2"}}},
+      {{"secret", "limit", "API", ""}, {{"action", "secretLimit"}, {"name", "API"}, {"targets", "[]"}}},
+      {{"env", "target", "Dev", ""}, {{"action", "environmentTarget"}, {"name", "Dev"}, {"target", ""}}},
+      {{"env", "edit", "Dev", "--folder", ""}, {{"action", "environmentEdit"}, {"name", "Dev"}, {"folder", ""}}},
+      {{"agent", "edit", "A", "--any-env", "--allow-reveal", "off"},
+       {{"action", "agentEdit"}, {"label", "A"}, {"environment", ""}, {"allowReveal", "false"}}}};
+  for (const auto& c : cases) {
+    server_.serve({R"({"ok":true})"});
+    const Ran ran = run(c.words);
+    ASSERT_EQ(ran.status, 0) << c.payload << ran.errors;
+    const auto requests = server_.requests();
+    EXPECT_EQ(requests.back()["payload"], c.payload);
+  }
+}
+
+TEST_F(Sorvane, anExportSaysWhyAFileFailedAndAsksNobodyWithoutAFolder) {
+  std::ofstream(folder_.path() / "file") << "kept";
+  const Ran nowhere = run({"export", "--all", "--to", (folder_.path() / "file").string()});
+  EXPECT_EQ(nowhere.status, 1) << "no request is served here: asking would fail otherwise";
+  EXPECT_NE(nowhere.errors.find("cannot be used (File exists). Nothing was shared."), std::string::npos)
+      << nowhere.errors;
+  std::filesystem::create_directories(folder_.path() / "all" / "A.env");
+  const std::string all = R"({"environments":[{"name":"A","text":"A=1\n"},{"name":"b","text":"B=2\n"},)"
+                          R"({"name":"B","text":"B=3\n"}]})";
+  server_.serve({nlohmann::json{{"ok", true}, {"document", all}}.dump()});
+  const Ran ran = run({"export", "--all", "--to", (folder_.path() / "all").string(), "--json"});
+  EXPECT_EQ(ran.status, 1) << ran.errors;
+  const auto rows = nlohmann::json::parse(ran.output)["environments"];
+  EXPECT_TRUE(rows[0].contains("refused")) << "a folder stands where the file would";
+  EXPECT_EQ(textOfFile(folder_.path() / "all" / "b.env"), "B=2\n");
+  EXPECT_EQ(textOfFile(folder_.path() / "all" / "B-2.env"), "B=3\n") << "file systems may ignore the case";
+  server_.requests();
+  server_.serve({R"({"ok":true,"value":"A=1\n","missing":["C"],"warnings":["C: gone"]})"});
+  EXPECT_EQ(nlohmann::json::parse(run({"export", "Dev", "--json"}).output),
+            (nlohmann::json{{"text", "A=1\n"}, {"missing", {"C"}}, {"warnings", {"C: gone"}}}));
 }
 
 TEST_F(Sorvane, jobsAreFollowedToTheirEnd) {
