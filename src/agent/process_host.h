@@ -44,8 +44,8 @@ class HostedProcess {
   virtual void clear() = 0;
 };
 
-/// ProcessHost starts commands so that nothing of this process reaches them but what the spec names: no descriptor, no
-/// variable, no memory. Descendants that outlive a command can be found and ended. Any thread.
+/// ProcessHost starts commands so that nothing of this process reaches them but what the launch names: no descriptor,
+/// no variable, no memory. Descendants that outlive a command can be found and ended. Any thread.
 class ProcessHost {
  public:
   virtual ~ProcessHost() = default;

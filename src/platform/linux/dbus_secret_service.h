@@ -68,7 +68,7 @@ class DbusSecretService {
   [[noreturn]] void fail(const sdbus::Error& error);
   std::unique_ptr<sdbus::IProxy> object(const std::string& path);
   void openSession();
-  /// Runs the prompt unless `path` is "/", the specification's word for none. The result is the prompt's own.
+  /// Runs the prompt unless `path` is "/", which stands for none. The result is the prompt's own.
   sdbus::Variant prompt(const std::string& path);
 
   const std::chrono::milliseconds promptLimit_;

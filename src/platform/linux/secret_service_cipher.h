@@ -10,7 +10,7 @@
 namespace sorvane::platform {
 
 /// SecretServiceCipher is the client's side of the session algorithm "dh-ietf1024-sha256-aes128-cbc-pkcs7" of the
-/// Secret Service specification (section "Transfer of Secrets"). It is chosen over "plain" because the bus daemon and
+/// freedesktop Secret Service API (section "Transfer of Secrets"). It is chosen over "plain" because the bus daemon and
 /// the D-Bus library keep messages in memory that nobody wipes, and because a recorded bus trace would show the values.
 /// It keeps out whoever only listens; a program that stands between the two is not kept out. Failures of the library
 /// are crypto::CryptoFailure.
