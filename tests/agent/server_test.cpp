@@ -168,8 +168,10 @@ TEST_F(Server, theEndpointIsRestoredWhenItsFilesAreChangedOrReplaced) {
   EXPECT_TRUE(eventually([&] { return token() == first; }));
   std::filesystem::remove(endpointPath());
   EXPECT_TRUE(eventually([&] { return token() == first; }));
-  std::filesystem::remove(socketPath());
-  files_.writeAtomically(socketPath(), base::bytesOf("not a socket"));
+  // In one step: the server may listen anew at any moment after it.
+  const std::filesystem::path other = socketPath().string() + ".other";
+  files_.writeAtomically(other, base::bytesOf("not a socket"));
+  std::filesystem::rename(other, socketPath());
   EXPECT_TRUE(
       eventually([&] { return !token().empty() && token() != first && std::filesystem::is_socket(socketPath()); }));
   EXPECT_TRUE(ask(request(AgentOp::listEnvironments)).ok);
