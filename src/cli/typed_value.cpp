@@ -64,8 +64,9 @@ base::SecretText readFrom(int fd, bool oneLine) {
 }
 
 base::SecretText ask(int terminal, const std::string& words) {
-  [[maybe_unused]] const auto shown = ::write(terminal, words.data(), words.size());
+  // Before the words are shown: who sees them may begin to type at once.
   const NoEcho quiet(terminal);
+  [[maybe_unused]] const auto shown = ::write(terminal, words.data(), words.size());
   return readFrom(terminal, true);
 }
 
