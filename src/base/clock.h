@@ -2,11 +2,14 @@
 
 #include <chrono>
 
+#include "base/system.h"
+
 namespace sorvane::base {
 
 /// Date is a wall-clock time with the second precision that the stored records have.
 using Date = std::chrono::sys_seconds;
-/// Instant is a time of a monotonic clock that counts while the process lives; setting the wall clock does not move it.
+/// Instant is a time of a monotonic clock that also counts while the computer sleeps; setting the wall clock does not
+/// move it. It is compared with other instants of the same Clock only.
 using Instant = std::chrono::steady_clock::time_point;
 
 /// Clock is where every room takes the time from, so that a test can set it. Safe from any thread.
@@ -21,7 +24,7 @@ class Clock {
 class SystemClock final : public Clock {
  public:
   std::chrono::system_clock::time_point wall() const override { return std::chrono::system_clock::now(); }
-  Instant instant() const override { return std::chrono::steady_clock::now(); }
+  Instant instant() const override { return Instant(timeSinceBoot()); }
 };
 
 }  // namespace sorvane::base

@@ -4,6 +4,7 @@
 #include <sys/types.h>
 #include <time.h>
 
+#include <chrono>
 #include <cstddef>
 #include <filesystem>
 #include <optional>
@@ -21,6 +22,12 @@ int syncToDisk(int fd);
 int syncDataToDisk(int fd);
 /// The change time of a file's status record.
 timespec changeTime(const struct stat& status);
+
+/// Time since the computer started, the time it slept included.
+std::chrono::nanoseconds timeSinceBoot();
+
+/// Renames within one file system unless `to` exists (EEXIST); 0, or -1 with errno.
+int renameWithoutReplacing(const char* from, const char* to);
 
 /// Bytes of a Unix-domain socket path, the closing zero included, that the system accepts.
 std::size_t maxSocketPath();

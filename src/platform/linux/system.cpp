@@ -1,5 +1,7 @@
 #include "base/system.h"
 
+#include <fcntl.h>
+#include <stdio.h>
 #include <sys/prctl.h>
 #include <sys/resource.h>
 #include <sys/socket.h>
@@ -22,6 +24,14 @@ int syncDataToDisk(int fd) {
 }
 timespec changeTime(const struct stat& status) {
   return status.st_ctim;
+}
+std::chrono::nanoseconds timeSinceBoot() {
+  timespec now{};
+  ::clock_gettime(CLOCK_BOOTTIME, &now);
+  return std::chrono::seconds(now.tv_sec) + std::chrono::nanoseconds(now.tv_nsec);
+}
+int renameWithoutReplacing(const char* from, const char* to) {
+  return ::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
 }
 std::size_t maxSocketPath() {
   return sizeof(sockaddr_un{}.sun_path);
