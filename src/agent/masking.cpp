@@ -92,29 +92,40 @@ struct MaskingStream::State {
   const Masker::Index& index;
   base::SecretText held;   ///< input that may still become part of a match
   std::size_t masked = 0;  ///< its first bytes that lie under a mask already written
+  std::size_t shown = 0;   ///< its first bytes that a pause wrote, kept because a value may begin there
   std::vector<Span> found;
   Utf8Output output;
 
   explicit State(const Masker::Index& i) : index(i) {}
 
-  /// Writes everything before `limit` and leaves the rest held.
-  void release(std::size_t limit, std::string& out) {
+  /// Bytes at the start of `held` that were written already, in the clear or under a mask.
+  std::size_t written() const { return std::max(masked, shown); }
+
+  /// Writes what of the first `limit` bytes is not written yet; returns where the last mask ends.
+  std::size_t write(std::size_t limit, std::string& out) {
     const std::string_view text = held.view();
     found.clear();
     index.find(text, limit, found);
-    std::size_t at = std::min(masked, limit), covered = masked;
+    std::size_t at = std::min(written(), limit), covered = masked;
     for (const Span& span : found) {
+      if (span.end <= shown) continue;
       if (span.start >= covered) {
-        output.write(text.substr(at, span.start - at), out);
+        if (span.start > at) output.write(text.substr(at, span.start - at), out);
         output.end(out);
         out += kMask;
       }
       covered = std::max(covered, span.end);
-      at = std::min(covered, limit);
+      at = std::max(at, std::min(covered, limit));
     }
     if (at < limit) output.write(text.substr(at, limit - at), out);
+    return covered;
+  }
+  /// Writes everything before `limit` and leaves the rest held.
+  void release(std::size_t limit, std::string& out) {
+    const std::size_t covered = write(limit, out);
     masked = covered > limit ? covered - limit : 0;
-    const std::size_t rest = text.size() - limit;
+    shown = shown > limit ? shown - limit : 0;
+    const std::size_t rest = held.size() - limit;
     if (rest > 0) std::memmove(held.data(), held.data() + limit, rest);
     held.truncate(rest);
   }
@@ -136,6 +147,23 @@ void MaskingStream::feed(std::string_view piece, std::string& out) {
   }
 }
 
+void MaskingStream::settle(std::string& out) {
+  const std::string_view text = state_->held.view();
+  if (!text.empty()) state_->release(text.size() - state_->index.openEnd(text), out);
+}
+
+void MaskingStream::pause(std::string& out) {
+  settle(out);
+  const std::size_t size = state_->held.size();
+  if (size == 0 || size >= kKeptAcrossPauses) return;
+  state_->masked = state_->write(size, out);
+  state_->shown = size;
+}
+
+bool MaskingStream::holds() const {
+  return state_->held.size() > state_->written();
+}
+
 void MaskingStream::finish(std::string& out) {
   state_->release(state_->held.size(), out);
   state_->output.end(out);
@@ -143,7 +171,7 @@ void MaskingStream::finish(std::string& out) {
 
 void MaskingStream::cut(std::string& out) {
   state_->held.truncate(0);
-  state_->masked = 0;
+  state_->masked = state_->shown = 0;
   state_->output.end(out);
 }
 

@@ -38,13 +38,26 @@ class Masker {
 /// MaskingStream replaces every match in a stream of any length, whatever the pieces it comes in; matches that overlap
 /// become one mask. It holds back fewer bytes than the longest needle. Invalid UTF-8 comes out as U+FFFD, and no piece
 /// of the output ends inside a character. The masker must outlive it. One thread at a time.
+///
+/// For a person who watches, `settle` after each piece shows everything that does not begin a value, and `pause` shows
+/// the beginnings that stand for nothing, such as one letter.
 class MaskingStream {
  public:
+  /// So many bytes that begin a value are never shown by a pause; fewer are, and what follows them is masked still.
+  static constexpr std::size_t kKeptAcrossPauses = 4;
+
   explicit MaskingStream(const Masker& masker);
   ~MaskingStream();
 
   /// Appends to `out` what can no longer become part of a match.
   void feed(std::string_view piece, std::string& out);
+  /// Appends everything but the longest end of the input that begins a match.
+  void settle(std::string& out);
+  /// No input came for a while: as settle, and a beginning shorter than kKeptAcrossPauses is appended too. When its
+  /// value follows after all, what was not yet appended of it is masked.
+  void pause(std::string& out);
+  /// Whether something is held back that was not appended in any form.
+  bool holds() const;
   /// The end of the input: appends what was held back.
   void finish(std::string& out);
   /// The input was cut here: what is held back might be the start of a value, and is dropped.

@@ -106,6 +106,20 @@ std::size_t Masker::Index::longestMatch(std::string_view text, std::size_t first
   return 0;
 }
 
+std::size_t Masker::Index::openEnd(std::string_view text) const {
+  for (std::size_t at = text.size() - std::min(text.size(), longest_ > 0 ? longest_ - 1 : 0); at < text.size(); ++at) {
+    const std::string_view rest = text.substr(at);
+    const unsigned char first = byteAt(rest, 0);
+    const auto end = needles_.begin() + firstAt_[first + 1U];
+    // Everything that `rest` begins stands right behind it.
+    const auto after =
+        std::upper_bound(needles_.begin() + firstAt_[first], end, rest,
+                         [](std::string_view t, const base::SecretText& needle) { return t < needle.view(); });
+    if (after != end && after->view().starts_with(rest)) return rest.size();
+  }
+  return 0;
+}
+
 void Masker::Index::find(std::string_view text, std::size_t limit, std::vector<Span>& found) const {
   const std::size_t before = found.size();
   if (stride_ > 0) findLong(text, limit, found);

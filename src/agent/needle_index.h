@@ -30,6 +30,8 @@ struct Masker::Index {
   /// the text. Spans may overlap.
   void find(std::string_view text, std::size_t limit, std::vector<Span>& found) const;
   std::size_t longest() const { return longest_; }
+  /// Length of the longest end of `text` that begins a needle and is shorter than it; 0 when no end does.
+  std::size_t openEnd(std::string_view text) const;
 
  private:
   struct Gram {

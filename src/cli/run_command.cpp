@@ -2,6 +2,7 @@
 
 #include "base/json_writer.h"
 #include "cli/commands.h"
+#include "cli/here_run.h"
 #include "cli/output.h"
 
 namespace sorvane::cli {
@@ -10,9 +11,16 @@ namespace {
 struct RunGiven {
   std::string environment, target, directory, timeout;
   std::vector<std::string> command;
+  bool here = false, noMask = false;
 };
 
+int runHereAs(Session& session, const RunGiven& given) {
+  const std::string folder = given.directory.empty() ? "" : std::filesystem::absolute(given.directory).string();
+  return runHere(session, {given.environment, given.target, folder, given.command, !given.noMask});
+}
+
 int run(Session& session, const RunGiven& given) {
+  if (given.here) return runHereAs(session, given);
   agent::AgentRequest request;
   request.op = agent::AgentOp::runEnv;
   request.environment = given.environment;
@@ -41,11 +49,18 @@ void Commands::addRun(CLI::App& app) {
   CLI::App& command =
       *app.add_subcommand("run",
                           "Run a command with an environment's values injected and masked in what it prints (asks).\n"
-                          "Its exit code is passed on. Example: sorvane run Development -- npm test");
+                          "Its exit code is passed on. Example: sorvane run Development -- npm test\n"
+                          "With --here it runs in this terminal: sorvane run Development --here -- npm start");
   command.add_option("environment", given->environment, "Name of the environment")->required();
   command.add_option("--target", given->target, "The deployment target that is declared");
-  command.add_option("--timeout", given->timeout, "Seconds until it is stopped, 1 to 3600; 120 when absent");
+  CLI::Option* const timeout =
+      command.add_option("--timeout", given->timeout, "Seconds until it is stopped, 1 to 3600; 120 when absent");
   command.add_option("--directory", given->directory, "Where it runs; this folder when absent");
+  CLI::Option* const here = command.add_flag(
+      "--here", given->here, "Run it in this terminal, without a time limit; what it prints is masked on its way");
+  here->excludes(timeout);
+  command.add_flag("--no-mask", given->noMask, "With --here: nothing is masked; values it prints are shown")
+      ->needs(here);
   command.add_option("command", given->command, "The command and its words, after --")->required();
   command.callback([this, given] { action = [given](Session& session) { return run(session, *given); }; });
 }

@@ -39,6 +39,52 @@ std::string decoded64(const nlohmann::json& text) {
   return std::string(base::textOf(bytes.value()));
 }
 
+TEST(Masking, aPersonSeesEverythingAtOnceThatBeginsNoValue) {
+  const Masker masker(Values{"sk-made-up-value", "zz"});
+  MaskingStream stream(masker);
+  std::string out;
+  const auto after = [&](std::string_view piece, void (MaskingStream::*then)(std::string&)) {
+    out.clear();
+    stream.feed(piece, out);
+    (stream.*then)(out);
+    return out;
+  };
+  EXPECT_EQ(after("\x1b[31mname? ", &MaskingStream::settle), "\x1b[31mname? ");
+  EXPECT_EQ(after("task sk-", &MaskingStream::settle), "task ") << "a beginning waits for the next piece";
+  EXPECT_EQ(after("", &MaskingStream::pause), "sk-") << "but not when nothing comes";
+  EXPECT_FALSE(stream.holds());
+  EXPECT_EQ(after("made-up", &MaskingStream::pause), "") << "four bytes and more of a value are not shown by a pause";
+  EXPECT_TRUE(stream.holds());
+  EXPECT_EQ(after("-value.", &MaskingStream::pause), "‹redacted›.") << "what followed the shown beginning is masked";
+  EXPECT_EQ(after("sk-mad", &MaskingStream::pause), "");
+  EXPECT_EQ(after(" house", &MaskingStream::settle), "sk-mad house");
+  EXPECT_EQ(after("z", &MaskingStream::pause), "z");
+  EXPECT_EQ(after("zz", &MaskingStream::pause), "‹redacted›") << "overlapping matches stay one mask";
+}
+
+TEST(Masking, pausesAnywhereShowAtMostThreeBytesOfAValueInARow) {
+  const std::string value = "abcabdabcabcabdq-made-up";
+  const std::string text = "xabcab" + value + "abcabd" + value + value + "y";
+  std::mt19937 random(7);
+  const Masker masker(Values{value, "cabd"});
+  for (int round = 0; round < 2000; ++round) {
+    MaskingStream stream(masker);
+    std::string out;
+    for (std::size_t at = 0; at < text.size();) {
+      const std::size_t size = 1 + random() % 9;
+      stream.feed(text.substr(at, size), out);
+      at += size;
+      const auto what = random() % 3;
+      if (what == 1) stream.settle(out);
+      if (what == 2) stream.pause(out);
+    }
+    stream.finish(out);
+    for (const char* part : {"cabd", "bdq-", "q-ma", "made", "e-up"})
+      ASSERT_EQ(out.find(part), std::string::npos) << round << ": " << out;
+    ASSERT_TRUE(out.starts_with("xab") && out.ends_with("y")) << out;
+  }
+}
+
 TEST(Masking, theCasesOfTheCorpusHold) {
   std::map<std::string, int> held, ran;
   std::string missed;

@@ -1,8 +1,10 @@
 """A program on a pseudo-terminal of its own, with what it shows readable and a person's typing writable."""
+import fcntl
 import os
 import re
 import select
 import signal
+import struct
 import termios
 import threading
 import time
@@ -91,6 +93,14 @@ class Terminal:
 
     def type(self, text):
         os.write(self._master, text.encode())
+
+    def raw(self):
+        """Everything shown so far, control sequences and all."""
+        with self._changed:
+            return self._raw
+
+    def resize(self, rows, columns):
+        fcntl.ioctl(self._master, termios.TIOCSWINSZ, struct.pack("HHHH", rows, columns, 0, 0))
 
     def echoes(self):
         return bool(termios.tcgetattr(self._master)[3] & termios.ECHO)

@@ -1,0 +1,74 @@
+#include "cli/here_run.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "cli/child_command.h"
+#include "cli/env_line.h"
+#include "cli/here_loops.h"
+#include "cli/output.h"
+
+namespace sorvane::cli {
+namespace {
+
+bool contains(const std::optional<std::vector<std::string>>& names, const std::string& name) {
+  return names && std::find(names->begin(), names->end(), name) != names->end();
+}
+
+void checkFolder(const std::string& directory) {
+  struct stat status {};
+  if (directory.empty() || (::stat(directory.c_str(), &status) == 0 && S_ISDIR(status.st_mode))) return;
+  throw Failure(
+      kUsage, "no_folder",
+      "There is no folder " + directory + ", so nothing was asked for and nothing was run. Check --directory.");
+}
+
+agent::AgentResponse valuesOf(Session& session, const HereRun& given) {
+  agent::AgentRequest request;
+  request.op = agent::AgentOp::renderEnv;
+  request.environment = given.environment;
+  if (!given.target.empty()) request.payload["deploymentTarget"] = given.target;
+  return session.send(std::move(request), true);
+}
+
+std::vector<EnvLine> variablesIn(const agent::AgentResponse& response) {
+  if (!response.lines) throw notUnderstood();
+  std::vector<EnvLine> variables;
+  for (const base::SecretText& line : *response.lines) {
+    if (line.empty() || line.view().starts_with('#')) continue;
+    auto variable = decodeEnvLine(line.view());
+    if (!variable) throw notUnderstood();
+    variables.push_back(std::move(*variable));
+  }
+  return variables;
+}
+
+agent::Masker maskerOf(const std::vector<EnvLine>& variables, const agent::AgentResponse& response) {
+  std::vector<std::string_view> values;
+  for (const EnvLine& variable : variables) {
+    if (!contains(response.publicNames, variable.name)) values.push_back(variable.value.view());
+  }
+  return agent::Masker(values);
+}
+
+}  // namespace
+
+int runHere(Session& session, const HereRun& given) {
+  checkFolder(given.directory);
+  std::optional<agent::AgentResponse> response = valuesOf(session, given);
+  for (const std::string& warning : response->warnings.value_or(std::vector<std::string>{}))
+    note("Warning: " + warning);
+  std::vector<EnvLine> variables = variablesIn(*response);
+  ChildEnvironment environment(variables);
+  const ChildCommand command{given.command, given.directory, environment};
+  if (!given.mask) failToStart(command, become(command));
+  const agent::Masker masker = maskerOf(variables, *response);
+  variables.clear();
+  response.reset();
+  if (::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0) return runOnTerminal(command, masker);
+  return runOnPipes(command, masker);
+}
+
+}  // namespace sorvane::cli
