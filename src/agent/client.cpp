@@ -2,6 +2,7 @@
 
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
@@ -18,21 +19,35 @@ namespace sorvane::agent {
 namespace {
 
 constexpr std::uint64_t kMaxEndpointBytes = 64 * 1024;
+constexpr suseconds_t kLookForWithdrawalMicroseconds = 200'000;
 
 [[noreturn]] void unavailable(const std::string& what) {
   throw ClientError(ClientError::Case::unavailable, what + " Start sorvaned and try again.");
 }
 
-base::Descriptor connectTo(const std::string& path) {
+[[noreturn]] void withdrawn() {
+  throw ClientError(ClientError::Case::withdrawn, "The request was withdrawn before it was answered.");
+}
+
+void waitForConnections(int socket, suseconds_t microseconds) {
+  const timeval limit{0, microseconds};
+  ::setsockopt(socket, SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof limit);
+}
+
+base::Descriptor connectTo(const std::string& path, const std::stop_token& withdrawal) {
   sockaddr_un address{};
   address.sun_family = AF_UNIX;
   if (path.size() + 1 > base::maxSocketPath()) unavailable("The socket path " + path + " is too long for the system.");
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
   base::Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
   if (!socket) unavailable("No socket could be made.");
+  // A full queue makes the connection wait, and nothing but time ends that wait.
+  if (withdrawal.stop_possible()) waitForConnections(socket.get(), kLookForWithdrawalMicroseconds);
   while (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {
-    if (errno != EINTR) unavailable("sorvaned is not running for this support folder.");
+    if (withdrawal.stop_requested()) withdrawn();
+    if (errno != EINTR && errno != EAGAIN) unavailable("sorvaned is not running for this support folder.");
   }
+  if (withdrawal.stop_possible()) waitForConnections(socket.get(), 0);
   const auto peer = base::peerCredentials(socket.get());
   if (!peer || peer->uid != ::geteuid()) {
     throw ClientError(ClientError::Case::unavailable,
@@ -84,10 +99,18 @@ AgentInfo readEndpoint(const std::filesystem::path& supportFolder) {
 }
 
 AgentResponse exchange(const std::string& socketPath, const AgentRequest& request) {
-  const base::Descriptor socket = connectTo(socketPath);
+  return exchange(socketPath, request, {});
+}
+
+AgentResponse exchange(const std::string& socketPath, const AgentRequest& request, const std::stop_token& withdrawal) {
+  const base::Descriptor socket = connectTo(socketPath, withdrawal);
+  // Ends a send or a receive that waits. The callback is gone before the descriptor is closed, so it never names
+  // another file.
+  const std::stop_callback close(withdrawal, [&socket] { ::shutdown(socket.get(), SHUT_RDWR); });
   send(socket.get(), encodeRequest(request).view());
   ::shutdown(socket.get(), SHUT_WR);
   const base::SecretText answer = receive(socket.get());
+  if (withdrawal.stop_requested()) withdrawn();
   if (answer.empty()) {
     throw ClientError(ClientError::Case::badAnswer,
                       "sorvaned closed the connection without an answer, so nothing was shared. Try again.");

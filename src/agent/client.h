@@ -3,6 +3,7 @@
 #include <filesystem>
 #include <functional>
 #include <optional>
+#include <stop_token>
 #include <string>
 
 #include "agent/protocol.h"
@@ -11,10 +12,10 @@
 namespace sorvane::agent {
 
 /// ClientError tells why no answer was had. `unavailable`: the application is not running or its endpoint cannot be
-/// read.
+/// read. `withdrawn`: the caller gave the request up.
 class ClientError : public base::Error {
  public:
-  enum class Case { unavailable, badAnswer };
+  enum class Case { unavailable, badAnswer, withdrawn };
   ClientError(Case kind, const std::string& sentence) : Error(sentence), kind_(kind) {}
   Case kind() const { return kind_; }
 
@@ -29,5 +30,9 @@ AgentInfo readEndpoint(const std::filesystem::path& supportFolder);
 /// Sends one request and waits for its answer, which may take as long as the owner takes to decide. The peer must run
 /// as this user. Throws ClientError.
 AgentResponse exchange(const std::string& socketPath, const AgentRequest& request);
+
+/// The same, until `withdrawal` is asked for: the connection is then closed, which withdraws the question to the owner,
+/// and ClientError::withdrawn is thrown. The stop may come from any thread.
+AgentResponse exchange(const std::string& socketPath, const AgentRequest& request, const std::stop_token& withdrawal);
 
 }  // namespace sorvane::agent

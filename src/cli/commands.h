@@ -25,6 +25,7 @@ struct Commands {
   void addAgent(CLI::App& app);
   void addLog(CLI::App& app);
   void addApplication(CLI::App& app);  ///< status, policy, settings, gc, store
+  void addMcp(CLI::App& app);
   void addCompletion(CLI::App& app);
 };
 
