@@ -1,9 +1,12 @@
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
 #include "base/system.h"
 #include "cli/commands.h"
+#include "cli/menu.h"
 #include "cli/output.h"
 
 namespace {
@@ -61,7 +64,8 @@ int runProgram(int count, char** words) {
   Options options;
   CLI::App app(
       "sorvane talks to sorvaned, which keeps your credentials. Values are typed or piped in, never arguments.\n"
-      "Start sorvaned in a terminal of its own first; it asks there before values leave the vault.",
+      "Start sorvaned in a terminal of its own first; it asks there before values leave the vault.\n"
+      "Without a command, a terminal shows the menu.",
       "sorvane");
   app.footer(
       "First steps:\n"
@@ -71,7 +75,9 @@ int runProgram(int count, char** words) {
       "  sorvane run Development -- npm test\n\n"
       "Exit codes: the command's own from run; 2 wrong command line, 69 sorvaned is not running, 75 locked or busy,\n"
       "77 denied, 78 wrong configuration, 1 anything else.");
-  app.require_subcommand(1);
+  // A person at a terminal who names no command gets the menu; a program gets the usage.
+  const bool person = ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0;
+  app.require_subcommand(person ? 0 : 1, 1);
   Commands commands{options, {}};
   addOptions(app, options);
   addCommands(commands, app, count, words);
@@ -81,6 +87,8 @@ int runProgram(int count, char** words) {
   }
   try {
     app.parse(count, words);
+    if (!commands.action && (options.json || options.noInput)) throw CLI::RequiredError("A subcommand");
+    if (!commands.action) commands.action = [&options](Session&) { return runMenu(options); };
   } catch (const CLI::ParseError& error) {
     return refuse(app, error, count, words);
   }

@@ -93,7 +93,7 @@ agent::AgentResponse Session::send(agent::AgentRequest request, bool asks) {
     request.token = endpoint_->token.clone();
     request.requestor = options_.requestor;
     if (asks && ::isatty(STDERR_FILENO) != 0) {
-      std::fputs("Waiting for the owner's answer where sorvaned runs (Ctrl-C withdraws the question) …\n", stderr);
+      std::fputs("Waiting for the owner's answer where sorvaned runs (Ctrl-C withdraws it) …\n", stderr);
     }
     agent::AgentResponse response = agent::exchange(endpoint_->socketPath, request);
     if (!response.ok) {

@@ -92,7 +92,7 @@ class Terminal:
             return self._text()[self._read:]
 
     def type(self, text):
-        os.write(self._master, text.encode())
+        os.write(self._master, text.encode("utf-8", "surrogateescape"))
 
     def raw(self):
         """Everything shown so far, control sequences and all."""
