@@ -68,6 +68,13 @@ std::string spliced(std::string_view document, Range range, std::string_view rep
   return out.append(replacement).append(document.substr(range.end));
 }
 
+std::optional<std::size_t> leadStart(std::string_view front, std::string_view lead) {
+  if (!front.ends_with(lead)) return std::nullopt;
+  const std::size_t start = front.size() - lead.size();
+  if (lead.starts_with('\n') && start > 0 && front[start - 1] == '\r') return std::nullopt;
+  return start;
+}
+
 std::string UndoRecord::encoded() const {
   base::Json fields{{"wrote", wrote}};
   if (replaced) {

@@ -32,6 +32,10 @@ bool isBlank(std::string_view document);
 /// `document` with the bytes of `range` replaced.
 std::string spliced(std::string_view document, Range range, std::string_view replacement);
 
+/// Where `lead` starts at the end of `front`. nullopt when something else stands there, or a line end of two bytes of
+/// which `lead` would take one.
+std::optional<std::size_t> leadStart(std::string_view front, std::string_view lead);
+
 /// Throws ConfigEditError: the document is damaged at `at`. `what` is a clause such as "a string is not closed".
 [[noreturn]] void refuseDamaged(std::string_view document, std::size_t at, std::string_view what);
 /// Throws ConfigEditError: the document is sound, but the entry or its parent is not written as a table of its own.

@@ -131,7 +131,7 @@ bool wouldBeComment(std::string_view document, std::size_t triviaBegin, Range cu
   if (following.starts_with('\n') || following.starts_with("\r\n")) return false;
   for (std::size_t at = triviaBegin; at < cut.begin;) {
     const std::size_t end = commentEnd(document, at);
-    if (end == cut.begin && document.substr(at, 2) == "//") return true;
+    if (end >= cut.begin && document.substr(at, 2) == "//") return true;
     at = std::max(end, at + 1);
   }
   return false;
@@ -141,8 +141,8 @@ bool wouldBeComment(std::string_view document, std::size_t triviaBegin, Range cu
 /// one, or when it was changed, all white space before the member goes.
 std::string withoutMember(std::string_view document, const JsonMember& member, std::optional<std::string_view> lead) {
   const std::string_view front = document.substr(0, member.key.begin);
-  const bool asWritten = lead && front.ends_with(*lead);
-  const std::size_t begin = asWritten ? front.size() - lead->size() : front.find_last_not_of(" \t\r\n") + 1;
+  const auto asWritten = lead ? leadStart(front, *lead) : std::nullopt;
+  const std::size_t begin = asWritten.value_or(front.find_last_not_of(" \t\r\n") + 1);
   const bool nextComma = document[member.after] == ',';
   std::string kept(document.substr(member.value.end, nextComma ? member.after - member.value.end : 0));
   kept += document.substr(nextComma ? member.after + 1 : member.value.end);
@@ -155,9 +155,9 @@ std::string withoutMember(std::string_view document, const JsonMember& member, s
 /// Takes out the only member of an object with the white space written around it. nullopt when that was changed.
 std::optional<std::string> withoutSole(std::string_view document, const JsonMember& member, const UndoRecord& undo) {
   if (document[member.before] != '{' || document[member.after] != '}' || undo.blank) return std::nullopt;
-  if (!document.substr(0, member.key.begin).ends_with(undo.lead)) return std::nullopt;
-  if (!document.substr(member.value.end).starts_with(undo.trail)) return std::nullopt;
-  const Range ours{member.key.begin - undo.lead.size(), member.value.end + undo.trail.size()};
+  const auto begin = leadStart(document.substr(0, member.key.begin), undo.lead);
+  if (!begin || !document.substr(member.value.end).starts_with(undo.trail)) return std::nullopt;
+  const Range ours{*begin, member.value.end + undo.trail.size()};
   const std::string following = undo.removed + std::string(document.substr(ours.end));
   if (wouldBeComment(document, member.before + 1, ours, following)) return std::nullopt;
   return spliced(document, ours, undo.removed);

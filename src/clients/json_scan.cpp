@@ -201,10 +201,11 @@ std::size_t commentEnd(std::string_view document, std::size_t at) {
   }
   if (!rest.starts_with("//")) return at;
   const std::size_t end = std::min(document.find('\n', at), document.size());
-  const std::size_t carriage = document.find('\r', at);
+  const std::size_t carriage = rest.substr(0, end - at).find('\r');
+  if (carriage == std::string_view::npos) return end;
   // Readers do not agree on whether a carriage return alone ends the comment, so they would read different documents.
-  if (carriage < end && carriage + 1 != end) refuseDamaged(document, at, "a comment holds a carriage return");
-  return carriage < end && end < document.size() ? carriage : end;
+  if (at + carriage + 1 != end) refuseDamaged(document, at, "a comment holds a carriage return");
+  return end < document.size() ? end - 1 : end;
 }
 
 std::size_t skipTrivia(std::string_view document, std::size_t at) {

@@ -145,8 +145,7 @@ std::optional<std::string> restore(std::string_view document, const EntryPath& p
   if (behind.starts_with(undo.trail)) behind.remove_prefix(undo.trail.size());
   // The line ends in front of the table go only where they do not end another line by now.
   const bool goesOn = !behind.empty() && !behind.starts_with('\n') && !behind.starts_with("\r\n");
-  const std::string_view shorter =
-      before.ends_with(undo.lead) ? before.substr(0, before.size() - undo.lead.size()) : before;
+  const std::string_view shorter = before.substr(0, leadStart(before, undo.lead).value_or(before.size()));
   const bool unendedBefore = undo.trail.empty() && !goesOn;
   if (shorter.empty() || endsLine(shorter) || unendedBefore) before = shorter;
   return std::string(before).append(behind);

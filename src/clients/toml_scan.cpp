@@ -24,11 +24,15 @@ class TomlScanner {
       } else {
         pair();
       }
+      std::size_t end = cursor_.at;
       skipBlanks(cursor_);
-      skipComment(cursor_);
+      if (cursor_.peek() == '#') {
+        skipComment(cursor_);
+        end = cursor_.at;
+      }
       if (!cursor_.atLineEnd()) refuseDamaged(cursor_.text, cursor_.at, "there is text behind the end of a value");
       if (inEntry_ && !scan_.entry) scan_.entry = Range{start, start};
-      if (inEntry_) scan_.entry->end = cursor_.at;
+      if (inEntry_) scan_.entry->end = end;
     }
     return std::move(scan_);
   }

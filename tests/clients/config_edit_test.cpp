@@ -131,6 +131,9 @@ TEST(JsonEdit, whatOthersChangedMeanwhileStaysWhenOurPieceIsTakenOut) {
       {"{\n  \"a\": 1 // c\n}", "\n  }\n}", "\n  }}", "{\n  \"a\": 1 // c\n  }"},
       {"{}", "{\n    \"sor", "{ // c\n    \"sor", "{\n  \"mcpServers\": { // c\n  }\n}"},
       {"", "{\n  \"mcp", "{ // c\n  \"mcp", "{ // c\n}\n"},
+      {"{}", "{\n  \"mcp", "{ // c \n\n  \"mcp", "{ // c \n}"},
+      {"", "{\n  \"mcp", "{ // c \n  \"mcp", "{ // c\n}\n"},
+      {"{\n  \"a\": 1 // c\n}", "// c\n  \"mcpServers\"", "// c\r\n  \"mcpServers\"", "{\n  \"a\": 1 // c\n}"},
       // Indented anew around the entry.
       {"{\"a\":1}", ", \"mcp", ",\n\t\"mcp", "{\"a\":1}"},
   };
@@ -314,7 +317,8 @@ TEST(TomlEdit, whatOthersChangedMeanwhileStaysWhenOurPieceIsTakenOut) {
       {"a = 1\n", "\n\n[mcp", "\n[mcp", "a = 1\n"},
       {"a = 1\n", "\n\n[mcp", "\n# c\n[mcp", "a = 1\n# c\n"},
       {"a = 1\n", "a = 1\n\n", "", ""},
-      {"", end + "\n", end + "\n[b]\n", "[b]\n"},
+      {"a = 1", "= 1\n", "= 1\r\n", "a = 1\r\n\n"},
+      {"", end + "\n", end + "  \n[b]\n", "  \n[b]\n"},
       {"", "[mcp", "# c\n[mcp", "# c\n"},
       {"a = 1\n", "a = 1\n\n[mcp_servers.sorvane]\ncommand = \"s\"\n" + end + "\n",
        "a = 1\n[mcp_servers.sorvane]\ncommand = \"s\"\n" + end + "\n[b]\n", "a = 1\n[b]\n"},
