@@ -1,4 +1,7 @@
+#include <algorithm>
+
 #include "agent/owner_action_handlers.h"
+#include "agent/task_sessions.h"
 #include "base/unicode.h"
 
 namespace sorvane::agent {
@@ -13,6 +16,13 @@ std::string labelAtEntry(std::string_view text) {
     throw ActionError("Choose a label of at most 200 plain characters. Nothing was changed.");
   }
   return label;
+}
+
+/// The identity that the connection's sessions bear; empty when there is no such connection.
+std::string identityOf(const GrantStore::View& view, std::string_view label) {
+  const auto found = std::find_if(view.grants.begin(), view.grants.end(),
+                                  [&](const ClientGrant& grant) { return grant.label == label; });
+  return found == view.grants.end() ? std::string() : found->tokenHash;
 }
 
 std::string scopeInWords(const std::optional<std::string>& environment) {
@@ -51,7 +61,7 @@ ActionPlan OwnerActionHandlers::agentAdd(const ActionArguments& arguments, Actio
   return asking(
       call, "connect an agent. Label: " + grant.label,
       [this, grant, access = access(call, arguments)] {
-        base::SecretText token = ports_.grants.add(grant);
+        base::SecretText token = ports_.grants.add(grant).token;
         ports_.vault.log(access);
         return withValue(std::move(token));
       },
@@ -72,12 +82,14 @@ ActionPlan OwnerActionHandlers::agentEdit(const ActionArguments& arguments, Acti
   if (newLabel) details.push_back("Its new label is " + *newLabel + ".");
   return asking(
       call, "change an agent connection. Label: " + label,
-      [=, this, access = access(call, arguments)] {
+      [=, this, identity = identityOf(ports_.grants.view(), label), access = access(call, arguments)] {
         ports_.grants.edit(label, [&](ClientGrant& grant) {
           if (reveal) grant.allowReveal = *reveal;
           if (scope) grant.environment = *scope;
           if (newLabel) grant.label = *newLabel;
         });
+        // What its sessions were approved for is no longer what it may do.
+        ports_.sessions.endOf(identity);
         ports_.vault.log(access);
         return done();
       },
@@ -100,11 +112,13 @@ ActionPlan OwnerActionHandlers::agentConfirm(const ActionArguments& arguments, A
 
 ActionPlan OwnerActionHandlers::agentRemove(const ActionArguments& arguments, ActionCall& call) {
   const std::string label = arguments.need("label");
-  return asking(call, "remove an agent connection. Label: " + label, [this, label, access = access(call, arguments)] {
-    ports_.grants.remove(label);
-    ports_.vault.log(access);
-    return done();
-  });
+  return asking(call, "remove an agent connection. Label: " + label,
+                [this, label, identity = identityOf(ports_.grants.view(), label), access = access(call, arguments)] {
+                  ports_.grants.remove(label);
+                  ports_.sessions.endOf(identity);
+                  ports_.vault.log(access);
+                  return done();
+                });
 }
 
 }  // namespace sorvane::agent

@@ -57,7 +57,8 @@ ActionPlan OwnerActionHandlers::status(const ActionArguments&, ActionCall&) {
       out.key("secrets").integer(static_cast<std::int64_t>(records->secrets.size()));
       out.key("environments").integer(static_cast<std::int64_t>(records->projects.size()));
       out.key("agents").integer(static_cast<std::int64_t>(ports_.grants.view().grants.size()));
-      out.field("policy", word(ports_.policy.current()));
+      const ApprovalPolicy::Settings policy = ports_.policy.current();
+      out.field("policy", word(policy.approval)).field("whoseYesCounts", word(policy.approver));
     }
     out.endObject();
     return withDocument(out);
@@ -92,19 +93,43 @@ ActionPlan OwnerActionHandlers::settingsSet(const ActionArguments& arguments, Ac
 }
 
 ActionPlan OwnerActionHandlers::policyGet(const ActionArguments&, ActionCall&) {
-  return answer([this] { return withValue(base::SecretText(word(ports_.policy.current()))); });
+  return answer([this] {
+    const ApprovalPolicy::Settings policy = ports_.policy.current();
+    base::JsonWriter out;
+    out.beginObject().field("policy", word(policy.approval)).field("approver", word(policy.approver)).endObject();
+    AgentResponse response = withDocument(out);
+    response.value = base::SecretText(word(policy.approval));
+    return response;
+  });
 }
 
 ActionPlan OwnerActionHandlers::policySet(const ActionArguments& arguments, ActionCall& call) {
-  const std::string name = arguments.need("policy");
-  const auto policy = agentApprovalOf(name);
-  if (!policy) throw ActionError("Choose perRequest, perEnvironment or unlocked. Nothing was changed.");
-  return asking(call, "change when sorvane asks before agents use the vault. New policy: " + name,
-                [this, policy = *policy, access = access(call, arguments)] {
-                  ports_.policy.set(policy);
-                  ports_.vault.log(access);
-                  return done();
-                });
+  ApprovalPolicy::Settings settings = ports_.policy.current();
+  const auto name = arguments.text("policy"), who = arguments.text("approver");
+  if (!name && !who) throw ActionError("policySet needs policy or approver. Nothing was changed.");
+  if (name) {
+    const auto policy = agentApprovalOf(*name);
+    if (!policy) throw ActionError("Choose perRequest, perEnvironment or unlocked. Nothing was changed.");
+    settings.approval = *policy;
+  }
+  if (who) {
+    const auto approver = approverOf(*who);
+    if (!approver) throw ActionError("Choose terminal, system, phone or any. Nothing was changed.");
+    if (*approver == Approver::system || *approver == Approver::phone) {
+      throw ActionError("Nothing on this computer can ask the owner by '" + *who +
+                        "' yet, so every request would be denied. Nothing was changed. Choose terminal or any.");
+    }
+    settings.approver = *approver;
+  }
+  std::string phrase = "change when sorvane asks before agents use the vault. New policy: ";
+  phrase.append(word(settings.approval))
+      .append(", and the yes that counts comes from: ")
+      .append(word(settings.approver));
+  return asking(call, phrase, [this, settings, access = access(call, arguments)] {
+    ports_.policy.set(settings);
+    ports_.vault.log(access);
+    return done();
+  });
 }
 
 ActionPlan OwnerActionHandlers::gc(const ActionArguments& arguments, ActionCall& call) {

@@ -31,6 +31,7 @@ std::string_view word(OwnerApprovalPrompt::Kind kind);
 struct ApprovalContext {
   std::string label;                         ///< the grant's label, or "Terminal"
   std::string callerIdentity;                ///< equal only for the same caller
+  bool isController = false;                 ///< the owner's own command line
   std::vector<base::ProcessInfo> processes;  ///< the asking process and its parents; empty when the system did not say
   std::vector<std::string> commandWords;     ///< of runEnv, shown whole; empty for other operations
   std::optional<std::string> directory;      ///< of runEnv, shown whole
@@ -70,5 +71,10 @@ inline constexpr std::string_view kApprovalDenied = "approval denied";
 enum class AgentApproval { unlocked, perRequest, perEnvironment };
 std::string_view word(AgentApproval policy);
 std::optional<AgentApproval> agentApprovalOf(std::string_view word);
+
+/// Whose yes counts. A no counts from anywhere.
+enum class Approver { terminal, system, phone, any };
+std::string_view word(Approver approver);
+std::optional<Approver> approverOf(std::string_view word);
 
 }  // namespace sorvane::agent

@@ -6,29 +6,42 @@
 
 namespace sorvane::agent {
 
-AgentApproval ApprovalPolicy::current() {
+namespace {
+
+ApprovalPolicy::Settings settingsOf(std::string_view text) {
+  const std::size_t blank = text.find(' ');
+  ApprovalPolicy::Settings settings;
+  settings.approval = agentApprovalOf(text.substr(0, blank)).value_or(AgentApproval::perRequest);
+  if (blank != std::string_view::npos) settings.approver = approverOf(text.substr(blank + 1)).value_or(Approver::any);
+  return settings;
+}
+
+}  // namespace
+
+ApprovalPolicy::Settings ApprovalPolicy::current() {
   const std::string generation = vault_.generation();
   {
     const base::Lock lock(mutex_);
     if (generation_ == generation) return cached_;
   }
-  AgentApproval policy = AgentApproval::perRequest;
+  Settings settings;
   try {
-    if (const auto stored = vault_.settings().load(vault::kApprovalPolicySetting)) {
-      policy = agentApprovalOf(stored->view()).value_or(AgentApproval::perRequest);
-    }
+    if (const auto stored = vault_.settings().load(vault::kApprovalPolicySetting))
+      settings = settingsOf(stored->view());
   } catch (const base::Error& error) {
     base::diagnose("agent", "the approval policy could not be read, so every request is asked: " + error.sentence());
-    return AgentApproval::perRequest;
+    return {};
   }
   const base::Lock lock(mutex_);
   generation_ = generation;
-  cached_ = policy;
-  return policy;
+  cached_ = settings;
+  return settings;
 }
 
-void ApprovalPolicy::set(AgentApproval policy) {
-  vault_.settings().save(vault::kApprovalPolicySetting, word(policy));
+void ApprovalPolicy::set(Settings settings) {
+  std::string text(word(settings.approval));
+  if (settings.approver != Approver::any) text.append(" ").append(word(settings.approver));
+  vault_.settings().save(vault::kApprovalPolicySetting, text);
   const base::Lock lock(mutex_);
   generation_.reset();
 }

@@ -12,22 +12,27 @@ class Vault;
 
 namespace sorvane::agent {
 
-/// ApprovalPolicy is the owner's policy for the agent operations, kept in the sealed setting "approval-policy" and read
-/// once for each generation of the vault. One that is missing or cannot be read is perRequest. Any thread.
+/// ApprovalPolicy is the owner's policy for the agent operations and whose yes counts, kept in the sealed setting
+/// "approval-policy" as one word or two, and read once for each generation of the vault. One that is missing or cannot
+/// be read is perRequest and any. Any thread.
 class ApprovalPolicy {
  public:
   explicit ApprovalPolicy(vault::Vault& vault) : vault_(vault) {}
+  struct Settings {
+    AgentApproval approval = AgentApproval::perRequest;
+    Approver approver = Approver::any;
+  };
   /// Does not throw.
-  AgentApproval current();
+  Settings current();
   /// Throws vault::SettingError when it could not be saved; the earlier policy then stays.
-  void set(AgentApproval policy);
+  void set(Settings settings);
 
  private:
   vault::Vault& vault_;
   // Guarded. A leaf.
   base::Mutex mutex_;
   std::optional<std::string> generation_ GUARDED_BY(mutex_);
-  AgentApproval cached_ GUARDED_BY(mutex_) = AgentApproval::perRequest;
+  Settings cached_ GUARDED_BY(mutex_);
 };
 
 }  // namespace sorvane::agent

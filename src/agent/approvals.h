@@ -1,12 +1,18 @@
 #pragma once
 
+#include <chrono>
+#include <compare>
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
+#include <vector>
 
 #include "agent/approval.h"
+#include "base/clock.h"
+#include "base/error.h"
 #include "base/mutex.h"
 
 namespace sorvane::agent {
@@ -17,6 +23,7 @@ enum class ApprovalRule {
   readSecret,       ///< one value leaves in the clear
   environmentRead,  ///< an environment's values leave in the clear, unless the caller gets them redacted
   environmentRun,   ///< a command is run with them
+  taskSession,      ///< an environment may be used for a stated time
   change,           ///< the vault is changed
   perAction         ///< the owner's own action decides; what asks, asks whatever the policy says
 };
@@ -31,6 +38,17 @@ struct ApprovalQuestion {
   std::int64_t generation = 0;
 };
 
+/// ApprovalRefused tells an agent why the owner was not even asked.
+class ApprovalRefused : public base::Error {
+ public:
+  using Error::Error;
+};
+
+/// Questions of one connection that may wait at once, and denials within kDenialWindow after which it is refused for as
+/// long: an agent must not wear its owner down.
+inline constexpr std::size_t kMostWaiting = 5, kMostDenials = 3;
+inline constexpr std::chrono::seconds kDenialWindow{60};
+
 /// Approvals decides whether the owner must be asked under the policy in force, asks, and keeps what may be remembered
 /// until the server stops. Blocks as long as the owner takes. Any thread.
 class Approvals {
@@ -41,12 +59,16 @@ class Approvals {
     SystemOwnerPrompt& system;
     /// The policy in force; does not throw.
     std::function<AgentApproval()> policy;
+    /// Whose yes counts; does not throw. Absent: anybody's.
+    std::function<Approver()> approver;
     /// Whether the owner's recent presence is vouched for. Absent: never.
     std::function<bool()> trustedSession;
+    const base::Clock& clock;
   };
   explicit Approvals(Ports ports) : ports_(std::move(ports)) {}
 
-  /// An answer that comes after the generation ended counts as denied.
+  /// An answer that comes after the generation ended counts as denied. Throws ApprovalRefused when the connection asks
+  /// too much.
   ApprovalResult approve(const ApprovalQuestion& question);
 
   /// Begins a generation, or ends the present one with nullopt: what was remembered is forgotten.
@@ -54,15 +76,35 @@ class Approvals {
   bool isCurrent(std::int64_t generation) const;
 
  private:
+  /// What an answer is remembered for: the environment, the caller, and for the controller, whose token every program
+  /// of this user can read, the process that started the asking one.
+  struct Remembered {
+    std::string environmentId, callerIdentity;
+    pid_t process = 0;
+    unsigned long long startedAt = 0;
+    auto operator<=>(const Remembered&) const = default;
+  };
+  /// One connection's questions.
+  struct Asker {
+    std::size_t waiting = 0;
+    std::vector<base::Instant> denials;  ///< within kDenialWindow, oldest first
+    base::Instant refusedUntil{};
+  };
+  class Turn;
+
   bool mustAsk(const ApprovalQuestion& question);
   ApprovalResult ask(const ApprovalQuestion& question);
+  bool isRemembered(const ApprovalQuestion& question) REQUIRES(mutex_);
+  void enter(const ApprovalQuestion& question);
+  void leave(const ApprovalQuestion& question, bool denied);
 
   // Constant after construction.
   const Ports ports_;
   // Guarded. A leaf: nobody is asked while it is held.
   mutable base::Mutex mutex_;
   std::optional<std::int64_t> generation_ GUARDED_BY(mutex_);
-  std::set<std::string, std::less<>> approvedEnvironments_ GUARDED_BY(mutex_);
+  std::set<Remembered> approvedEnvironments_ GUARDED_BY(mutex_);
+  std::map<std::string, Asker, std::less<>> askers_ GUARDED_BY(mutex_);
 };
 
 }  // namespace sorvane::agent

@@ -13,6 +13,12 @@ bool CopiedValue::copy(const base::SecretText& value) {
   return true;
 }
 
+bool CopiedValue::isOurs(const base::SecretText& text) {
+  const crypto::Sha256Digest digest = crypto::sha256(text.bytes());
+  const base::Lock lock(mutex_);
+  return digest_ == digest;
+}
+
 CopiedValue::~CopiedValue() {
   std::jthread thread;
   {

@@ -1,7 +1,7 @@
 #pragma once
 
 #include <chrono>
-#include <memory>
+#include <optional>
 #include <thread>
 
 #include "agent/clipboard.h"
@@ -24,6 +24,8 @@ class CopiedValue {
 
   /// False when the clipboard could not be written.
   bool copy(const base::SecretText& value);
+  /// Whether the text is what was copied last and not cleared yet.
+  bool isOurs(const base::SecretText& text);
 
  private:
   void watch(std::stop_token stop);

@@ -213,12 +213,13 @@ void GrantStore::change(const std::function<void(std::vector<ClientGrant>&)>& ed
   if (state.grants != before) save(state);
 }
 
-base::SecretText GrantStore::add(const NewGrant& grant) {
+GrantStore::Added GrantStore::add(const NewGrant& grant, std::string_view replacing) {
   base::SecretText token = newToken();
   const base::Lock saving(saving_);
   State state = load();
   if (!state.confirmed) throw GrantsError(std::string(kNotConfirmed));
   if (!state.trusted) state.grants.clear();
+  std::erase_if(state.grants, [&](const ClientGrant& other) { return other.id == replacing; });
   if (byLabel(state.grants, grant.label)) {
     throw GrantsError("There already is an agent connection labelled '" + grant.label +
                       "'. Nothing was changed. Choose another label, or remove that one first.");
@@ -226,7 +227,7 @@ base::SecretText GrantStore::add(const NewGrant& grant) {
   state.grants.push_back(
       {base::randomUuid(), tokenHash(token.view()), grant.label, grant.environment, grant.allowReveal, false});
   save(state);
-  return token;
+  return {state.grants.back().id, std::move(token)};
 }
 
 void GrantStore::edit(std::string_view label, const std::function<void(ClientGrant&)>& edited) {
@@ -244,6 +245,20 @@ void GrantStore::remove(std::string_view label) {
   change([&](std::vector<ClientGrant>& grants) {
     const std::string id = needLabel(grants, label).id;
     std::erase_if(grants, [&](const ClientGrant& grant) { return grant.id == id; });
+  });
+}
+
+void GrantStore::removeById(std::string_view id) {
+  change([&](std::vector<ClientGrant>& grants) {
+    std::erase_if(grants, [&](const ClientGrant& grant) { return grant.id == id; });
+  });
+}
+
+void GrantStore::noteAutoApprove(std::string_view id, bool autoApprove) {
+  change([&](std::vector<ClientGrant>& grants) {
+    for (ClientGrant& grant : grants) {
+      if (grant.id == id) grant.autoApprove = autoApprove;
+    }
   });
 }
 

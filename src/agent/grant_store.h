@@ -43,10 +43,19 @@ class GrantStore final : public GrantBook {
     std::optional<std::string> environment;
     bool allowReveal = false;
   };
-  base::SecretText add(const NewGrant& grant);
+  struct Added {
+    std::string id;
+    base::SecretText token;
+  };
+  /// With `replacing` the grant of that id, when there is one, gives way to the new one in the same save.
+  Added add(const NewGrant& grant, std::string_view replacing = {});
   /// Changes or removes the grant of that label. Throws GrantsError when there is none.
   void edit(std::string_view label, const std::function<void(ClientGrant&)>& change);
   void remove(std::string_view label);
+  /// Nothing happens when there is none of that id.
+  void removeById(std::string_view id);
+  /// Notes what the client's own configuration says; nothing happens when there is none of that id.
+  void noteAutoApprove(std::string_view id, bool autoApprove);
   /// The owner confirmed the labels of grants that were taken over.
   void confirm();
   /// Called before the environment is renamed.

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <chrono>
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -8,12 +9,16 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/clipboard.h"
 #include "agent/command_runner.h"
+#include "agent/copied_value.h"
 #include "agent/grant_book.h"
+#include "agent/key_env_files.h"
 #include "agent/notifier.h"
 #include "agent/operations.h"
 #include "agent/owner_actions.h"
 #include "agent/protocol.h"
+#include "agent/task_sessions.h"
 #include "vault/vault.h"
 
 namespace sorvane::agent {
@@ -43,10 +48,16 @@ class Handlers {
     OwnerActions& actions;
     CommandRunner& runner;
     Notifier& notifier;
+    TaskSessions& sessions;
+    KeyEnvFiles& keyFiles;
+    Clipboard& clipboard;
+    CopiedValue& copied;
     /// Of minimumEnvironment.
     std::vector<std::string> minimum;
     /// Where a command runs when nothing else is said; may be empty.
     std::string home;
+    /// Never imported from.
+    std::filesystem::path supportFolder;
     /// Told after an operation changed the vault; may be absent.
     std::function<void()> onVaultMutated;
   };
@@ -62,14 +73,26 @@ class Handlers {
   AgentResponse deleteEnvironment(Call& call);
   AgentResponse addToEnvironment(Call& call);
   AgentResponse manageVault(Call& call);
-  AgentResponse importNotServed(Call& call);
-  AgentResponse clipboardNotServed(Call& call);
-  AgentResponse taskSessionsNotServed(Call& call);
+  AgentResponse importProject(Call& call);
+  AgentResponse peekClipboard(Call& call);
+  AgentResponse captureClipboard(Call& call);
+  AgentResponse beginTaskSession(Call& call);
+  AgentResponse listTaskSessions(Call& call);
+  AgentResponse endTaskSession(Call& call);
+  AgentResponse taskSessionEnv(Call& call);
+  AgentResponse keyEnvFile(Call& call);
   AgentResponse keysNotServed(Call& call);
   AgentResponse proxyNotServed(Call& call);
 
  private:
+  AgentResponse runUnderSession(Call& call);
   void changed(const std::string& title, const std::string& body);
+  /// What a capture saves, as the question and the access log say it.
+  struct Captured {
+    std::string inWords;
+    std::string tool;
+  };
+  AgentResponse capture(Call& call, const std::string& name, base::SecretText value, const Captured& what);
   AgentResponse bindNew(Call& call, const vault::Project* environment, const std::string& name,
                         const vault::Secret& secret);
 
@@ -103,6 +126,15 @@ std::optional<std::string> declaredTarget(const AgentRequest& request);
 /// DeploymentPolicyError.
 void checkTargetsBeforeAsking(const vault::Records& records, const vault::Project& environment,
                               const std::optional<std::string>& target);
+
+/// "environment_not_allowed" for a name that the caller may not use.
+AgentResponse otherEnvironment(std::string_view name);
+
+/// "1 hour", "90 seconds".
+std::string durationInWords(std::int64_t seconds);
+
+/// The folder without links, which is what the owner is shown and what is used; nullopt when it is no absolute folder.
+std::optional<std::string> existingFolder(const std::string& path);
 
 /// "environment_not_found" with its sentence.
 AgentResponse noEnvironment(std::string_view name);

@@ -179,6 +179,11 @@ AgentResponse Handlers::captureSecret(Call& call) {
   if (name.empty() || !request.value || request.value->empty() || request.value->size() > vault::kMaxValueBytes) {
     return AgentResponse::refused("captureSecret needs a name and a non-empty value (≤4 KB)");
   }
+  return capture(call, name, std::move(*request.value), {"a new secret", "agent_capture_secret"});
+}
+
+AgentResponse Handlers::capture(Call& call, const std::string& name, base::SecretText value, const Captured& what) {
+  const AgentRequest& request = call.request();
   if (auto refusal = refusedName(name)) return std::move(*refusal);
   const auto records = ports_.vault.records();
   const vault::Project* environment = nullptr;
@@ -192,12 +197,12 @@ AgentResponse Handlers::captureSecret(Call& call) {
   }
   const std::string where = environment != nullptr ? environment->name : "your sorvane vault";
   OperationQuestion question =
-      changeQuestion(call.requester() + " wants to save a new secret into " + where + ". Name: " + name, name);
+      changeQuestion(call.requester() + " wants to save " + what.inWords + " into " + where + ". Name: " + name, name);
   if (call.denied(question)) return deniedAnswer();
 
   vault::NewSecret secret;
   secret.name = name;
-  secret.first.value = std::move(*request.value);
+  secret.first.value = std::move(value);
   const vault::Secret made = ports_.vault.createSecret(std::move(secret));
   AgentResponse response = done("captured '" + name + "'");
   if (environment != nullptr) {
@@ -214,8 +219,7 @@ AgentResponse Handlers::captureSecret(Call& call) {
                        "': " + error.sentence();
     }
   }
-  vault::AccessContext context = call.access("agent_capture_secret");
-  ports_.vault.log(context, environment != nullptr ? std::optional(environment->id) : std::nullopt);
+  ports_.vault.log(call.access(what.tool), environment != nullptr ? std::optional(environment->id) : std::nullopt);
   changed("sorvane · secret captured", "saved a secret: " + shownShort(name));
   return response;
 }

@@ -13,6 +13,12 @@ AgentResponse noEnvironment(std::string_view name) {
   return AgentResponse::refused(sentence, "environment_not_found");
 }
 
+AgentResponse otherEnvironment(std::string_view name) {
+  return AgentResponse::refused(
+      "'" + std::string(name) + "' is not available to this client. Enable it in sorvane > Settings > Agents.",
+      "environment_not_allowed");
+}
+
 std::string environmentNameOf(const AgentRequest& request) {
   return request.environment ? *request.environment : request.arg.value_or("");
 }
@@ -20,10 +26,7 @@ std::string environmentNameOf(const AgentRequest& request) {
 EnvironmentLookup environmentOf(const vault::Records& records, const Caller& caller, std::string_view name) {
   if (base::trimmed(name).empty()) return {nullptr, noEnvironment(name)};
   if (caller.scope && !sameEnvironmentName(*caller.scope, name)) {
-    return {nullptr, AgentResponse::refused("'" + std::string(name) +
-                                                "' is not available to this client. Enable it in sorvane > Settings > "
-                                                "Agents.",
-                                            "environment_not_allowed")};
+    return {nullptr, otherEnvironment(name)};
   }
   const vault::Project* const environment = records.projectByName(name);
   if (environment == nullptr) return {nullptr, noEnvironment(name)};

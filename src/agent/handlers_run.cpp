@@ -1,14 +1,13 @@
-#include <stdlib.h>
-#include <sys/stat.h>
-
 #include <array>
 #include <charconv>
 #include <cstring>
 
 #include "agent/command_words.h"
 #include "agent/handlers.h"
+#include "agent/task_sessions.h"
 #include "base/json_writer.h"
 #include "base/unicode.h"
+#include "vault/env_value.h"
 #include "vault/run_control.h"
 
 namespace sorvane::agent {
@@ -42,15 +41,6 @@ std::optional<std::chrono::seconds> timeLimit(const Payload& payload) {
   if (error != std::errc() || end != text.data() + text.size()) return std::nullopt;
   if (seconds < kMinRunSeconds.count() || seconds > kMaxRunSeconds.count()) return std::nullopt;
   return std::chrono::seconds(seconds);
-}
-
-/// The folder without links, which is what the owner is shown and what the command gets; nullopt when it is no folder.
-std::optional<std::string> existingFolder(const std::string& path) {
-  if (path.empty() || path.front() != '/') return std::nullopt;
-  const std::unique_ptr<char, decltype(&::free)> resolved(::realpath(path.c_str(), nullptr), &::free);
-  struct stat status {};
-  if (!resolved || ::stat(resolved.get(), &status) != 0 || !S_ISDIR(status.st_mode)) return std::nullopt;
-  return std::string(resolved.get());
 }
 
 std::size_t characters(const std::vector<std::string>& words) {
@@ -95,17 +85,23 @@ bool contains(const std::vector<std::string>& names, std::string_view name) {
   return false;
 }
 
+/// What a command gets of an environment: its variables, and what else a run needs of them.
+struct Delivered {
+  std::vector<vault::RenderedVariable> variables;
+  std::vector<std::string> runControlAllowed;
+  std::vector<std::string> warnings;
+};
+
 /// The minimum with the environment's variables over it.
-CommandRequest commandRequest(RunPlan plan, vault::RenderedEnvironment rendered,
-                              const std::vector<std::string>& minimum) {
+CommandRequest commandRequest(RunPlan plan, Delivered delivered, const std::vector<std::string>& minimum) {
   CommandRequest command;
   command.words = std::move(plan.words);
   command.directory = std::move(plan.directory);
   command.timeLimit = plan.limit;
-  command.warnings = std::move(rendered.result.warnings);
+  command.warnings = std::move(delivered.warnings);
   std::vector<std::string> taken;
-  for (vault::RenderedVariable& variable : rendered.variables) {
-    if (vault::isRunControlName(variable.name) && !contains(rendered.runControlAllowed, variable.name)) {
+  for (vault::RenderedVariable& variable : delivered.variables) {
+    if (vault::isRunControlName(variable.name) && !contains(delivered.runControlAllowed, variable.name)) {
       command.warnings.push_back(variable.name +
                                  ": left out, because it changes how programs run and its binding does not allow that");
       continue;
@@ -121,6 +117,19 @@ CommandRequest commandRequest(RunPlan plan, vault::RenderedEnvironment rendered,
         {std::move(name), base::SecretText(std::string_view(entry).substr(equals + 1)), false});
   }
   return command;
+}
+
+/// The values that the session's approval covered.
+Delivered deliveredBy(const TaskSessions::Snapshot& snapshot) {
+  Delivered delivered;
+  delivered.runControlAllowed = snapshot.runControlAllowed;
+  for (const base::SecretText& line : snapshot.lines) {
+    const std::string_view text = line.view();
+    const std::size_t equals = text.find('=');
+    if (text.starts_with('#') || equals == std::string_view::npos) continue;
+    delivered.variables.push_back({std::string(text.substr(0, equals)), vault::envLineValue(text.substr(equals + 1))});
+  }
+  return delivered;
 }
 
 base::SecretText document(const RunResult& result) {
@@ -166,7 +175,31 @@ std::vector<std::string> minimumEnvironment(const char* const* environment) {
   return minimum;
 }
 
+AgentResponse Handlers::runUnderSession(Call& call) {
+  const AgentRequest& request = call.request();
+  const auto session = ports_.sessions.lookup(*request.taskSession, call.caller().identity);
+  const TaskSessions::Snapshot& snapshot = *session.snapshot;
+  const auto target = declaredTarget(request);
+  const std::string name = environmentNameOf(request);
+  if (!name.empty() && !sameEnvironmentName(session.info.environment, name)) return otherEnvironment(name);
+  if (target && target != snapshot.deploymentTarget) return otherEnvironment(*target);
+  RunPlan plan;
+  if (auto refusal = planRun(request, snapshot.directory.value_or(ports_.home), plan)) return std::move(*refusal);
+  try {
+    ports_.vault.log(call.access("agent_run_env"), snapshot.environmentId);
+  } catch (const vault::VaultError&) {
+    return AgentResponse::refused("Environment unavailable or audit write failed");
+  }
+  const CommandRequest command = commandRequest(std::move(plan), deliveredBy(snapshot), ports_.minimum);
+  CommandControl control;
+  const auto stop = [&control] { control.stop(); };
+  const std::stop_callback withdrawn(call.withdrawn(), stop);
+  const std::stop_callback ended(session.ended, stop);
+  return answer(ports_.runner.run(command, control), {});
+}
+
 AgentResponse Handlers::runEnv(Call& call) {
+  if (call.request().taskSession) return runUnderSession(call);
   const auto records = ports_.vault.records();
   auto found = environmentOf(*records, call.caller(), environmentNameOf(call.request()));
   if (found.refusal) return std::move(*found.refusal);
@@ -190,7 +223,9 @@ AgentResponse Handlers::runEnv(Call& call) {
     return AgentResponse::refused("Environment unavailable or audit write failed");
   }
   std::vector<std::string> missing = std::move(rendered.result.missing);
-  const CommandRequest command = commandRequest(std::move(plan), std::move(rendered), ports_.minimum);
+  Delivered delivered{std::move(rendered.variables), std::move(rendered.runControlAllowed),
+                      std::move(rendered.result.warnings)};
+  const CommandRequest command = commandRequest(std::move(plan), std::move(delivered), ports_.minimum);
   CommandControl control;
   const std::stop_callback stopped(call.withdrawn(), [&control] { control.stop(); });
   return answer(ports_.runner.run(command, control), std::move(missing));

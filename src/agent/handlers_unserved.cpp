@@ -12,27 +12,6 @@ AgentResponse notServed(std::string_view sentence, std::string_view code) {
 
 }  // namespace
 
-AgentResponse Handlers::importNotServed(Call&) {
-  return notServed(
-      "This version of sorvane does not import .env files yet. Nothing was read or changed. Use capture_secret, or ask "
-      "the owner to run sorvane secret add.",
-      "not_available");
-}
-
-AgentResponse Handlers::clipboardNotServed(Call&) {
-  return notServed(
-      "This version of sorvane does not look at the clipboard for agents yet. Nothing was read or saved. Ask the owner "
-      "to run sorvane secret add.",
-      "not_available");
-}
-
-AgentResponse Handlers::taskSessionsNotServed(Call&) {
-  return notServed(
-      "This version of sorvane does not hold task sessions yet. Nothing was shared. Use run_with_env, which asks for "
-      "each command.",
-      "not_available");
-}
-
 AgentResponse Handlers::keysNotServed(Call&) {
   return notServed(
       "Provider keys from the cloud are not set up on this computer. Nothing was shared. Use a key that the owner "

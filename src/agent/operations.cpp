@@ -16,23 +16,23 @@ const std::array<Operation, kOpCount> kOperations{{
     {AgentOp::runEnv, CallerRule::any, ApprovalRule::environmentRun, &Handlers::runEnv},
     {AgentOp::getSecret, CallerRule::mayReveal, ApprovalRule::readSecret, &Handlers::getSecret},
     {AgentOp::captureSecret, CallerRule::any, ApprovalRule::change, &Handlers::captureSecret},
-    {AgentOp::importProject, CallerRule::any, ApprovalRule::none, &Handlers::importNotServed},
+    {AgentOp::importProject, CallerRule::any, ApprovalRule::change, &Handlers::importProject},
     {AgentOp::createEnvironment, CallerRule::any, ApprovalRule::change, &Handlers::createEnvironment},
     {AgentOp::deleteEnvironment, CallerRule::any, ApprovalRule::change, &Handlers::deleteEnvironment},
     {AgentOp::addToEnvironment, CallerRule::any, ApprovalRule::change, &Handlers::addToEnvironment},
-    {AgentOp::peekClipboard, CallerRule::any, ApprovalRule::none, &Handlers::clipboardNotServed},
-    {AgentOp::captureClipboard, CallerRule::any, ApprovalRule::none, &Handlers::clipboardNotServed},
-    {AgentOp::beginTaskSession, CallerRule::any, ApprovalRule::none, &Handlers::taskSessionsNotServed},
-    {AgentOp::listTaskSessions, CallerRule::any, ApprovalRule::none, &Handlers::taskSessionsNotServed},
-    {AgentOp::endTaskSession, CallerRule::any, ApprovalRule::none, &Handlers::taskSessionsNotServed},
-    {AgentOp::taskSessionEnv, CallerRule::any, ApprovalRule::none, &Handlers::taskSessionsNotServed},
+    {AgentOp::peekClipboard, CallerRule::any, ApprovalRule::none, &Handlers::peekClipboard},
+    {AgentOp::captureClipboard, CallerRule::any, ApprovalRule::change, &Handlers::captureClipboard},
+    {AgentOp::beginTaskSession, CallerRule::any, ApprovalRule::taskSession, &Handlers::beginTaskSession},
+    {AgentOp::listTaskSessions, CallerRule::any, ApprovalRule::none, &Handlers::listTaskSessions},
+    {AgentOp::endTaskSession, CallerRule::any, ApprovalRule::none, &Handlers::endTaskSession},
+    {AgentOp::taskSessionEnv, CallerRule::any, ApprovalRule::none, &Handlers::taskSessionEnv},
     {AgentOp::manageVault, CallerRule::controller, ApprovalRule::perAction, &Handlers::manageVault},
     {AgentOp::keyRequest, CallerRule::any, ApprovalRule::none, &Handlers::keysNotServed},
     {AgentOp::keyRequestStatus, CallerRule::any, ApprovalRule::none, &Handlers::keysNotServed},
     {AgentOp::keyList, CallerRule::any, ApprovalRule::none, &Handlers::keysNotServed},
     {AgentOp::keyRevoke, CallerRule::any, ApprovalRule::none, &Handlers::keysNotServed},
     {AgentOp::keyEnvelope, CallerRule::any, ApprovalRule::none, &Handlers::keysNotServed},
-    {AgentOp::keyEnvFile, CallerRule::any, ApprovalRule::none, &Handlers::keysNotServed},
+    {AgentOp::keyEnvFile, CallerRule::any, ApprovalRule::change, &Handlers::keyEnvFile},
     {AgentOp::proxyUsage, CallerRule::any, ApprovalRule::none, &Handlers::proxyNotServed},
     {AgentOp::proxyRunEnded, CallerRule::any, ApprovalRule::none, &Handlers::proxyNotServed},
 }};
@@ -80,6 +80,10 @@ AgentResponse perform(Handlers& handlers, Call& call) {
     return (handlers.*operation.handler)(call);
   } catch (const vault::DeploymentPolicyError& error) {
     return AgentResponse::refused(error.sentence(), "deployment_policy_refused");
+  } catch (const TaskSessions::Failure& failure) {
+    const bool duration = failure.kind() == TaskSessions::Failure::Case::invalidDuration;
+    return AgentResponse::refused(failure.sentence(),
+                                  duration ? std::optional<std::string>("invalid_duration") : std::nullopt);
   } catch (const base::Error& error) {
     return AgentResponse::refused(error.sentence());
   } catch (const std::exception&) {

@@ -42,6 +42,8 @@ class Call {
   /// Asks the owner under the operation's rule, if the policy wants it. Blocks.
   virtual ApprovalResult ask(const OperationQuestion& question) = 0;
   bool denied(const OperationQuestion& question) { return ask(question) == ApprovalResult::denied; }
+  /// A keyed digest of a text on the clipboard, the same for equal texts until the server stops.
+  virtual std::string fingerprint(const base::SecretText& text) = 0;
   /// Stopped when the client is gone or the server stops; watching begins with the first call.
   virtual std::stop_token withdrawn() = 0;
 

@@ -20,6 +20,7 @@
 namespace sorvane::agent {
 
 class CopiedValue;
+class TaskSessions;
 
 /// ActionPlan is an action whose arguments were checked: the question, for one that asks, and what is done after a yes.
 /// It holds what was checked, so that nothing is read again after the answer.
@@ -38,11 +39,12 @@ class OwnerActionHandlers final : public OwnerActions {
     ApprovalPolicy& policy;
     Jobs& jobs;
     Clipboard& clipboard;
+    CopiedValue& copied;
+    TaskSessions& sessions;
     VaultActions& application;
     const base::Clock& clock;
   };
-  explicit OwnerActionHandlers(Ports ports);
-  ~OwnerActionHandlers() override;
+  explicit OwnerActionHandlers(Ports ports) : ports_(ports) {}
 
   AgentResponse perform(ActionCall& call) override;
 
@@ -100,15 +102,26 @@ class OwnerActionHandlers final : public OwnerActions {
   ActionPlan agentConfirm(const ActionArguments& arguments, ActionCall& call);
   ActionPlan agentRemove(const ActionArguments& arguments, ActionCall& call);
 
+  // Agent clients' own files, and leaving (client_actions.cpp).
+  ActionPlan clientStatus(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan clientConnect(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan clientRepair(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan clientDisconnect(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan scan(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan uninstallPlan(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan uninstall(const ActionArguments& arguments, ActionCall& call);
+
  private:
   vault::Secret secretNamed(const ActionArguments& arguments, std::string_view argument = "name");
   vault::Project projectNamed(const ActionArguments& arguments, std::string_view argument = "name");
   vault::AccessContext access(const ActionCall& call, const ActionArguments& arguments) const;
+  ActionPlan writeEntry(ClientConnection plan, GrantStore::NewGrant grant, const std::string& phrase,
+                        const ActionArguments& arguments, ActionCall& call);
+  std::vector<std::string> uninstallSteps(bool withVault);
   std::int64_t rotationGraceDays();
   void writeSummary(base::JsonWriter& out, const vault::Secret& secret, std::int64_t graceDays);
 
   const Ports ports_;
-  const std::unique_ptr<CopiedValue> copied_;
 };
 
 // Pieces of plans.

@@ -1,7 +1,6 @@
 #include <algorithm>
 #include <array>
 
-#include "agent/copied_value.h"
 #include "agent/owner_action_handlers.h"
 
 namespace sorvane::agent {
@@ -50,6 +49,13 @@ constexpr std::array kActions{
     Row{"agentEdit", Asks::yes, &H::agentEdit},
     Row{"agentConfirm", Asks::yes, &H::agentConfirm},
     Row{"agentRemove", Asks::yes, &H::agentRemove},
+    Row{"clientStatus", Asks::no, &H::clientStatus},
+    Row{"clientConnect", Asks::yes, &H::clientConnect},
+    Row{"clientRepair", Asks::yes, &H::clientRepair},
+    Row{"clientDisconnect", Asks::yes, &H::clientDisconnect},
+    Row{"scan", Asks::no, &H::scan},
+    Row{"uninstallPlan", Asks::no, &H::uninstallPlan},
+    Row{"uninstall", Asks::yes, &H::uninstall},
     Row{"log", Asks::no, &H::log},
     Row{"logUsage", Asks::no, &H::logUsage},
     Row{"logRepair", Asks::yes, &H::logRepair},
@@ -73,11 +79,6 @@ std::string unsupported(std::string_view action) {
 }
 
 }  // namespace
-
-OwnerActionHandlers::OwnerActionHandlers(Ports ports)
-    : ports_(ports), copied_(std::make_unique<CopiedValue>(ports.clipboard)) {}
-
-OwnerActionHandlers::~OwnerActionHandlers() = default;
 
 AgentResponse OwnerActionHandlers::perform(ActionCall& call) {
   const auto named = call.payload.find("action");

@@ -211,7 +211,7 @@ ActionPlan OwnerActionHandlers::secretCopy(const ActionArguments& arguments, Act
       call, "copy to the clipboard " + described(secret, version),
       [this, id = secret.id, version, access = access(call, arguments)] {
         const vault::RevealResult revealed = ports_.vault.reveal(id, version, std::nullopt, access);
-        if (!copied_->copy(revealed.value)) {
+        if (!ports_.copied.copy(revealed.value)) {
           throw ActionError(
               "The clipboard could not be written, so nothing was copied. Try again inside the desktop session.");
         }

@@ -35,9 +35,15 @@ AgentServer::AgentServer(Settings settings, Ports ports)
     : settings_(std::move(settings)),
       socketPath_(settings_.supportFolder / base::kSocketName),
       grants_(ports.handlers.grants),
+      sessions_(ports.handlers.sessions),
+      keyFiles_(ports.handlers.keyFiles),
       handlers_(std::move(ports.handlers)),
       approvals_(std::move(ports.approvals)),
-      published_(ports.files, settings_.supportFolder / base::kEndpointName) {
+      published_(ports.files, settings_.supportFolder / base::kEndpointName),
+      sessionEnds_(sessions_.observeEnds(
+          [&keyFiles = keyFiles_](const std::vector<TaskSessionInfo>& ended) { keyFiles.sessionsEnded(ended); })) {
+  // Sessions do not outlive the application, and their files must not.
+  keyFiles_.removeAll();
   if (settings_.watchEvery > std::chrono::milliseconds::zero()) {
     endpointWatch_ = std::jthread([this](const std::stop_token& stop) { watchEndpoint(stop); });
   }
@@ -49,6 +55,7 @@ AgentServer::~AgentServer() {
   connections_.dropSilent();
   connections_.waitUntilNone();
   waitUntilIdle(Waiting::everyone);
+  sessions_.stopObserving(sessionEnds_);
 }
 
 bool AgentServer::start() {
@@ -79,6 +86,7 @@ std::optional<std::string> AgentServer::open() {
   if (listener.failure) return listener.failure;
   base::SecretText token(base::randomUuid());
   std::string identity = crypto::sha256Hex(token.bytes());
+  auto clipboardKey = std::make_shared<const crypto::SymmetricKey>(crypto::SymmetricKey::random());
   std::int64_t generation = 0;
   {
     const base::Lock lock(mutex_);
@@ -86,6 +94,7 @@ std::optional<std::string> AgentServer::open() {
     running_ = true;
     token_ = std::move(token);
     controllerIdentity_ = std::move(identity);
+    clipboardFingerprintKey_ = std::move(clipboardKey);
   }
   approvals_.setGeneration(generation);
   listener_ = std::move(listener.socket);
@@ -106,12 +115,14 @@ void AgentServer::close() {
   }
   approvals_.setGeneration(std::nullopt);
   hangups_.withdrawAll();
+  sessions_.endAll();
   ::shutdown(listener_.get(), SHUT_RDWR);
   if (acceptThread_.joinable()) acceptThread_.join();
   listener_.reset();
   published_.withdraw();
   std::error_code ignored;
   std::filesystem::remove(socketPath_, ignored);
+  keyFiles_.removeAll();
 }
 
 AgentInfo AgentServer::info() const {
@@ -128,11 +139,11 @@ void AgentServer::republish() {
   if (isRunning() && !published_.publish(info())) base::diagnose("agent", "could not publish endpoint");
 }
 
-std::optional<std::int64_t> AgentServer::enter() {
+std::optional<AgentServer::Entered> AgentServer::enter() {
   const base::Lock lock(mutex_);
   if (!running_) return std::nullopt;
   ++activeRequests_;
-  return generation_;
+  return Entered{generation_, clipboardFingerprintKey_};
 }
 
 void AgentServer::leave() {
@@ -152,8 +163,8 @@ void AgentServer::waitUntilIdle(Waiting waiting) {
 }
 
 AgentResponse AgentServer::handle(std::string_view bytes, const RequestCaller& caller) {
-  const auto generation = enter();
-  if (!generation) return AgentResponse::refused(std::string(kNotRunning));
+  const auto entered = enter();
+  if (!entered) return AgentResponse::refused(std::string(kNotRunning));
   struct Leave {
     AgentServer& server;
     ~Leave() { server.leave(); }
@@ -163,7 +174,7 @@ AgentResponse AgentServer::handle(std::string_view bytes, const RequestCaller& c
   if (!request) return AgentResponse::refused("bad request");
   auto authenticated = authenticate(request->token.view(), caller);
   if (auto* refusal = std::get_if<AgentResponse>(&authenticated)) return std::move(*refusal);
-  RequestSetting setting{approvals_, hangups_, *generation, -1, 0, bytes};
+  RequestSetting setting{approvals_, hangups_, entered->generation, -1, 0, entered->clipboardKey, bytes};
   if (const auto* socket = std::get_if<SocketCaller>(&caller)) {
     setting.socket = socket->socket;
     setting.peer = socket->peer;
@@ -171,7 +182,7 @@ AgentResponse AgentServer::handle(std::string_view bytes, const RequestCaller& c
   ServerRequest call(std::move(*request), std::move(std::get<Caller>(authenticated)), setting);
   AgentResponse response = perform(handlers_, call);
   // A denial that comes of a stop says so: the owner denied nothing.
-  if (response.error == kApprovalDenied && !approvals_.isCurrent(*generation)) {
+  if (response.error == kApprovalDenied && !approvals_.isCurrent(entered->generation)) {
     return AgentResponse::refused(std::string(kNotRunning));
   }
   return response;

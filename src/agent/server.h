@@ -17,6 +17,7 @@
 #include "agent/protocol.h"
 #include "base/files.h"
 #include "base/mutex.h"
+#include "crypto/key.h"
 
 namespace sorvane::agent {
 
@@ -82,7 +83,12 @@ class AgentServer {
   void accepted(base::Descriptor socket);
   static void* connectionThread(void* start);
   void serve(base::Descriptor socket, Connections::Id id, pid_t peer);
-  std::optional<std::int64_t> enter();
+  /// What a request takes along of the generation that it came in.
+  struct Entered {
+    std::int64_t generation;
+    std::shared_ptr<const crypto::SymmetricKey> clipboardKey;
+  };
+  std::optional<Entered> enter();
   void leave();
   std::variant<Caller, AgentResponse> authenticate(std::string_view token, const RequestCaller& caller);
   void watchEndpoint(const std::stop_token& stop);
@@ -92,6 +98,8 @@ class AgentServer {
   const Settings settings_;
   const std::filesystem::path socketPath_;
   GrantBook& grants_;
+  TaskSessions& sessions_;
+  KeyEnvFiles& keyFiles_;
   Handlers handlers_;
   Approvals approvals_;
   HangupWatch hangups_;
@@ -106,12 +114,15 @@ class AgentServer {
   std::thread acceptThread_ GUARDED_BY(lifecycle_);
   bool wanted_ GUARDED_BY(lifecycle_) = false;
 
+  const TaskSessions::ObserverToken sessionEnds_;
+
   // Guarded. A leaf: nothing is called while it is held.
   mutable base::Mutex mutex_;
   bool running_ GUARDED_BY(mutex_) = false;
   std::int64_t generation_ GUARDED_BY(mutex_) = 0;
   base::SecretText token_ GUARDED_BY(mutex_);
   std::string controllerIdentity_ GUARDED_BY(mutex_);
+  std::shared_ptr<const crypto::SymmetricKey> clipboardFingerprintKey_ GUARDED_BY(mutex_);  ///< new each start
   std::size_t activeRequests_ GUARDED_BY(mutex_) = 0;
   std::size_t waitingRequests_ GUARDED_BY(mutex_) = 0;
   base::Condition requestLeft_;

@@ -1,6 +1,7 @@
 #include "agent/server_request.h"
 
 #include "crypto/digest.h"
+#include "crypto/mac.h"
 
 namespace sorvane::agent {
 
@@ -33,6 +34,10 @@ std::stop_token ServerRequest::withdrawn() {
   return stop_.get_token();
 }
 
+std::string ServerRequest::fingerprint(const base::SecretText& text) {
+  return crypto::hmacSha256Hex(*setting_.clipboardKey, text.bytes());
+}
+
 ApprovalResult ServerRequest::ask(const OperationQuestion& asked) {
   const ApprovalRule rule = operationOf(request().op).approval;
   // An operation whose row says that nobody is asked has nothing to ask.
@@ -46,6 +51,7 @@ ApprovalResult ServerRequest::ask(const OperationQuestion& asked) {
   ApprovalContext& context = question.context;
   context.label = caller().label;
   context.callerIdentity = caller().identity;
+  context.isController = caller().kind == Caller::Kind::controller;
   context.processes = processes();
   context.commandWords = asked.commandWords;
   context.directory = asked.directory;

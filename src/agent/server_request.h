@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <optional>
 #include <stop_token>
 #include <string>
@@ -10,6 +11,7 @@
 #include "agent/connection.h"
 #include "agent/operations.h"
 #include "base/system.h"
+#include "crypto/key.h"
 
 namespace sorvane::agent {
 
@@ -20,6 +22,7 @@ struct RequestSetting {
   std::int64_t generation = 0;
   int socket = -1;
   pid_t peer = 0;
+  std::shared_ptr<const crypto::SymmetricKey> clipboardKey;
   /// Of the whole request; valid while it is handled.
   std::string_view bytes;
 };
@@ -36,6 +39,7 @@ class ServerRequest : public Call {
   const std::string& requester() override;
   ApprovalResult ask(const OperationQuestion& question) override;
   std::stop_token withdrawn() override;
+  std::string fingerprint(const base::SecretText& text) override;
 
  private:
   const std::vector<base::ProcessInfo>& processes();

@@ -211,6 +211,16 @@ void TaskSessions::revoke(const vault::Revocation& revocation) {
   finish(std::move(ended));
 }
 
+void TaskSessions::endOf(std::string_view owner) {
+  std::vector<Entry> ended;
+  {
+    const base::Lock lock(lock_);
+    epoch_ = base::randomUuid();
+    ended = take([&](const Entry& entry) { return entry.owner == owner; });
+  }
+  finish(std::move(ended));
+}
+
 void TaskSessions::endAll() {
   std::vector<Entry> ended;
   {

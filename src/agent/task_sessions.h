@@ -95,6 +95,8 @@ class TaskSessions final : public vault::SessionRevoker {
   TaskSessionInfo endAny(std::string_view prefix);
   /// Ends what the revocation names and replaces the epoch.
   void revoke(const vault::Revocation& revocation) override;
+  /// Ends every session of a caller whose permission changed.
+  void endOf(std::string_view owner);
   void endAll();
   /// Ends every session whose deadline has passed; the timer calls it.
   void expire();

@@ -6,6 +6,7 @@
 
 #include "base/diagnostics.h"
 #include "base/support_folder.h"
+#include "base/system.h"
 #include "base/temporary_files.h"
 
 namespace sorvane::app {
@@ -34,6 +35,20 @@ std::string homeFolder() {
   return home == nullptr ? std::string() : std::string(home);
 }
 
+clients::Connections::Setting connectionSetting(const Application::Setting& setting) {
+  clients::Connections::Setting connections;
+  connections.folders.home = homeFolder();
+  connections.folders.config = base::userConfigFolder();
+  const char* const codex = std::getenv("CODEX_HOME");
+  connections.folders.codex =
+      codex != nullptr && *codex == '/' ? std::filesystem::path(codex) : connections.folders.home / ".codex";
+  connections.supportFolder = setting.supportFolder;
+  connections.isUsualSupportFolder = setting.supportFolder == base::defaultSupportFolder();
+  const std::filesystem::path beside = base::programPath().parent_path() / "sorvane";
+  connections.program = ::access(beside.c_str(), X_OK) == 0 ? beside.string() : "sorvane";
+  return connections;
+}
+
 }  // namespace
 
 Application::Application(const Setting& setting, agent::ProcessHost& host, agent::ApprovalProvider* approver)
@@ -42,15 +57,33 @@ Application::Application(const Setting& setting, agent::ProcessHost& host, agent
       vault_(setting.supportFolder / base::kVaultName, {files_, stores_.inUse(), clock_, sessions_}),
       grants_(setting.supportFolder / base::kGrantsName, files_, vault_),
       policy_(vault_),
-      actions_(stateOf(setting, approver != nullptr), stores_),
+      connections_(connectionSetting(setting), files_, vault_.settings()),
+      actions_(stateOf(setting, approver != nullptr), stores_, connections_),
       jobs_(clock_),
-      ownerActions_({vault_, grants_, policy_, jobs_, clipboard_, actions_, clock_}),
+      ownerActions_({vault_, grants_, policy_, jobs_, clipboard_, copied_, sessions_, actions_, clock_}),
       runner_(host),
-      server_(
-          {setting.supportFolder},
-          {files_,
-           {vault_, grants_, ownerActions_, runner_, notifier_, agent::minimumEnvironment(environ), homeFolder(), {}},
-           {approver, ownerPrompt_, [this] { return policy_.current(); }, {}}}) {
+      keyFiles_(setting.supportFolder / base::kKeyFilesName, files_, clock_, runner_,
+                agent::minimumEnvironment(environ)),
+      server_({setting.supportFolder}, {files_,
+                                        {vault_,
+                                         grants_,
+                                         ownerActions_,
+                                         runner_,
+                                         notifier_,
+                                         sessions_,
+                                         keyFiles_,
+                                         clipboard_,
+                                         copied_,
+                                         agent::minimumEnvironment(environ),
+                                         homeFolder(),
+                                         setting.supportFolder,
+                                         {}},
+                                        {approver,
+                                         ownerPrompt_,
+                                         [this] { return policy_.current().approval; },
+                                         [this] { return policy_.current().approver; },
+                                         {},
+                                         clock_}}) {
   base::removeTemporaryFiles(files_, setting.supportFolder);
   if (!setting.memoryIsLocked) base::diagnose("app", kMemoryMayBeSwapped);
   if (approver == nullptr) base::diagnose("app", kNobodyAnswers);

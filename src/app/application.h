@@ -8,11 +8,14 @@
 #include "agent/approval.h"
 #include "agent/approval_policy.h"
 #include "agent/command_runner.h"
+#include "agent/copied_value.h"
 #include "agent/grant_store.h"
 #include "agent/jobs.h"
+#include "agent/key_env_files.h"
 #include "agent/owner_action_handlers.h"
 #include "agent/process_host.h"
 #include "agent/server.h"
+#include "agent/task_sessions.h"
 #include "app/application_actions.h"
 #include "app/options.h"
 #include "app/stores.h"
@@ -22,16 +25,9 @@
 #include "platform/linux/absent_owner_prompt.h"
 #include "platform/linux/clipboard.h"
 #include "platform/linux/notifier.h"
-#include "vault/revocation.h"
 #include "vault/vault.h"
 
 namespace sorvane::app {
-
-/// NoTaskSessions stands where task sessions will be ended once they are served: there are none.
-class NoTaskSessions final : public vault::SessionRevoker {
- public:
-  void revoke(const vault::Revocation&) override {}
-};
 
 /// Application is everything that runs in `sorvaned`, built in the order of its members and taken down the other way.
 /// The constructor opens the vault of the support folder and throws base::Error when the folder or the choice of store
@@ -60,13 +56,15 @@ class Application {
 
   // The vault.
   Stores stores_;
-  NoTaskSessions sessions_;
+  agent::TaskSessions sessions_{clock_};
   vault::Vault vault_;
 
   // Who may ask, and what the owner may do.
   agent::GrantStore grants_;
   agent::ApprovalPolicy policy_;
   platform::SystemClipboard clipboard_;
+  agent::CopiedValue copied_{clipboard_};
+  clients::Connections connections_;
   ApplicationActions actions_;
   agent::Jobs jobs_;
   agent::OwnerActionHandlers ownerActions_;
@@ -75,6 +73,7 @@ class Application {
   platform::FreedesktopNotifier notifier_;
   platform::AbsentOwnerPrompt ownerPrompt_;
   agent::CommandRunner runner_;
+  agent::KeyEnvFiles keyFiles_;
   agent::AgentServer server_;
 };
 

@@ -18,6 +18,7 @@ inline constexpr std::string_view kSocketName = "agent.sock";
 inline constexpr std::string_view kEndpointName = "agent.json";
 inline constexpr std::string_view kGrantsName = "agent_clients.json";
 inline constexpr std::string_view kVaultName = "vault";
+inline constexpr std::string_view kKeyFilesName = "key-files";
 inline constexpr std::string_view kLockName = "sorvaned.lock";
 
 /// The folder to use: `chosen` (of --support-dir), else SORVANE_SUPPORT_DIR, else the system's own place. Absolute, not

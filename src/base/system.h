@@ -56,6 +56,12 @@ std::vector<ProcessInfo> processChain(pid_t pid);
 /// Makes this process unreadable to others of the same user and keeps it from leaving core files. Called first in main.
 void hardenProcess();
 
+/// The folder for the user's configuration of programs, such as "~/.config". Empty without a home folder.
+std::filesystem::path userConfigFolder();
+
+/// The running program's own file, without links. Empty when the system does not say.
+std::filesystem::path programPath();
+
 /// The folder for the application's data when nothing else is said, such as "~/.local/share/sorvane". Empty when the
 /// user has no home folder.
 std::filesystem::path defaultSupportFolder();

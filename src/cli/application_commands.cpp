@@ -122,8 +122,18 @@ void Commands::addApplication(CLI::App& app) {
   auto word = std::make_shared<std::string>();
   policy.add_option("policy", *word, "per-request, per-environment or unlocked")
       ->check(CLI::IsMember({"per-request", "per-environment", "unlocked"}));
-  policy.callback([this, word] {
-    action = [word](Session& session) {
+  const auto who = std::make_shared<std::string>();
+  CLI::App& approver = *policy.add_subcommand("approver", "Whose yes counts (asks); a no counts from anywhere");
+  approver.add_option("approver", *who, "terminal, system, phone or any")
+      ->required()
+      ->check(CLI::IsMember({"terminal", "system", "phone", "any"}));
+  policy.callback([this, word, who] {
+    action = [word, who](Session& session) {
+      if (!who->empty()) {
+        session.manage("policySet", {{"approver", *who}}, Session::Asks::yes);
+        session.options().json ? printJson({{"ok", true}}) : note("Changed.");
+        return 0;
+      }
       if (word->empty()) {
         const auto response = session.manage("policyGet", {}, Session::Asks::no);
         const std::string present(valueOf(response).view());
@@ -194,6 +204,7 @@ void Commands::addLog(CLI::App& app) {
 void Commands::addAgent(CLI::App& app) {
   CLI::App& group = *app.add_subcommand("agent", "Connect agents and say what they may use");
   group.require_subcommand(1);
+  addClients(group);
   group.add_subcommand("list", "Connected agents")->callback([this] { action = agents; });
 
   auto given = std::make_shared<Given>();

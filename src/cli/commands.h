@@ -22,7 +22,12 @@ struct Commands {
   void addEnvironment(CLI::App& app);
   void addExport(CLI::App& app);
   void addRun(CLI::App& app);
+  void addSession(CLI::App& app);
+  void addImport(CLI::App& app);
+  void addScan(CLI::App& app);
   void addAgent(CLI::App& app);
+  void addClients(CLI::App& group);  ///< the part of `agent` that edits clients' files
+  void addUninstall(CLI::App& app);
   void addLog(CLI::App& app);
   void addApplication(CLI::App& app);  ///< status, policy, settings, gc, store
   void addMcp(CLI::App& app);

@@ -21,10 +21,18 @@ void addCommands(Commands& commands, CLI::App& app, int count, char** words) {
     const char* word;
     void (Commands::*add)(CLI::App&);
   };
-  constexpr Group kGroups[] = {{"run", &Commands::addRun},         {"secret", &Commands::addSecret},
-                               {"env", &Commands::addEnvironment}, {"export", &Commands::addExport},
-                               {"agent", &Commands::addAgent},     {"log", &Commands::addLog},
-                               {"mcp", &Commands::addMcp},         {"completion", &Commands::addCompletion}};
+  constexpr Group kGroups[] = {{"run", &Commands::addRun},
+                               {"secret", &Commands::addSecret},
+                               {"env", &Commands::addEnvironment},
+                               {"export", &Commands::addExport},
+                               {"session", &Commands::addSession},
+                               {"import", &Commands::addImport},
+                               {"scan", &Commands::addScan},
+                               {"agent", &Commands::addAgent},
+                               {"mcp", &Commands::addMcp},
+                               {"log", &Commands::addLog},
+                               {"uninstall", &Commands::addUninstall},
+                               {"completion", &Commands::addCompletion}};
   for (const Group& group : kGroups) {
     if (count > 1 && std::strcmp(words[1], group.word) == 0) return (commands.*group.add)(app);
   }

@@ -208,6 +208,9 @@ class Vault {
   void deleteEnvironment(std::string_view id);
 
   // Values.
+  /// Whether the secret's current version holds exactly this value; nothing leaves the vault. False for an unknown id
+  /// and a value that cannot be read.
+  bool currentValueIs(std::string_view secretId, const base::SecretText& value);
   /// Without `version` the current one. With `declared` the deployment policy decides; the owner's own look passes
   /// none.
   RevealResult reveal(std::string_view secretId, std::optional<std::int64_t> version,

@@ -103,6 +103,18 @@ std::vector<const Secret*> checkedSelection(const Records& records, const std::v
 
 }  // namespace
 
+bool Vault::currentValueIs(std::string_view secretId, const base::SecretText& value) {
+  const base::RecursiveLock lock(lock_);
+  const auto records = currentRecords();
+  const Secret* const secret = records->secretById(secretId);
+  if (secret == nullptr || secret->current() == nullptr) return false;
+  try {
+    return readValue(*secret, secret->currentVersion).sameAs(value.view());
+  } catch (const VaultError&) {
+    return false;
+  }
+}
+
 RevealResult Vault::reveal(std::string_view secretId, std::optional<std::int64_t> version,
                            const std::optional<DeclaredTargets>& declared, const AccessContext& context) {
   const base::RecursiveLock lock(lock_);

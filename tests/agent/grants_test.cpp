@@ -99,7 +99,7 @@ constexpr std::string_view kNotTrusted =
 
 TEST_F(Grants, aTokenIsGivenOnceAndFoundByItsExactBytesOnly) {
   GrantStore grants = reopened();
-  const base::SecretText token = grants.add({"Editor", {}, true});
+  const base::SecretText token = grants.add({"Editor", {}, true}).token;
   EXPECT_EQ(bytesOf(file()).find(std::string(token.view())), std::string::npos);
   GrantStore later = reopened();
   const auto current = later.current();
@@ -107,7 +107,7 @@ TEST_F(Grants, aTokenIsGivenOnceAndFoundByItsExactBytesOnly) {
   std::string other(token.view());
   other.back() = other.back() == 'a' ? 'A' : 'a';
   EXPECT_EQ(agent::findByTokenHash(*current, agent::tokenHash(other)), nullptr);
-  const base::SecretText second = later.add({"Shell", {}, false});
+  const base::SecretText second = later.add({"Shell", {}, false}).token;
   EXPECT_FALSE(second.sameAs(token.view()));
   EXPECT_EQ(sentenceOf([&] {
               later.add({"Shell", {}, false});

@@ -71,6 +71,10 @@ TEST(OperationTable, hasOneRowPerOperationAndLetsNothingSensitivePassUnasked) {
       {AgentOp::createEnvironment, {CallerRule::any, ApprovalRule::change}},
       {AgentOp::deleteEnvironment, {CallerRule::any, ApprovalRule::change}},
       {AgentOp::addToEnvironment, {CallerRule::any, ApprovalRule::change}},
+      {AgentOp::importProject, {CallerRule::any, ApprovalRule::change}},
+      {AgentOp::captureClipboard, {CallerRule::any, ApprovalRule::change}},
+      {AgentOp::beginTaskSession, {CallerRule::any, ApprovalRule::taskSession}},
+      {AgentOp::keyEnvFile, {CallerRule::any, ApprovalRule::change}},
       {AgentOp::manageVault, {CallerRule::controller, ApprovalRule::perAction}}};
   for (std::size_t i = 0; i < agent::kOpCount; ++i) {
     const agent::Operation& row = agent::kOperations[i];
@@ -85,11 +89,8 @@ TEST_F(Operations, everyOperationIsRefusedToAStrangerAndWhatIsNotServedSaysSo) {
   for (const agent::Operation& row : agent::kOperations) {
     EXPECT_EQ(as("stranger", row.op, "KEY", "app").errorCode, "unauthorized") << word(row.op);
   }
-  for (const AgentOp op :
-       {AgentOp::importProject, AgentOp::peekClipboard, AgentOp::captureClipboard, AgentOp::beginTaskSession,
-        AgentOp::listTaskSessions, AgentOp::endTaskSession, AgentOp::taskSessionEnv, AgentOp::keyRequest,
-        AgentOp::keyRequestStatus, AgentOp::keyList, AgentOp::keyRevoke, AgentOp::keyEnvelope, AgentOp::keyEnvFile,
-        AgentOp::proxyUsage, AgentOp::proxyRunEnded}) {
+  for (const AgentOp op : {AgentOp::keyRequest, AgentOp::keyRequestStatus, AgentOp::keyList, AgentOp::keyRevoke,
+                           AgentOp::keyEnvelope, AgentOp::proxyUsage, AgentOp::proxyRunEnded}) {
     const AgentResponse answer = ask(request(op, "KEY", "app"));
     EXPECT_FALSE(answer.ok) << word(op);
     EXPECT_TRUE(answer.errorCode) << word(op);

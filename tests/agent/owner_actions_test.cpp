@@ -8,7 +8,9 @@
 
 #include "agent/copied_value.h"
 #include "agent/owner_action_handlers.h"
+#include "agent/task_sessions.h"
 #include "base/json.h"
+#include "support/doubles.h"
 #include "vault/vault_fixture.h"
 
 namespace sorvane::test {
@@ -20,30 +22,7 @@ using agent::AgentResponse;
 using agent::ApprovalResult;
 using agent::Jobs;
 using agent::Payload;
-
-class MemoryClipboard final : public agent::Clipboard {
- public:
-  bool available() const override { return true; }
-  std::optional<base::SecretText> read() override {
-    const base::Lock lock(mutex_);
-    return text_.clone();
-  }
-  bool write(const base::SecretText& text) override {
-    const base::Lock lock(mutex_);
-    text_ = text.clone();
-    written_.notify_all();
-    return true;
-  }
-  void waitUntilEmpty() {
-    base::Lock lock(mutex_);
-    while (!text_.empty()) written_.wait(lock.mutex());
-  }
-
- private:
-  base::Mutex mutex_;
-  base::Condition written_;
-  base::SecretText text_ GUARDED_BY(mutex_);
-};
+using agent::TaskSessions;
 
 class StandInApplication final : public agent::VaultActions {
  public:
@@ -54,6 +33,24 @@ class StandInApplication final : public agent::VaultActions {
     if (to != "secret-service") throw agent::ActionError("not there");
   }
   std::optional<std::string> moveStore(const std::string&, const Jobs::Step&) override { return "{}"; }
+  std::vector<agent::ClientConnection> clients() override { return {connection_}; }
+  agent::ClientConnection client(const std::string&, const std::string&) override { return connection_; }
+  agent::ClientConnection planClient(const std::string&, const std::string&) override { return connection_; }
+  void connectClient(const agent::ClientConnection&, const ClientGrantToWrite& grant) override {
+    if (fails) throw agent::ActionError("the file is read-only");
+    connection_.grantId = grant.id;
+  }
+  std::string disconnectClient(const std::string&, const std::string&) override { return "restored"; }
+  std::vector<agent::FolderFinding> scan(const std::string&) override {
+    return {{".env", 1, "KEY", "abc......yz", "secret"}};
+  }
+  void removeVault() override {}
+
+  bool fails = false;
+
+ private:
+  agent::ClientConnection connection_{"claude-code", "Claude Code", "",    "file", true, "connected",
+                                      "gone",        false,         false, true,   {}};
 };
 
 class OwnerActions : public VaultFixture {
@@ -94,8 +91,11 @@ class OwnerActions : public VaultFixture {
   agent::ApprovalPolicy policy_{vault()};
   StandInApplication application_;
   MemoryClipboard clipboard_;
+  agent::CopiedValue copied_{clipboard_};
+  agent::TaskSessions sessions_{clock_};
   Jobs jobs_{clock_};
-  agent::OwnerActionHandlers actions_{{vault(), grants_, policy_, jobs_, clipboard_, application_, clock_}};
+  agent::OwnerActionHandlers actions_{
+      {vault(), grants_, policy_, jobs_, clipboard_, copied_, sessions_, application_, clock_}};
   std::vector<std::string> asked_;
   std::function<void()> whileAsked_;
   ApprovalResult answer_ = ApprovalResult::byApplication;
@@ -134,6 +134,13 @@ const std::map<std::string, Payload>& validArguments() {
       {"agentEdit", {{"label", "Editor"}, {"allowReveal", "true"}}},
       {"agentConfirm", {}},
       {"agentRemove", {{"label", "Editor"}}},
+      {"clientStatus", {}},
+      {"clientConnect", {{"client", "claude-code"}}},
+      {"clientRepair", {{"client", "claude-code"}}},
+      {"clientDisconnect", {{"client", "claude-code"}}},
+      {"scan", {{"folder", "/"}}},
+      {"uninstallPlan", {}},
+      {"uninstall", {}},
       {"log", {}},
       {"logUsage", {}},
       {"logRepair", {}},
@@ -217,6 +224,46 @@ TEST_F(OwnerActions, everyActionThatAsksIsCarriedOutAfterAYes) {
   EXPECT_TRUE(vault().records()->secrets.empty());
 }
 
+TEST_F(OwnerActions, aClientsConnectionIsAGrantThatGoesWithItsEntry) {
+  ASSERT_TRUE(act({{"action", "clientConnect"}, {"client", "claude-code"}, {"environment", "app"}}).ok);
+  auto made = grants_.view().grants;
+  ASSERT_EQ(made.size(), 2U);
+  EXPECT_EQ(made.back().label, "Claude Code");
+  EXPECT_EQ(made.back().environment, "app");
+  // A second connection takes the place of the first, with a token of its own.
+  ASSERT_TRUE(act({{"action", "clientRepair"}, {"client", "claude-code"}}).ok);
+  const auto repaired = grants_.view().grants;
+  ASSERT_EQ(repaired.size(), 2U);
+  EXPECT_EQ(repaired.back().environment, "app");
+  EXPECT_NE(repaired.back().tokenHash, made.back().tokenHash);
+  application_.fails = true;
+  EXPECT_EQ(act({{"action", "clientRepair"}, {"client", "claude-code"}}).error, "the file is read-only");
+  EXPECT_EQ(grants_.view().grants.size(), 1U) << "a token that no file holds must not count";
+}
+
+TEST_F(OwnerActions, whatChangesAConnectionEndsItsTaskSessions) {
+  const auto begin = [this] {
+    TaskSessions::NewSession session;
+    session.owner = grants_.view().grants.front().tokenHash;
+    session.client = "Editor";
+    session.environment = "app";
+    session.durationSeconds = 60;
+    session.epoch = sessions_.epoch();
+    session.audit = [](std::string_view) {};
+    sessions_.begin(std::move(session));
+  };
+  for (const Payload& payload : {Payload{{"action", "agentEdit"}, {"label", "Editor"}, {"allowReveal", "true"}},
+                                 Payload{{"action", "agentRemove"}, {"label", "Editor"}}}) {
+    begin();
+    answer_ = ApprovalResult::denied;
+    act(payload);
+    EXPECT_EQ(sessions_.listAll().size(), 1U);
+    answer_ = ApprovalResult::byApplication;
+    EXPECT_TRUE(act(payload).ok);
+    EXPECT_TRUE(sessions_.listAll().empty());
+  }
+}
+
 TEST_F(OwnerActions, whatCannotBeDoneIsRefusedBeforeTheOwnerIsAsked) {
   struct Case {
     Payload payload;
@@ -247,6 +294,13 @@ TEST_F(OwnerActions, whatCannotBeDoneIsRefusedBeforeTheOwnerIsAsked) {
       {{{"action", "gc"}, {"days", "-1"}}, "Choose a nonnegative grace period."},
       {{{"action", "policySet"}, {"policy", "never"}},
        "Choose perRequest, perEnvironment or unlocked. Nothing was changed."},
+      {{{"action", "policySet"}}, "policySet needs policy or approver. Nothing was changed."},
+      {{{"action", "policySet"}, {"approver", "nobody"}},
+       "Choose terminal, system, phone or any. Nothing was changed."},
+      {{{"action", "policySet"}, {"approver", "phone"}},
+       "Nothing on this computer can ask the owner by 'phone' yet, so every request would be denied. Nothing was "
+       "changed. Choose terminal or any."},
+      {{{"action", "scan"}, {"folder", "here"}}, "scan needs an absolute folder. Nothing was read."},
       {{{"action", "storeMove"}, {"to", "elsewhere"}}, "not there"},
       {{{"action", "proxyAnything"}}, "Unsupported proxy action"},
       {{{"action", "keyAnything"}}, "Unsupported key action"},

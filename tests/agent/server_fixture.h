@@ -208,8 +208,11 @@ class ServerFixture : public ::testing::Test {
 
   void begin(std::chrono::milliseconds watchEvery = std::chrono::milliseconds::zero()) {
     server_.reset();
-    agent::Handlers::Ports handlers{vault_, grants_, actions_, runner_, notifier_, {"PATH=/bin", "LANG=C"}, "/", {}};
-    agent::Approvals::Ports approvals{&provider_, system_, [this] { return policy_.load(); }, {}};
+    agent::Handlers::Ports handlers{vault_,    grants_,        actions_,   runner_, notifier_,
+                                    sessions_, keyFiles_,      clipboard_, copied_, {"PATH=/bin", "LANG=C"},
+                                    "/",       folder_.path(), {}};
+    agent::Approvals::Ports approvals{
+        &provider_, system_, [this] { return policy_.load(); }, [this] { return approver_.load(); }, {}, clock_};
     server_ = std::make_unique<agent::AgentServer>(agent::AgentServer::Settings{folder_.path(), watchEvery},
                                                    agent::AgentServer::Ports{files_, handlers, approvals});
     ASSERT_TRUE(server_->start());
@@ -301,16 +304,20 @@ class ServerFixture : public ::testing::Test {
   base::SystemFiles files_;
   MemorySecretStore store_;
   ManualClock clock_;
-  RecordingRevoker revoker_;
-  vault::Vault vault_{folder_.path() / "vault", {files_, store_, clock_, revoker_}};
+  agent::TaskSessions sessions_{clock_};
+  vault::Vault vault_{folder_.path() / "vault", {files_, store_, clock_, sessions_}};
   FakeGrantBook grants_;
   FakeActions actions_;
   FakeHost host_;
   agent::CommandRunner runner_{host_};
+  agent::KeyEnvFiles keyFiles_{folder_.path() / base::kKeyFilesName, files_, clock_, runner_, {"PATH=/bin:/usr/bin"}};
+  MemoryClipboard clipboard_;
+  agent::CopiedValue copied_{clipboard_};
   RecordingNotifier notifier_;
   ScriptedProvider provider_;
   ScriptedSystemPrompt system_;
   std::atomic<agent::AgentApproval> policy_{agent::AgentApproval::perRequest};
+  std::atomic<agent::Approver> approver_{agent::Approver::any};
   std::unique_ptr<agent::AgentServer> server_;
 };
 

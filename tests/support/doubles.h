@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/clipboard.h"
 #include "base/clock.h"
 #include "base/mutex.h"
 #include "vault/revocation.h"
@@ -90,6 +91,31 @@ class MemorySecretStore final : public vault::EnumerableSecretStore {
  private:
   base::Mutex mutex_;
   std::map<std::string, base::SecretText, std::less<>> values_ GUARDED_BY(mutex_);
+};
+
+/// A clipboard in memory.
+class MemoryClipboard final : public agent::Clipboard {
+ public:
+  bool available() const override { return true; }
+  std::optional<base::SecretText> read() override {
+    const base::Lock lock(mutex_);
+    return text_.clone();
+  }
+  bool write(const base::SecretText& text) override {
+    const base::Lock lock(mutex_);
+    text_ = text.clone();
+    written_.notify_all();
+    return true;
+  }
+  void waitUntilEmpty() {
+    base::Lock lock(mutex_);
+    while (!text_.empty()) written_.wait(lock.mutex());
+  }
+
+ private:
+  base::Mutex mutex_;
+  base::Condition written_;
+  base::SecretText text_ GUARDED_BY(mutex_);
 };
 
 /// Remembers what the vault asked to end.

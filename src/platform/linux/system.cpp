@@ -88,6 +88,20 @@ void hardenProcess() {
   }
 }
 
+std::filesystem::path userConfigFolder() {
+  if (const char* config = std::getenv("XDG_CONFIG_HOME"); config != nullptr && *config == '/') return config;
+  if (const char* home = std::getenv("HOME"); home != nullptr && *home == '/') {
+    return std::filesystem::path(home) / ".config";
+  }
+  return {};
+}
+
+std::filesystem::path programPath() {
+  std::error_code unknown;
+  const auto path = std::filesystem::read_symlink("/proc/self/exe", unknown);
+  return unknown ? std::filesystem::path() : path;
+}
+
 std::filesystem::path defaultSupportFolder() {
   // XDG base directories: a relative XDG_DATA_HOME is to be ignored.
   if (const char* data = std::getenv("XDG_DATA_HOME"); data != nullptr && *data == '/') {
