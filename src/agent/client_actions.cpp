@@ -2,6 +2,7 @@
 #include <filesystem>
 #include <map>
 
+#include "agent/handlers.h"
 #include "agent/owner_action_handlers.h"
 #include "agent/task_sessions.h"
 #include "base/date.h"
@@ -153,9 +154,9 @@ ActionPlan OwnerActionHandlers::clientDisconnect(const ActionArguments& argument
 }
 
 ActionPlan OwnerActionHandlers::scan(const ActionArguments& arguments, ActionCall&) {
-  const std::string folder = arguments.need("folder");
-  if (!folder.starts_with('/')) throw ActionError("scan needs an absolute folder. Nothing was read.");
-  return answer([this, folder] {
+  const auto folder = existingFolder(arguments.need("folder"));
+  if (!folder) throw ActionError("scan needs an existing absolute folder. Nothing was read.");
+  return answer([this, folder = *folder] {
     base::JsonWriter out;
     out.beginObject().key("findings").beginArray();
     for (const FolderFinding& finding : ports_.application.scan(folder)) {

@@ -96,12 +96,8 @@ std::string asideName(const std::string& path) {
   return (whole.parent_path() / ("." + whole.filename().string() + ".sorvane-deleting")).string();
 }
 
-/// Deletes the file when its bytes are those of the record. It is moved aside first: what another program writes from
-/// then on goes into a new file, and what it wrote before is seen here.
-void removeUnchanged(base::Files& files, const KeyEnvFiles::Record& record) {
-  const std::string aside = asideName(record.path);
-  // Nothing is there when it was moved or deleted by somebody, or was moved aside when an earlier run stopped.
-  ::renameat(AT_FDCWD, record.path.c_str(), AT_FDCWD, aside.c_str());
+/// Deletes what was moved aside when its bytes are those of the record, else puts it back.
+void settleAside(base::Files& files, const KeyEnvFiles::Record& record, const std::string& aside) {
   bool ours = false;
   try {
     const auto contents = files.read(aside, kMostBytes);
@@ -114,6 +110,15 @@ void removeUnchanged(base::Files& files, const KeyEnvFiles::Record& record) {
     ::unlink(aside.c_str());
   else if (base::renameWithoutReplacing(aside.c_str(), record.path.c_str()) != 0)
     base::diagnose("agent", "a changed key file stays at " + aside);
+}
+
+/// Deletes the file unless it was changed. It is moved aside first: what another program writes from then on goes into
+/// a new file, and what it wrote before is seen here.
+void removeUnchanged(base::Files& files, const KeyEnvFiles::Record& record) {
+  const std::string aside = asideName(record.path);
+  // One that stands aside already was left by a run that stopped just then.
+  settleAside(files, record, aside);
+  if (base::renameWithoutReplacing(record.path.c_str(), aside.c_str()) == 0) settleAside(files, record, aside);
 }
 
 }  // namespace

@@ -27,7 +27,7 @@ const std::map<std::string, std::string, std::less<>> kOutcomes{
 agent::AgentRequest importRequest(const ImportGiven& given) {
   agent::AgentRequest request;
   request.op = agent::AgentOp::importProject;
-  request.directory = std::filesystem::absolute(given.folder).string();
+  request.directory = std::filesystem::absolute(given.folder).lexically_normal().string();
   if (!given.environment.empty()) request.environment = given.environment;
   return request;
 }

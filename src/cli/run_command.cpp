@@ -9,7 +9,7 @@ namespace sorvane::cli {
 namespace {
 
 struct RunGiven {
-  std::string environment, target, directory, timeout;
+  std::string environment, target, directory, timeout, session;
   std::vector<std::string> command;
   bool here = false, noMask = false;
 };
@@ -29,7 +29,8 @@ int run(Session& session, const RunGiven& given) {
   request.payload["command"] = listArgument(given.command);
   if (!given.target.empty()) request.payload["deploymentTarget"] = given.target;
   if (!given.timeout.empty()) request.payload["timeoutSeconds"] = given.timeout;
-  const agent::AgentResponse response = session.send(std::move(request), true);
+  if (!given.session.empty()) request.taskSession = given.session;
+  const agent::AgentResponse response = session.send(std::move(request), given.session.empty());
   const auto document = response.document ? base::parseJson(response.document->view()) : std::nullopt;
   if (session.options().json && document) {
     printJson(*document);
@@ -59,6 +60,8 @@ void Commands::addRun(CLI::App& app) {
   CLI::Option* const here = command.add_flag(
       "--here", given->here, "Run it in this terminal, without a time limit; what it prints is masked on its way");
   here->excludes(timeout);
+  command.add_option("--session", given->session, "Under this task session of the environment, without a question")
+      ->excludes(here);
   command.add_flag("--no-mask", given->noMask, "With --here: nothing is masked; values it prints are shown")
       ->needs(here);
   command.add_option("command", given->command, "The command and its words, after --")->required();

@@ -61,7 +61,7 @@ int begin(Session& session, const BeginGiven& given) {
   const agent::TaskSessionInfo& info = response.sessions->front();
   if (session.options().json) return printJson(documentOf(info)), 0;
   note("The task session with '" + info.environment + "' lasts until " + base::iso8601(info.expiresAt) +
-       ". Its id, which whoever has it under this connection can use:");
+       ". sorvane run ENV --session ID uses it; this is its id:");
   printLine(info.id);
   return 0;
 }

@@ -26,8 +26,12 @@ std::size_t quoteEnd(std::string_view line, std::size_t open) {
 
 bool isFinding(std::string_view key, std::string_view value) {
   if (value.starts_with('$') || value.find("${") != std::string_view::npos || isPlaceholder(value)) return false;
-  // A name says little in a configuration file, where "tokens" and "authors" abound: the value must look like one too.
-  return looksLikeCredential(value) || (isCredential(key, value) && value.size() >= 16 && isCredential("", value));
+  if (looksLikeCredential(value)) return true;
+  // A name alone says little in a configuration file, where "tokens" and "authors" abound: the value must be long too.
+  constexpr std::size_t kLongFrom = 16;
+  const bool marked = isCredential(key, "value");
+  return marked && value.size() >= kLongFrom && value.find_first_of(" \t") == std::string_view::npos &&
+         isCredential(key, value);
 }
 
 void scanLine(std::string_view line, std::size_t number, std::vector<ScanFinding>& findings) {

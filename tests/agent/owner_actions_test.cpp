@@ -300,7 +300,7 @@ TEST_F(OwnerActions, whatCannotBeDoneIsRefusedBeforeTheOwnerIsAsked) {
       {{{"action", "policySet"}, {"approver", "phone"}},
        "Nothing on this computer can ask the owner by 'phone' yet, so every request would be denied. Nothing was "
        "changed. Choose terminal or any."},
-      {{{"action", "scan"}, {"folder", "here"}}, "scan needs an absolute folder. Nothing was read."},
+      {{{"action", "scan"}, {"folder", "here"}}, "scan needs an existing absolute folder. Nothing was read."},
       {{{"action", "storeMove"}, {"to", "elsewhere"}}, "not there"},
       {{{"action", "proxyAnything"}}, "Unsupported proxy action"},
       {{{"action", "keyAnything"}}, "Unsupported key action"},
