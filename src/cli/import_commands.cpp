@@ -64,6 +64,11 @@ void showPlan(const base::Json& plan) {
       note(shortPath(plan, file) + " holds " + name.get<std::string>() + " more than once; the last one counts.");
     }
   }
+  if (!rows.empty()) {
+    printLine(
+        "Comments, placeholders and unsupported lines are skipped. Existing bindings keep their saved values; source "
+        "values are not compared.");
+  }
   for (const base::Json& folder : items(plan, "unreadable")) {
     note("The folder " + folder.get<std::string>() + " could not be read.");
   }
@@ -141,8 +146,8 @@ void Commands::addImport(CLI::App& app) {
   const auto given = std::make_shared<ImportGiven>();
   CLI::App& command = *app.add_subcommand(
       "import",
-      "Import the keys of a folder's .env files that look like credentials (asks). The files are never changed.\n"
-      "Example: sorvane import .");
+      "Pick a folder. sorvane finds .env files and imports the keys that look like credentials. It skips settings such "
+      "as PORT and NODE_ENV. (asks)\nOriginal files are kept. Example: sorvane import .");
   command.add_option("folder", given->folder, "The project's folder")->required();
   command.add_flag("--dry-run", given->dryRun, "Only show what would be imported");
   command.add_option("--env", given->environment, "Put everything into this environment");
