@@ -122,6 +122,9 @@ std::optional<AgentResponse> refusedChange(const Caller& caller, std::string_vie
 
 std::optional<std::string> declaredTarget(const AgentRequest& request);
 
+/// The warning for a variable that a command does not get.
+std::string runControlWarning(std::string_view name);
+
 /// Checks every version that a render would deliver, as far as it can be done without its value. Throws
 /// DeploymentPolicyError.
 void checkTargetsBeforeAsking(const vault::Records& records, const vault::Project& environment,

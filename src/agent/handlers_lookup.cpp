@@ -55,6 +55,10 @@ std::optional<std::string> declaredTarget(const AgentRequest& request) {
   return found->second;
 }
 
+std::string runControlWarning(std::string_view name) {
+  return std::string(name) + ": left out, because it changes how programs run and its binding does not allow that";
+}
+
 void checkTargetsBeforeAsking(const vault::Records& records, const vault::Project& environment,
                               const std::optional<std::string>& target) {
   for (const vault::EnvBinding& binding : environment.bindings) {

@@ -1,6 +1,9 @@
+#include <algorithm>
+
 #include "agent/handlers.h"
 #include "base/unicode.h"
 #include "vault/deployment_policy.h"
+#include "vault/run_control.h"
 #include "vault/secret_store.h"
 
 namespace sorvane::agent {
@@ -51,6 +54,28 @@ AgentResponse rendered(vault::RenderedEnvironment environment) {
 
 }  // namespace
 
+namespace {
+
+/// The lines are for a command that the caller starts by itself.
+bool isForCommand(const AgentRequest& request) {
+  const auto found = request.payload.find("purpose");
+  return found != request.payload.end() && found->second == "command";
+}
+
+/// Takes out what `runEnv` would keep from a command, too.
+void leaveOutRunControl(vault::RenderedEnvironment& environment) {
+  const std::vector<std::string>& allowed = environment.runControlAllowed;
+  std::erase_if(environment.result.lines, [&](const base::SecretText& line) {
+    const std::string_view name = line.view().substr(0, line.view().find('='));
+    if (!vault::isRunControlName(name) || std::find(allowed.begin(), allowed.end(), name) != allowed.end())
+      return false;
+    environment.result.warnings.push_back(runControlWarning(name));
+    return true;
+  });
+}
+
+}  // namespace
+
 AgentResponse Handlers::renderEnv(Call& call) {
   const auto records = ports_.vault.records();
   auto found = environmentOf(*records, call.caller(), environmentNameOf(call.request()));
@@ -75,7 +100,9 @@ AgentResponse Handlers::renderEnv(Call& call) {
     if (!(*now == environment)) return AgentResponse::refused(std::string(kEnvironmentChanged));
   }
   try {
-    return rendered(ports_.vault.render(environment.id, target, values, call.access("agent_render_env")));
+    auto delivered = ports_.vault.render(environment.id, target, values, call.access("agent_render_env"));
+    if (isForCommand(call.request())) leaveOutRunControl(delivered);
+    return rendered(std::move(delivered));
   } catch (const vault::VaultError&) {
     return AgentResponse::refused(std::string(kEnvironmentUnavailable));
   }

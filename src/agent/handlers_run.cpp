@@ -102,8 +102,7 @@ CommandRequest commandRequest(RunPlan plan, Delivered delivered, const std::vect
   std::vector<std::string> taken;
   for (vault::RenderedVariable& variable : delivered.variables) {
     if (vault::isRunControlName(variable.name) && !contains(delivered.runControlAllowed, variable.name)) {
-      command.warnings.push_back(variable.name +
-                                 ": left out, because it changes how programs run and its binding does not allow that");
+      command.warnings.push_back(runControlWarning(variable.name));
       continue;
     }
     taken.push_back(variable.name);

@@ -29,6 +29,7 @@ agent::AgentResponse valuesOf(Session& session, const HereRun& given) {
   agent::AgentRequest request;
   request.op = agent::AgentOp::renderEnv;
   request.environment = given.environment;
+  request.payload["purpose"] = "command";
   if (!given.target.empty()) request.payload["deploymentTarget"] = given.target;
   return session.send(std::move(request), true);
 }

@@ -138,6 +138,14 @@ class RunHere(House):
         process.communicate(timeout=30)
         self.assertEqual((self.folder / "got").read_bytes().decode(), value)
 
+    def test_aVariableThatChangesHowProgramsRunNeedsItsBindingsLeave(self):
+        self.open().furnish()
+        for variable, more in (("PYTHONPATH", {}), ("NODE_OPTIONS", {"runControl": "true"})):
+            self.act("environmentBind", name="shop", variable=variable, secret="shop key", answer="y", **more)
+        out, err = self.piped("sh", "-c", 'echo "${PYTHONPATH-none} $NODE_OPTIONS"').communicate(timeout=30)
+        self.assertEqual(out, f"none {MASK}\n")
+        self.assertIn("PYTHONPATH: left out", err)
+
     def test_withNoMaskTheCommandTakesOurPlaceAndShowsItsValues(self):
         process = self.piped("sh", "-c", 'echo "$$ $SHOP_KEY"', options=("--no-mask",))
         out, _ = process.communicate(timeout=30)

@@ -21,11 +21,11 @@ STATUS = {"version": "0", "supportFolder": "here", "vaultOpen": True, "notices":
 
 
 class StandIn:
-    """Answers in sorvaned's place, with documents for the owner's actions and lists of task sessions for operations."""
+    """Answers in sorvaned's place, with documents for the owner's actions."""
 
-    def __init__(self, house, documents, sessions=None):
-        self.requests, self.asked = [], []
-        self._documents, self._sessions = documents, sessions or {}
+    def __init__(self, house, documents):
+        self.asked = []
+        self._documents = documents
         house.support.mkdir(mode=0o700)
         path = str(house.support / "agent.sock")
         self._listener = socket.socket(socket.AF_UNIX)
@@ -48,9 +48,6 @@ class StandIn:
                     client.sendall(json.dumps(self._answer(json.load(sent))).encode())
 
     def _answer(self, request):
-        self.requests.append(request)
-        if request["op"] != "manageVault":
-            return {"ok": True, "sessions": self._sessions.get(request["op"], []), "value": request["op"] + " was done."}
         self.asked.append(request["payload"])
         action = request["payload"]["action"]
         if action in self._documents:
@@ -231,21 +228,45 @@ class Menu(House):
             self.assertEqual(server.asked[-2], {"action": action, "client": "codex", "project": "/src/shop"})
         self.checkWidth()
 
-    def test_taskSessionsAreBegunAndEnded(self):
-        live = {"id": "6A0D-made-up", "client": "Test agent", "environment": "shop", "startedAt": 0, "expiresAt": 86400}
-        server = StandIn(self, {"status": STATUS, "environmentList": {"environments": [{"name": "shop"}]}},
-                         {"listTaskSessions": [live], "beginTaskSession": [live]})
+    def test_aTaskSessionIsBegunAndEnded(self):
+        self.open().furnish()
         self.begin()
         shown = self.go("Task sessions")
-        self.assertIn("lasts until 2001-01-02T00:00:00Z", " ".join(shown.split()))
-        self.choose(self.entry(shown, "End that of Test agent"))
-        self.assertEqual(server.requests[-2]["taskSession"], live["id"])
-        self.choose(self.entry(shown, "Begin"), then=r"Choice \(Enter: cancel\): $")
+        self.assertIn("No task session is live.", shown)
+        begin = self.entry(shown, "Begin")
+        self.choose(begin, then=r"Choice \(Enter: cancel\): $")
+        self.choose("shop", then=r"\(Enter: 60\): $")
+        self.assertIn("is no number of minutes", self.choose("1h"))
+        self.choose(begin, then=r"Choice \(Enter: cancel\): $")
         self.choose("1", then=r"\(Enter: 60\): $")
         self.choose("90", then=r"Choice .*: $")
-        self.assertIn("Its id is 6A0D-made-up.", self.choose("production"))
-        begun = server.requests[-2]
-        self.assertEqual((begun["environment"], begun["durationSeconds"], begun["payload"]), ("shop", 5400, {"deploymentTarget": "production"}))
+        self.person.type("\n")
+        self.reply("y", "shop", "90 minutes")
+        shown = self.person.wait_for(CHOICE)
+        self.assertIn("The task session lasts until", shown)
+        self.assertIn("No task session is live.", self.choose(self.entry(shown, "End that of")))
+        self.checkWidth()
+
+    def test_aClientIsConnectedAndDisconnectedForReal(self):
+        configuration = self.folder / ".codex" / "config.toml"
+        configuration.parent.mkdir()
+        configuration.write_text("# mine\n")
+        self.open().furnish()
+        self.begin()
+        shown = self.go("Agent connections", "Clients")
+        shown = self.choose("codex")
+        self.choose(self.entry(shown, "Connect"), then=r"\[y/N\] $")
+        self.choose("n", then=r"Choice .*: $")
+        self.choose("shop", then=r"\[y/N\] $")
+        self.person.type("n\n")
+        self.reply("y", "shop")
+        self.assertIn("connected", self.person.wait_for(CHOICE))
+        self.assertIn("sorvane", configuration.read_text())
+        shown = self.choose("codex")
+        self.person.type(self.entry(shown, "Disconnect") + "\n")
+        self.reply("y")
+        self.person.wait_for(CHOICE)
+        self.assertEqual(configuration.read_text(), "# mine\n")
         self.checkWidth()
 
     def test_withoutATerminalTheUsageIsShown(self):
