@@ -208,7 +208,7 @@ class Menu(House):
         self.assertIn("There are no secrets yet.", self.go("Secrets"))
 
     def test_clientsAreConnectedRepairedAndDisconnectedAtTheirPlace(self):
-        entry = {"client": "codex", "name": "Codex", "file": "/home/made-up/.codex/config.toml", "found": True, "autoApprove": True}
+        entry = {"client": "codex", "name": "Codex", "file": "/made-up/.codex/config.toml", "found": True, "autoApprove": True}
         clients = [entry | {"state": "absent"}, entry | {"state": "entryChanged", "label": "Codex", "project": "/src/shop"}]
         server = StandIn(self, {"status": STATUS, "agentList": {"agents": [], "trusted": True}, "clientStatus": {"clients": clients},
                                 "environmentList": {"environments": [{"name": "shop"}]}})
