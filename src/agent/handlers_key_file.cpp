@@ -54,7 +54,9 @@ OperationQuestion fileQuestion(Call& call, const TaskSessionInfo& session, const
                              "'s task session to a file. The file holds sorvane keys only, never real provider keys.";
   }
   question.prompt.subject = session.environment;
-  question.details = {"File: " + place.path, "It is deleted when the session ends. If another program changed it, sorvane leaves it for you to delete."};
+  question.details = {
+      "File: " + place.path,
+      "It is deleted when the session ends. If another program changed it, sorvane leaves it for you to delete."};
   if (place.warning) question.details.push_back(*place.warning);
   return question;
 }

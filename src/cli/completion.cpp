@@ -11,14 +11,16 @@ namespace {
 constexpr std::string_view kBash = R"(_sorvane() {
   local word=${COMP_WORDS[COMP_CWORD]} words=
   case "$COMP_CWORD:${COMP_WORDS[1]}" in
-    1:*) words="status policy secret env export agent settings run log gc store completion --help --version" ;;
+    1:*) words="status policy secret env import scan export agent session mcp settings run log gc store uninstall completion --help --version" ;;
     2:secret) words="add list show edit rotate reveal copy rename rm versions restore limit" ;;
     2:env) words="list show create edit bind unbind move target rename rm" ;;
-    2:agent) words="list add edit rm confirm" ;;
+    2:agent) words="status connect disconnect repair list add edit rm confirm" ;;
+    3:agent) words="claude-code claude-desktop codex cursor vscode windsurf gemini-cli opencode zed" ;;
+    2:session) words="begin list end env" ;;
     2:settings) words="get set" ;;
     2:store) words="show move" ;;
     2:log) words="repair --usage --limit --secret --environment" ;;
-    2:policy) words="per-request per-environment unlocked" ;;
+    2:policy) words="per-request per-environment unlocked approver" ;;
     2:completion) words="bash zsh fish" ;;
     *) words="--json --help" ;;
   esac
@@ -28,10 +30,11 @@ complete -F _sorvane sorvane
 )";
 
 constexpr std::string_view kFish = R"(complete -c sorvane -f
-complete -c sorvane -n __fish_use_subcommand -a "status policy secret env export agent settings run log gc store completion"
+complete -c sorvane -n __fish_use_subcommand -a "status policy secret env import scan export agent session mcp settings run log gc store uninstall completion"
 complete -c sorvane -n "__fish_seen_subcommand_from secret" -a "add list show edit rotate reveal copy rename rm versions restore limit"
 complete -c sorvane -n "__fish_seen_subcommand_from env" -a "list show create edit bind unbind move target rename rm"
-complete -c sorvane -n "__fish_seen_subcommand_from agent" -a "list add edit rm confirm"
+complete -c sorvane -n "__fish_seen_subcommand_from agent" -a "status connect disconnect repair list add edit rm confirm"
+complete -c sorvane -n "__fish_seen_subcommand_from session" -a "begin list end env"
 complete -c sorvane -n "__fish_seen_subcommand_from settings" -a "get set"
 complete -c sorvane -n "__fish_seen_subcommand_from store" -a "show move"
 complete -c sorvane -n "__fish_seen_subcommand_from policy" -a "per-request per-environment unlocked"

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <future>
 #include <thread>
 
@@ -165,6 +166,18 @@ TEST_F(Sessions, manyThreadsNeverGetMoreThanTheLimit) {
   threads.clear();
   EXPECT_EQ(begun, kMaxSessions);
   EXPECT_EQ(sessions_.listAll().size(), kMaxSessions);
+}
+
+TEST_F(Sessions, manyThatComeAndGoLeaveNoThreadAndNoDescriptor) {
+  const auto count = [](const char* folder) {
+    return std::distance(std::filesystem::directory_iterator(folder), std::filesystem::directory_iterator());
+  };
+  for (std::size_t i = 1; i < kMaxSessions; ++i) sessions_.begin(fresh(3600));
+  const auto threads = count("/proc/self/task"), descriptors = count("/proc/self/fd");
+  for (int i = 0; i < 10'000; ++i) sessions_.end(sessions_.begin(fresh()).id, "a");
+  EXPECT_EQ(count("/proc/self/task"), threads);
+  EXPECT_EQ(count("/proc/self/fd"), descriptors);
+  EXPECT_EQ(sessions_.listAll().size(), kMaxSessions - 1);
 }
 
 TEST(DeadlineTimer, callsWhenTheInstantHasPassedAndAgainWhenArmedAgain) {

@@ -4,6 +4,7 @@ import re
 import subprocess
 
 from house import PROGRAMS, VALUE, House, wait_until
+from terminal import Terminal
 
 
 class Agent:
@@ -134,3 +135,21 @@ class Agents(House):
         self.assertEqual(list((self.support / "clients").iterdir()), [])
         self.assertIn("No agent is connected.", self.sorvane("agent", "list")[1])
         self.assertEqual(self.sorvane("uninstall", "--with-vault")[0], 2, "nobody could type the word")
+
+    def test_theVaultIsDeletedOnlyAfterTheWordWasTyped(self):
+        self.connected()
+        line = [str(PROGRAMS / "sorvane"), "--support-dir", str(self.support), "uninstall", "--with-vault"]
+        person = Terminal(line, self.environment())
+        person.wait_for("to go on: ")
+        person.type("yes\n")
+        self.assertEqual(person.end(None), 1)
+        self.assertTrue((self.support / "vault").exists())
+        person = Terminal(line, self.environment())
+        person.wait_for("to go on: ")
+        person.type("delete\n")
+        self.reply("y", "delete the vault")
+        self.assertEqual(person.end(None), 0)
+        self.assertIn("The vault was deleted.", person.text())
+        self.assertEqual(self.close(None), 0, "sorvaned ends by itself")
+        self.assertFalse((self.support / "vault").exists())
+        self.assertFalse(self.config.exists())
