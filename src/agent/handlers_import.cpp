@@ -20,14 +20,12 @@ std::string_view word(Importer::Outcome outcome) {
   switch (outcome) {
     case Importer::Outcome::create:
       return "new";
-    case Importer::Outcome::reuse:
-      return "reused";
+    case Importer::Outcome::exists:
+      return "exists";
     case Importer::Outcome::newVersion:
       return "newVersion";
     case Importer::Outcome::unchanged:
       return "unchanged";
-    case Importer::Outcome::conflict:
-      return "conflict";
     case Importer::Outcome::excluded:
       return "excluded";
     case Importer::Outcome::runControl:
@@ -91,7 +89,7 @@ OperationQuestion importQuestion(Call& call, const Importer::Plan& plan, bool na
     std::size_t count = 0;
     for (const Importer::PlannedKey& key : file.keys) {
       if (key.outcome == Importer::Outcome::newVersion) replaced += (replaced.empty() ? "" : ", ") + key.name;
-      if (key.outcome != Importer::Outcome::create && key.outcome != Importer::Outcome::reuse) continue;
+      if (key.outcome != Importer::Outcome::create && key.outcome != Importer::Outcome::exists) continue;
       if (++count <= kMostNamesShown) names += (names.empty() ? "" : ", ") + key.name;
     }
     if (count > kMostNamesShown) names += " and " + std::to_string(count - kMostNamesShown) + " more";
@@ -115,13 +113,14 @@ std::vector<std::string> namesIn(const Payload& payload, std::string_view field)
   return names;
 }
 
-bool hasOnlyKnown(const Importer::Plan& plan) {
+std::string namesOf(const Importer::Plan& plan, Importer::Outcome outcome) {
+  std::string names;
   for (const Importer::PlannedFile& file : plan.files) {
     for (const Importer::PlannedKey& key : file.keys) {
-      if (key.outcome == Importer::Outcome::conflict || key.outcome == Importer::Outcome::tooLarge) return false;
+      if (key.outcome == outcome) names += (names.empty() ? "" : ", ") + key.name;
     }
   }
-  return true;
+  return names;
 }
 
 std::string sentenceOf(const Importer::Report& report) {
@@ -171,15 +170,17 @@ AgentResponse Handlers::importProject(Call& call) {
   if (plan.summary().likelySecrets == 0) {
     return AgentResponse::refused("no credential-shaped keys found in .env files under " + *folder);
   }
-  if (!plan.importsAnything() && hasOnlyKnown(plan)) {
+  if (!plan.importsAnything()) {
+    if (const std::string tooLarge = namesOf(plan, Importer::Outcome::tooLarge); !tooLarge.empty()) {
+      return AgentResponse::refused("Values over 4 KB cannot be stored, so nothing was imported: " + tooLarge +
+                                    ". Every other key is already in the vault.");
+    }
     return AgentResponse::refused("nothing new: every key under " + *folder + " is already in the vault");
   }
-  if (plan.importsAnything()) {
-    if (call.denied(importQuestion(call, plan, options.environment.has_value()))) {
-      return AgentResponse::refused(std::string(kApprovalDenied));
-    }
-    ports_.vault.log(call.access("agent_import_project"));
+  if (call.denied(importQuestion(call, plan, options.environment.has_value()))) {
+    return AgentResponse::refused(std::string(kApprovalDenied));
   }
+  ports_.vault.log(call.access("agent_import_project"));
   const Importer::Report report = importer.apply(std::move(plan));
   if (report.bindings > 0 || report.secretsCreated > 0) {
     changed("sorvane · project imported", "imported keys from a folder: " + shownShort(*folder));

@@ -17,9 +17,8 @@ struct ImportGiven {
 
 const std::map<std::string, std::string, std::less<>> kOutcomes{
     {"new", "new secret"},
-    {"reused", "the secret is there already"},
+    {"exists", "a secret of this name exists; used when it holds this value"},
     {"unchanged", "bound already, kept"},
-    {"conflict", "a secret of this name holds another value"},
     {"excluded", "no credential"},
     {"runControl", "changes how programs start"},
     {"tooLarge", "over 4 KB"}};
@@ -74,15 +73,15 @@ void showPlan(const base::Json& plan) {
   }
 }
 
-/// Keys whose secret holds another value, which the person at the terminal wants replaced.
+/// Keys whose secret gets the file's value when it holds another one, as the person at the terminal chooses.
 std::vector<std::string> chosenNewVersions(const base::Json& plan) {
   std::vector<std::string> chosen;
   for (const base::Json& file : items(plan, "files")) {
     for (const base::Json& key : items(file, "keys")) {
-      if (cell(key, "outcome") != "conflict") continue;
+      if (cell(key, "outcome") != "exists") continue;
       const std::string name = cell(key, "name");
-      if (confirmed("The secret " + name + " holds another value than " + shortPath(plan, file) +
-                    ". Give it this one as a new version?")) {
+      if (confirmed("There is a secret " + name + ". If it holds another value than " + shortPath(plan, file) +
+                    ", give it this one as a new version?")) {
         chosen.push_back(name);
       }
     }

@@ -20,7 +20,7 @@ constexpr std::string_view kNotBound =
 constexpr std::string_view kNotText = "This file is not text, so nothing of it was read.";
 
 bool isImported(Importer::Outcome outcome) {
-  return outcome == Importer::Outcome::create || outcome == Importer::Outcome::reuse ||
+  return outcome == Importer::Outcome::create || outcome == Importer::Outcome::exists ||
          outcome == Importer::Outcome::newVersion;
 }
 
@@ -102,10 +102,8 @@ Importer::Outcome Importer::outcomeOf(const PlannedKey& key, const PlannedFile& 
   const Project* const project = records.projectByName(file.environment);
   if (project != nullptr && project->find(key.name) != nullptr) return Outcome::unchanged;
   if (key.value.size() > kMaxValueBytes) return Outcome::tooLarge;
-  const Secret* const secret = records.secretByName(key.name);
-  if (secret == nullptr) return Outcome::create;
-  if (vault_.currentValueIs(secret->id, key.value)) return Outcome::reuse;
-  return contains(options.newVersions, key.name) ? Outcome::newVersion : Outcome::conflict;
+  if (records.secretByName(key.name) == nullptr) return Outcome::create;
+  return contains(options.newVersions, key.name) ? Outcome::newVersion : Outcome::exists;
 }
 
 void Importer::sort(PlannedFile& file, const Options& options, const Records& records, Plan& plan) {
@@ -114,7 +112,6 @@ void Importer::sort(PlannedFile& file, const Options& options, const Records& re
     key.outcome = outcomeOf(key, file, options, records);
     if (key.outcome == Outcome::runControl) ++plan.runControl;
     if (key.outcome == Outcome::excluded && isPlaceholder(key.value.view())) ++plan.placeholders;
-    // A first file of this plan may bring the same key; the values decide.
     if (!isImported(key.outcome)) key.value = {};
   }
 }
@@ -151,6 +148,10 @@ Importer::Plan Importer::plan(const std::string& folder, const Options& options)
 std::string Importer::store(PlannedKey& key, Report& report) {
   const auto records = vault_.records();
   const Secret* const secret = records->secretByName(key.name);
+  if (secret != nullptr && vault_.currentValueIs(secret->id, key.value)) {
+    ++report.secretsReused;
+    return secret->id;
+  }
   if (secret != nullptr && key.outcome == Outcome::newVersion) {
     NewVersion version;
     version.value = std::move(key.value);
@@ -158,12 +159,8 @@ std::string Importer::store(PlannedKey& key, Report& report) {
     ++report.secretsCreated;
     return secret->id;
   }
-  if (secret != nullptr) {
-    // Another file of this plan, or somebody else meanwhile, may have made it.
-    if (!vault_.currentValueIs(secret->id, key.value)) throw VaultError(std::string(kNameTaken));
-    ++report.secretsReused;
-    return secret->id;
-  }
+  // Another file of this plan, or somebody else meanwhile, may have made it.
+  if (secret != nullptr) throw VaultError(std::string(kNameTaken));
   NewSecret made;
   made.name = key.name;
   made.first.value = std::move(key.value);
@@ -215,7 +212,7 @@ Importer::Report Importer::apply(Plan plan) {
     for (PlannedKey& key : file.keys) {
       switch (key.outcome) {
         case Outcome::create:
-        case Outcome::reuse:
+        case Outcome::exists:
         case Outcome::newVersion:
           try {
             stored.emplace_back(key.name, store(key, report));
@@ -227,9 +224,6 @@ Importer::Report Importer::apply(Plan plan) {
           break;
         case Outcome::unchanged:
           outcome.unchanged.push_back(key.name);
-          break;
-        case Outcome::conflict:
-          fail(outcome, key.name, kNameTaken);
           break;
         case Outcome::tooLarge:
           fail(outcome, key.name, kTooLarge);

@@ -13,8 +13,9 @@
 namespace sorvane::vault {
 
 /// Importer turns the keys of a folder's .env files that look like credentials into secrets and environments. `plan`
-/// reads every file once; `apply` uses what was read then, so that what an owner allowed is what is done. The files are
-/// never changed. One thread.
+/// reads every file once; `apply` uses what was read then, so that what an owner allowed is what is done. A plan tells
+/// nothing about values in the vault: they are compared when it is applied, so that guesses cannot be tried unasked.
+/// The files are never changed. One thread.
 class Importer {
  public:
   /// What came of one file. Lists hold key names.
@@ -41,10 +42,9 @@ class Importer {
 
   enum class Outcome {
     create,      ///< a new secret
-    reuse,       ///< a secret of that name holds this value
-    newVersion,  ///< the owner chose to give the secret of that name this value
+    exists,      ///< there is a secret of that name: it is used when it holds this value, else the key fails
+    newVersion,  ///< the same, but the owner chose to give the secret this value
     unchanged,
-    conflict,  ///< a secret of that name holds another value
     excluded,
     runControl,
     tooLarge

@@ -234,6 +234,8 @@ TEST_F(Imports, keysThatLookLikeCredentialsBecomeSecretsOfTheFoldersEnvironment)
   EXPECT_THAT(provider_.asked.all(), IsEmpty());
   EXPECT_EQ(std::string(plan.document->view()).find("made"), std::string::npos) << "a plan holds no values";
   EXPECT_EQ(documentOf(plan)["files"][1]["proposedTarget"], "staging");
+  EXPECT_EQ(documentOf(plan)["files"][0]["keys"][4]["outcome"], "exists")
+      << "whether the value is the same is not told";
 
   const AgentResponse done = import();
   ASSERT_TRUE(done.ok) << done.error.value_or("");
