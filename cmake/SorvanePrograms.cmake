@@ -51,4 +51,6 @@ if(SORVANE_FUZZ)
     target_link_options(${target} PRIVATE -fsanitize=fuzzer)
     add_dependencies(fuzzers ${target})
   endforeach()
+  # The helper program is no library; its decoder is compiled into the target.
+  target_sources(mcp_line_fuzz PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src/cli/mcp_frame.cpp)
 endif()
