@@ -120,10 +120,11 @@ void showClipboard(const AgentResponse& response, Shown& shown) {
   out.field("suggestedName", peek.suggestedName).field("kind", peek.kind).field("masked", peek.masked);
   out.field("fingerprint", peek.fingerprint).field("note", peek.note).endObject();
   if (!peek.detected) return shown.line(peek.note.value_or("Nothing credential-shaped is on the clipboard."));
-  shown.line("The clipboard holds " + peek.kind.value_or("a credential") + ", " + peek.masked.value_or("masked") + ".");
+  shown.line("The clipboard holds a credential: " + peek.kind.value_or("of an unknown kind") + ", " +
+             peek.masked.value_or("masked") + ".");
   if (peek.note) shown.line(*peek.note);
-  shown.line("Agree on a name with the user (suggested: " + peek.suggestedName.value_or("none") +
-             "), then call capture_clipboard with it and the fingerprint " + peek.fingerprint.value_or("") + ".");
+  if (peek.suggestedName) shown.line("Suggested name: " + *peek.suggestedName);
+  if (peek.fingerprint) shown.line("Fingerprint: " + *peek.fingerprint);
 }
 
 void showText(const AgentResponse& response, Shown& shown) {

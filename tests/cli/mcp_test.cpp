@@ -306,11 +306,12 @@ TEST_F(McpHouse, answersBecomeResults) {
     EXPECT_EQ(result["isError"], !c.response.is_object() || !c.response["ok"]);
   }
   call(1, "peek_clipboard");
-  const json peek{{"detected", true}, {"kind", "a Stripe key"}, {"masked", "sk_…9f"}, {"fingerprint", "f0"}};
+  const json peek{{"detected", true}, {"kind", "Stripe key"}, {"masked", "sk_…9f"}, {"fingerprint", "f0"}};
   sorvaned_.next().answer({{"ok", true}, {"clipboard", peek}});
   const json result = heard()["result"];
   EXPECT_EQ(result["structuredContent"], peek);
-  EXPECT_NE(result["content"][0]["text"].get<std::string>().find("a Stripe key, sk_…9f."), std::string::npos);
+  EXPECT_NE(result["content"][0]["text"].get<std::string>().find("a credential: Stripe key, sk_…9f.\nFingerprint: f0"),
+            std::string::npos);
 }
 
 TEST_F(McpHouse, aCancelledCallIsWithdrawnAndNeverAnswered) {

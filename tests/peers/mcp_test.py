@@ -102,6 +102,8 @@ class OfficialClients(House):
     def test_each_client_runs_a_command_and_never_sees_the_value(self):
         for kind, version in ERAS.items():
             with self.subTest(kind):
+                # A connection of its own: three refusals in a minute would be too many for one.
+                self.token = self.act("agentAdd", label=kind, answer="y")["value"]
                 peer = self.peer(kind)
                 self.assertEqual(peer.connected["server"]["name"], "sorvane")
                 if kind != "handshake-v1":  # which does not tell
@@ -126,6 +128,26 @@ class OfficialClients(House):
                 self.assertTrue(peer.ask("list_secrets")["result"]["isError"])
                 self.assertEqual(peer.ask("no_such_tool")["code"], -32602)
                 self.assertEqual(peer.close(), 0)
+
+    def test_a_task_session_is_asked_for_once(self):
+        peer = self.peer("stateless")
+        peer.call(1, "begin_task_session", environment="shop", durationSeconds=60)
+        self.reply("y", "1 minute")
+        session = peer.heard()["result"]["structuredContent"]["session"]
+        listed = peer.ask("list_task_sessions")["result"]["structuredContent"]["sessions"]
+        self.assertEqual([session], listed)
+        ran = peer.ask("run_with_env", taskSession=session["id"], command=["sh", "-c", 'test -n "$SHOP_KEY"'])
+        self.assertEqual(ran["result"]["structuredContent"]["exitCode"], 0)
+        refused = peer.ask("write_key_env_file", taskSession=session["id"])["result"]
+        self.assertTrue(refused["content"][0]["text"].startswith("no_keys: "), refused)
+        self.assertFalse(peer.ask("end_task_session", taskSession=session["id"])["result"]["isError"])
+        self.assertTrue(peer.ask("run_with_env", taskSession=session["id"], command=["true"])["result"]["isError"])
+        project = self.folder / "project"
+        project.mkdir()
+        (project / ".env").write_text(f"PAY_SECRET_KEY={VALUE}{VALUE}\n")
+        report = peer.ask("import_project", directory=str(project), dryRun=True)["result"]
+        self.assertEqual(report["structuredContent"]["files"][0]["keys"][0]["name"], "PAY_SECRET_KEY")
+        self.assertNotIn(VALUE, json.dumps(report))
 
     def test_progress_is_told_and_a_cancellation_withdraws_the_question(self):
         peers = [self.peer(kind) for kind in ("handshake-v1", "stateless")]
