@@ -337,6 +337,16 @@ TEST_F(McpHouse, aCancelledCallIsWithdrawnAndNeverAnswered) {
   EXPECT_TRUE(lines_.empty());
 }
 
+TEST_F(McpHouse, callsThatWaitInAFullQueueAreWithdrawnToo) {
+  McpServer::Settings settings;
+  settings.maxCalls = 100;
+  start(std::move(settings));
+  // Nobody accepts, and the stand-in's queue holds 32.
+  for (int i = 0; i < 40; ++i) call(i, "list_environments");
+  server_.reset();
+  EXPECT_TRUE(lines_.empty());
+}
+
 TEST_F(McpHouse, tellsProgressUntilTheAnswerToWhoAskedForIt) {
   McpServer::Settings settings;
   settings.progressEvery = 2ms;
