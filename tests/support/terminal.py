@@ -22,7 +22,7 @@ class Timeout(Exception):
 class Terminal:
     """Starts `command` as the leader of a session whose controlling terminal is new. A thread reads what it shows."""
 
-    def __init__(self, command, environment, folder="/"):
+    def __init__(self, command, environment, folder="/", size=None):
         self._changed = threading.Condition()
         self._raw = b""
         self._read = 0  # characters of text() that waits have consumed
@@ -31,6 +31,8 @@ class Terminal:
         self.pid, self._master = os.forkpty()
         if self.pid == 0:
             try:
+                if size:  # rows and columns, before the program can look
+                    fcntl.ioctl(0, termios.TIOCSWINSZ, struct.pack("HHHH", *size, 0, 0))
                 os.chdir(folder)
                 os.execve(command[0], command, environment)
             finally:

@@ -18,9 +18,7 @@ class RunHere(House):
         """The command on a terminal of its own, with the owner's yes given."""
         if not self.owner:
             self.open().furnish()
-        person = Terminal(self.line(*words, options=options), self.environment())
-        if size:
-            person.resize(*size)
+        person = Terminal(self.line(*words, options=options), self.environment(), size=size)
         self.reply("y", "shop", "every value")
         return person
 

@@ -60,8 +60,7 @@ class Menu(House):
         return [str(PROGRAMS / "sorvane"), "--support-dir", str(self.support)]
 
     def sit_down(self, columns=COLUMNS):
-        person = Terminal(self.line(), self.environment(), folder=str(self.folder))
-        person.resize(24, columns)
+        person = Terminal(self.line(), self.environment(), folder=str(self.folder), size=(24, columns))
         self.person = person
         self.addCleanup(person.end)
         return person
