@@ -23,6 +23,7 @@ NPM = shutil.which("npm")
 INSTALLED = PROGRAMS / "peers" / "mcp"
 NODE = INSTALLED / "node_modules" / ".bin" / "node"
 SORVANE = str(PROGRAMS / "sorvane")
+UNREACHABLE = ("ENOTFOUND", "EAI_AGAIN", "ECONNREFUSED", "ECONNRESET", "ETIMEDOUT", "ENETUNREACH", "E403", "E404", "E50")
 ERAS = {"handshake-v1": "2025-11-25", "handshake": "2025-11-25", "stateless": "2026-07-28", "auto": "2026-07-28"}
 
 
@@ -36,6 +37,8 @@ def install():
         for name in ("package.json", "package-lock.json", ".npmrc"):
             shutil.copy2(HERE / "mcp" / name, INSTALLED)
         done = subprocess.run([NPM, "ci"], cwd=INSTALLED, capture_output=True, text=True, timeout=400)
+        if done.returncode != 0 and any(word in done.stderr for word in UNREACHABLE):
+            raise unittest.SkipTest("the registry of npm's packages cannot be reached: " + done.stderr[-400:])
         if done.returncode != 0:
             raise RuntimeError("npm ci failed:\n" + done.stderr[-4000:])
         mark.write_text(digest.hexdigest())
@@ -193,9 +196,11 @@ class OfficialClients(House):
 
 def main():
     result = unittest.TextTestRunner(verbosity=2).run(unittest.defaultTestLoader.loadTestsFromTestCase(OfficialClients))
-    if not result.wasSuccessful() or result.testsRun == 0:
+    if not result.wasSuccessful():
         return 1
-    return 77 if result.skipped else 0
+    if result.skipped:
+        return 77
+    return 0 if result.testsRun else 1
 
 
 if __name__ == "__main__":
