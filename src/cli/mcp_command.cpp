@@ -137,7 +137,11 @@ void Commands::addMcp(CLI::App& app) {
       "The agent's own configuration starts this; sorvane agent connect writes it. The token of its connection is in\n"
       "SORVANE_MCP_TOKEN, or in the support folder under the id that --grant names.");
   command.add_option("--grant", *grant, "Id of the connection whose token the support folder keeps");
-  command.callback([this, grant] { action = [grant](Session& session) { return runServer(session, *grant); }; });
+  command.callback([this, grant] {
+    // Standard output belongs to the protocol: a refusal goes to standard error alone.
+    options.json = false;
+    action = [grant](Session& session) { return runServer(session, *grant); };
+  });
 }
 
 }  // namespace sorvane::cli

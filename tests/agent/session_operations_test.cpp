@@ -359,6 +359,39 @@ TEST_F(SessionOperations, aConnectionThatAsksTooMuchIsHeldBackAndOthersAreNot) {
   EXPECT_EQ(ask(granted(beginning(), "scoped")).error, "approval denied") << "asked again";
 }
 
+TEST_F(SessionOperations, fiveQuestionsOfAConnectionMayWaitAndNoMore) {
+  provider_.answer = untilWithdrawn;
+  std::vector<std::thread> waiting;
+  for (std::size_t i = 0; i < agent::kMostWaiting; ++i) {
+    waiting.emplace_back([this] { ask(granted(beginning(), "scoped")); });
+  }
+  provider_.asked.waitFor(agent::kMostWaiting);
+  EXPECT_THAT(ask(granted(beginning(), "scoped")).error.value(),
+              StartsWith("Five requests of this agent connection are waiting for the owner already."));
+  server_->stop();
+  for (std::thread& thread : waiting) thread.join();
+}
+
+TEST_F(SessionOperations, aRememberedApprovalHoldsForTheCallerThatGotItAlone) {
+  policy_ = agent::AgentApproval::perEnvironment;
+  provider_.answer = [](const Asked&) { return std::optional<bool>(); };
+  system_.reply = {true, {}};
+  const auto runs = [this](std::string_view token) {
+    AgentRequest made = request(AgentOp::runEnv, {}, "app");
+    made.payload = command_;
+    made.hasPayload = true;
+    if (!token.empty()) made.token = base::SecretText(token);
+    EXPECT_TRUE(ask(made).ok);
+    return system_.asked.all().size();
+  };
+  EXPECT_EQ(runs("scoped"), 1U);
+  EXPECT_EQ(runs("scoped"), 1U);
+  EXPECT_EQ(runs("open"), 2U);
+  // The controller's holds for what this test's own parent started.
+  EXPECT_EQ(runs(""), 3U);
+  EXPECT_EQ(runs(""), 3U);
+}
+
 TEST_F(SessionOperations, whoseYesCountsIsThePolicys) {
   approver_ = agent::Approver::system;
   EXPECT_EQ(ask(granted(beginning(), "scoped")).error, "approval denied");
