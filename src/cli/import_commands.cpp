@@ -146,7 +146,7 @@ void Commands::addImport(CLI::App& app) {
   CLI::App& command = *app.add_subcommand(
       "import",
       "Pick a folder. sorvane finds .env files and imports the keys that look like credentials. It skips settings such "
-      "as PORT and NODE_ENV. (asks)\nOriginal files are kept. Example: sorvane import .");
+      "as PORT and NODE_ENV.\nIt asks; original files are kept. Example: sorvane import .");
   command.add_option("folder", given->folder, "The project's folder")->required();
   command.add_flag("--dry-run", given->dryRun, "Only show what would be imported");
   command.add_option("--env", given->environment, "Put everything into this environment");

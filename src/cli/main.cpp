@@ -80,7 +80,9 @@ int runProgram(int count, char** words) {
       "  sorvane secret add STRIPE_KEY\n"
       "  sorvane env create Development --folder ~/src/shop\n"
       "  sorvane env bind Development STRIPE_KEY STRIPE_KEY\n"
-      "  sorvane run Development -- npm test\n\n"
+      "  sorvane run Development -- npm test\n"
+      "  sorvane import .\n"
+      "  sorvane agent connect claude-code --env Development\n\n"
       "Exit codes: the command's own from run; 2 wrong command line, 69 sorvaned is not running, 75 locked or busy,\n"
       "77 denied, 78 wrong configuration, 1 anything else.");
   // A person at a terminal who names no command gets the menu; a program gets the usage.
