@@ -3,7 +3,6 @@
 #include <algorithm>
 #include <array>
 #include <cctype>
-#include <set>
 #include <vector>
 
 #include "base/unicode.h"
@@ -58,7 +57,20 @@ constexpr std::array kKinds{Kind{"sk-ant-", "Anthropic key", "ANTHROPIC_API_KEY"
                             Kind{"github_pat_", "GitHub token", "GITHUB_TOKEN"},
                             Kind{"ghp_", "GitHub token", "GITHUB_TOKEN"},
                             Kind{"gho_", "GitHub token", "GITHUB_TOKEN"},
+                            Kind{"ghu_", "GitHub token", "GITHUB_TOKEN"},
+                            Kind{"ghs_", "GitHub token", "GITHUB_TOKEN"},
+                            Kind{"ghr_", "GitHub token", "GITHUB_TOKEN"},
+                            Kind{"npm_", "npm token", "NPM_TOKEN"},
+                            Kind{"hf_", "Hugging Face token", "HF_TOKEN"},
+                            Kind{"ASIA", "AWS access key", "AWS_ACCESS_KEY_ID"},
                             Kind{"glpat-", "GitLab token", "GITLAB_TOKEN"},
+                            Kind{"gldt-", "GitLab token", "GITLAB_TOKEN"},
+                            Kind{"glrt-", "GitLab token", "GITLAB_TOKEN"},
+                            Kind{"glft-", "GitLab token", "GITLAB_TOKEN"},
+                            Kind{"xapp-", "Slack token", "SLACK_APP_TOKEN"},
+                            Kind{"dop_v1_", "DigitalOcean token", "DIGITALOCEAN_TOKEN"},
+                            Kind{"doo_v1_", "DigitalOcean token", "DIGITALOCEAN_TOKEN"},
+                            Kind{"rubygems_", "RubyGems key", "GEM_HOST_API_KEY"},
                             Kind{"sk_", "Stripe key", "STRIPE_SECRET_KEY"},
                             Kind{"rk_", "Stripe key", "STRIPE_RESTRICTED_KEY"},
                             Kind{"pk_", "Stripe key", "STRIPE_PUBLISHABLE_KEY"},
@@ -71,8 +83,7 @@ constexpr std::array kKinds{Kind{"sk-ant-", "Anthropic key", "ANTHROPIC_API_KEY"
                             Kind{"re_", "Resend key", "RESEND_API_KEY"},
                             Kind{"phc_", "PostHog key", "POSTHOG_API_KEY"},
                             Kind{"shpat_", "Shopify token", "SHOPIFY_ACCESS_TOKEN"},
-                            Kind{"eyJ", "JSON web token", ""},
-                            Kind{"-----BEGIN", "private key", ""}};
+                            Kind{"eyJ", "JSON web token", ""}};
 
 std::string mapped(std::string_view text, int (*to)(int)) {
   std::string out(text);
@@ -103,29 +114,60 @@ bool isFilePath(std::string_view value) {
          value.find_first_of("=+") == std::string_view::npos;
 }
 
-bool hasShape(std::string_view value) {
-  if (value.size() < kShortestShape || value.starts_with("http")) return false;
-  return std::all_of(value.begin(), value.end(), [](char c) {
-    return std::isalnum(static_cast<unsigned char>(c)) || std::string_view("_-./+=").find(c) != std::string_view::npos;
-  });
+bool isShapeCharacter(char c) {
+  return std::isalnum(static_cast<unsigned char>(c)) || std::string_view("_-./+=").find(c) != std::string_view::npos;
 }
 
-/// Whether letters and digits are mixed as chance does it: no hash, no identifier, no words.
-bool looksRandom(std::string_view value) {
-  bool upper = false, lower = false, digit = false, beyondHex = false;
-  std::size_t run = 0, longestRun = 0;
-  for (const char c : value) {
+bool hasShape(std::string_view value) {
+  return value.size() >= kShortestShape && !value.starts_with("http") &&
+         std::all_of(value.begin(), value.end(), isShapeCharacter);
+}
+
+/// Commit ids, digests and UUIDs have the shape of a key and are none.
+bool isIdentifier(std::string_view value) {
+  return std::all_of(value.begin(), value.end(),
+                     [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) || c == '-'; });
+}
+
+/// A run of letters and digits as chance makes it: long, mixed, and not all hexadecimal in one case, since digests and
+/// commit ids are.
+bool isRandomRun(std::string_view run) {
+  constexpr std::size_t kShortestRun = 16;
+  std::size_t digits = 0, uppers = 0, lowers = 0, beyondHex = 0;
+  for (const char c : run) {
     const auto byte = static_cast<unsigned char>(c);
-    upper = upper || std::isupper(byte);
-    lower = lower || std::islower(byte);
-    digit = digit || std::isdigit(byte);
-    beyondHex = beyondHex || (!std::isxdigit(byte) && c != '-');
-    run = std::islower(byte) ? run + 1 : 0;
-    longestRun = std::max(longestRun, run);
+    if (std::isdigit(byte)) ++digits;
+    if (std::isupper(byte)) ++uppers;
+    if (std::islower(byte)) ++lowers;
+    if (!std::isxdigit(byte)) ++beyondHex;
   }
-  const std::set<char> distinct(value.begin(), value.end());
-  if (!digit || !beyondHex || distinct.size() < 10 || !(upper || lower)) return false;
-  return (upper && lower) || longestRun < 6;
+  return run.size() >= kShortestRun && digits >= 2 && uppers + lowers >= 4 &&
+         (beyondHex > 0 || (uppers > 0 && lowers > 0));
+}
+
+/// Whether some part of the value between separators looks random: words, versions, UUIDs and paths have none such.
+bool looksRandom(std::string_view value) {
+  while (!value.empty()) {
+    const std::size_t end = std::min(value.find_first_of("-._/"), value.size());
+    if (isRandomRun(value.substr(0, end))) return true;
+    value.remove_prefix(std::min(end + 1, value.size()));
+  }
+  return false;
+}
+
+/// A known beginning with a body behind it. What merely begins so is words between separators, without a digit.
+bool isPrefixedKey(std::string_view value) {
+  const auto kind =
+      std::find_if(kKinds.begin(), kKinds.end(), [&](const Kind& each) { return value.starts_with(each.prefix); });
+  if (kind == kKinds.end() || value.size() < kShortestPrefixed) return false;
+  const std::string_view body = value.substr(kind->prefix.size());
+  const bool words = body.find_first_of("0123456789") == std::string_view::npos &&
+                     body.find_first_of("-_./") != std::string_view::npos;
+  return !words && std::all_of(body.begin(), body.end(), isShapeCharacter);
+}
+
+bool isPrivateKey(std::string_view value) {
+  return value.starts_with("-----BEGIN ") && value.find("PRIVATE KEY-----") != std::string_view::npos;
 }
 
 }  // namespace
@@ -148,17 +190,16 @@ bool isCredential(std::string_view key, std::string_view given) {
   if (isFilePath(value)) return false;
   const bool marked = std::any_of(kMarkers.begin(), kMarkers.end(),
                                   [&](std::string_view marker) { return name.find(marker) != std::string::npos; });
-  return marked || beginsWithOne(value, kPrefixes) || hasShape(value);
+  return marked || beginsWithOne(value, kPrefixes) || (hasShape(value) && !isIdentifier(value));
 }
 
 bool looksLikeCredential(std::string_view given) {
   const std::string_view value = base::trimmed(given);
-  if (value.starts_with("-----BEGIN")) return value.find("PRIVATE KEY-----") != std::string_view::npos;
+  if (isPrivateKey(value)) return true;
   if (value.find_first_of(" \t\r\n") != std::string_view::npos || isPlaceholder(value)) return false;
   if (value.find("${") != std::string_view::npos || value.find("EXAMPLE") != std::string_view::npos) return false;
   if (holdsPassword(value)) return true;
-  if (beginsWithOne(value, kPrefixes) && value.size() >= kShortestPrefixed) return true;
-  return hasShape(value) && !isFilePath(value) && looksRandom(value);
+  return isPrefixedKey(value) || (hasShape(value) && !isFilePath(value) && looksRandom(value));
 }
 
 std::string_view kindOf(std::string_view given) {
@@ -166,6 +207,7 @@ std::string_view kindOf(std::string_view given) {
   for (const Kind& kind : kKinds) {
     if (value.starts_with(kind.prefix)) return kind.words;
   }
+  if (isPrivateKey(value)) return "private key";
   return holdsPassword(value) ? "connection string" : "secret";
 }
 

@@ -9,7 +9,8 @@ namespace sorvane::vault {
 bool isPlaceholder(std::string_view value);
 
 /// Whether a key of a .env file and its value are credential-shaped. A marker in the key's name decides before the
-/// value's length does; a file path is none in any case. Placeholders are the caller's to leave out.
+/// value's length does; a file path is none in any case. Without a marker or a known beginning the value must be long
+/// and look random: commit ids, UUIDs, versions and words are none. Placeholders are the caller's to leave out.
 bool isCredential(std::string_view key, std::string_view value);
 
 /// The same for a value without a name, as on a clipboard: stricter, so that hashes, identifiers, versions and words

@@ -2,7 +2,6 @@
 
 #include <dirent.h>
 #include <fcntl.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -10,11 +9,18 @@
 #include <array>
 #include <cctype>
 #include <cerrno>
+#include <chrono>
+#include <exception>
+#include <iterator>
 #include <memory>
 #include <set>
+#include <system_error>
+#include <thread>
 #include <unordered_set>
+#include <utility>
 
 #include "base/descriptor.h"
+#include "base/mutex.h"
 #include "vault/records.h"
 
 namespace sorvane::vault {
@@ -24,7 +30,7 @@ constexpr std::string_view kUnreadable = "Could not read this file.";
 constexpr std::array<std::string_view, 6> kTemplateSuffixes{".example", ".sample",   ".template",
                                                             ".dist",    ".defaults", ".tpl"};
 
-bool isSkippedFolder(std::string_view name) {
+bool isIgnoredFolder(std::string_view name) {
   static const std::unordered_set<std::string_view> kSkipped{
       "node_modules", ".git",         ".next",      ".nuxt",       ".svelte-kit",  "dist",        "build",     "out",
       "target",       "vendor",       ".venv",      "venv",        "Pods",         "DerivedData", ".cache",    ".turbo",
@@ -32,6 +38,12 @@ bool isSkippedFolder(std::string_view name) {
       ".serverless",  ".output",      ".gradle",    ".idea",       ".pytest_cache"};
   return kSkipped.contains(name);
 }
+
+constexpr int kFolderFlags = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+/// How long the calling thread waits for work before it asks again whether to proceed.
+constexpr std::chrono::milliseconds kAskAgain{20};
+/// Folders that must be waiting before a second thread is worth its start.
+constexpr std::size_t kWorthAThread = 8;
 
 /// The suffix behind ".env." or ".dev.vars."; empty when there is none.
 std::string_view suffixOf(std::string_view fileName) {
@@ -42,81 +54,218 @@ std::string_view suffixOf(std::string_view fileName) {
 }
 
 struct CloseFolder {
-  void operator()(DIR* folder) const noexcept { ::closedir(folder); }
+  void operator()(DIR* folder) const { ::closedir(folder); }
+};
+using OpenFolder = std::unique_ptr<DIR, CloseFolder>;
+
+/// A folder that is to be read. `parent` stays open until it is, so that it is reached without the path to it, any part
+/// of which may have become a link meanwhile.
+struct Pending {
+  std::shared_ptr<DIR> parent;
+  std::string path;
+  std::size_t nameAt = 0;  ///< where the folder's own name begins in `path`
+  std::size_t depth = 0;
 };
 
-/// Walk goes through the folders depth first with one open folder a level; names are compared, files are not opened.
+/// What one thread found.
+struct Found {
+  std::vector<ImportCandidate> files;
+  std::vector<std::string> unreadable;
+  bool tooDeep = false;
+};
+
+/// Walk shares the folders that wait between the threads, the newest first: few of them are open at a time then.
 class Walk {
  public:
-  explicit Walk(const std::filesystem::path& root) : root_(root), path_(root.string()) {}
+  void start(const std::filesystem::path& root) {
+    base::Lock lock(mutex_);
+    waiting_.push_back({nullptr, root.string(), 0, 0});
+  }
 
-  WalkResult run() {
-    enter(::open(path_.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC), 0);
-    std::sort(result_.files.begin(), result_.files.end(),
-              [](const ImportCandidate& a, const ImportCandidate& b) { return a.path < b.path; });
-    return std::move(result_);
+  /// Reads folders until none is left or `proceed` says no.
+  Found work(const std::function<bool()>& proceed) {
+    Found found;
+    std::vector<Pending> below;
+    while (std::optional<Pending> next = take(proceed)) {
+      readFolder(*next, found, below);
+      next.reset();
+      give(below);
+    }
+    return found;
+  }
+
+  void stop() EXCLUDES(mutex_) {
+    base::Lock lock(mutex_);
+    stopped_ = true;
+    changed_.notify_all();
+  }
+
+  bool worthAThread() EXCLUDES(mutex_) {
+    base::Lock lock(mutex_);
+    return waiting_.size() >= kWorthAThread;
   }
 
  private:
-  void enter(int opened, int depth) {
-    base::Descriptor fd(opened);
-    const std::unique_ptr<DIR, CloseFolder> folder(fd ? ::fdopendir(fd.get()) : nullptr);
-    if (!folder) {
-      // A folder that was removed or replaced meanwhile is not there any more.
-      if (errno != ENOENT && errno != ENOTDIR && errno != ELOOP) result_.unreadable.push_back(path_);
-      return;
+  std::optional<Pending> take(const std::function<bool()>& proceed) EXCLUDES(mutex_) {
+    while (true) {
+      if (proceed && !proceed()) stop();
+      base::Lock lock(mutex_);
+      if (!stopped_ && !waiting_.empty()) {
+        Pending next = std::move(waiting_.back());
+        waiting_.pop_back();
+        ++reading_;
+        return next;
+      }
+      if (stopped_ || reading_ == 0) return std::nullopt;
+      if (proceed) {
+        changed_.wait_for(lock.mutex(), kAskAgain);
+      } else {
+        changed_.wait(lock.mutex());
+      }
     }
-    const int number = fd.release();
-    while (const dirent* const entry = ::readdir(folder.get())) see(number, *entry, depth);
   }
 
-  void see(int folder, const dirent& entry, int depth) {
-    const std::string_view name(entry.d_name);
-    unsigned char type = entry.d_type;
-    // Most entries are files of other names; they cost a comparison.
-    if (type == DT_REG && name.front() != '.') return;
-    if (name == "." || name == "..") return;
-    struct stat status {};
-    if (type == DT_UNKNOWN) {
-      if (::fstatat(folder, entry.d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) return;
-      type = S_ISDIR(status.st_mode) ? DT_DIR : S_ISREG(status.st_mode) ? DT_REG : S_ISLNK(status.st_mode) ? DT_LNK : 0;
-    }
-    if (type == DT_DIR) return descend(folder, entry.d_name, depth);
-    if ((type == DT_REG || type == DT_LNK) && isEnvFileName(name)) candidate(folder, entry.d_name, type == DT_LNK);
+  /// Ends the reading of a folder that was taken; `below` is what it holds, and is emptied.
+  void give(std::vector<Pending>& below) EXCLUDES(mutex_) {
+    base::Lock lock(mutex_);
+    --reading_;
+    const bool wake = !below.empty() || reading_ == 0;
+    std::move(below.begin(), below.end(), std::back_inserter(waiting_));
+    below.clear();
+    if (wake) changed_.notify_all();
   }
 
-  void descend(int folder, const char* name, int depth) {
-    if (isSkippedFolder(name)) return;
-    if (depth + 1 > kMaxWalkDepth) {
-      result_.tooDeep = true;
-      return;
-    }
-    const std::size_t length = path_.size();
-    path_.append("/").append(name);
-    enter(::openat(folder, name, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC), depth + 1);
-    path_.resize(length);
-  }
+  static void readFolder(const Pending& folder, Found& found, std::vector<Pending>& below);
 
-  void candidate(int folder, const char* name, bool isLink) {
-    std::filesystem::path path = std::filesystem::path(path_) / name;
-    struct stat status {};
-    if (isLink) {
-      const std::unique_ptr<char, decltype(&::free)> target(::realpath(path.c_str(), nullptr), &::free);
-      if (!target || !std::string_view(target.get()).starts_with(root_.string() + "/")) return;
-      path = target.get();
-      if (::lstat(path.c_str(), &status) != 0) return;
-    } else if (::fstatat(folder, name, &status, AT_SYMLINK_NOFOLLOW) != 0) {
-      return;
-    }
-    if (!S_ISREG(status.st_mode) || !seen_.emplace(status.st_dev, status.st_ino).second) return;
-    result_.files.push_back({std::move(path), status.st_dev, status.st_ino});
-  }
-
-  const std::filesystem::path root_;
-  std::string path_;
-  WalkResult result_;
-  std::set<std::pair<dev_t, ino_t>> seen_;
+  base::Mutex mutex_;
+  base::Condition changed_;
+  std::vector<Pending> waiting_ GUARDED_BY(mutex_);
+  std::size_t reading_ GUARDED_BY(mutex_) = 0;
+  bool stopped_ GUARDED_BY(mutex_) = false;
 };
+
+std::string joined(const std::string& folder, std::string_view name) {
+  std::string path;
+  path.reserve(folder.size() + 1 + name.size());
+  path += folder;
+  if (!path.ends_with('/')) path += '/';
+  return path.append(name);
+}
+
+OpenFolder openFolder(const Pending& folder) {
+  // The root is what the person named, a link to it included.
+  base::Descriptor opened(
+      folder.parent ? ::openat(::dirfd(folder.parent.get()), folder.path.c_str() + folder.nameAt, kFolderFlags)
+                    : ::open(folder.path.c_str(), kFolderFlags & ~O_NOFOLLOW));
+  if (!opened) return nullptr;
+  OpenFolder stream(::fdopendir(opened.get()));
+  if (stream) opened.release();
+  return stream;
+}
+
+/// The entry's type, asked for where the file system does not tell.
+unsigned char typeOf(DIR* folder, const dirent& entry) {
+  if (entry.d_type != DT_UNKNOWN) return entry.d_type;
+  struct stat status {};
+  if (::fstatat(::dirfd(folder), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) != 0) return DT_UNKNOWN;
+  return S_ISDIR(status.st_mode) ? DT_DIR : S_ISREG(status.st_mode) ? DT_REG : DT_UNKNOWN;
+}
+
+void addCandidate(DIR* folder, const std::string& path, const char* name, Found& found) {
+  struct stat status {};
+  if (::fstatat(::dirfd(folder), name, &status, AT_SYMLINK_NOFOLLOW) != 0 || !S_ISREG(status.st_mode)) return;
+  found.files.push_back({joined(path, name), status.st_dev, status.st_ino});
+}
+
+void Walk::readFolder(const Pending& folder, Found& found, std::vector<Pending>& below) {
+  const std::shared_ptr<DIR> stream = openFolder(folder);
+  if (!stream) {
+    // A folder that went away or became something else meanwhile is none of this tree's any more.
+    const bool gone = folder.parent && (errno == ENOENT || errno == ENOTDIR || errno == ELOOP);
+    if (!gone) found.unreadable.push_back(folder.path);
+    return;
+  }
+  while (true) {
+    errno = 0;
+    const dirent* entry = ::readdir(stream.get());
+    if (entry == nullptr) break;
+    const std::string_view name = entry->d_name;
+    const bool maybeFile = name.front() == '.' && isEnvFileName(name);
+    if (!maybeFile && entry->d_type != DT_DIR && entry->d_type != DT_UNKNOWN) continue;
+    if (name == "." || name == "..") continue;
+    const unsigned char type = typeOf(stream.get(), *entry);
+    if (type == DT_REG && maybeFile) addCandidate(stream.get(), folder.path, entry->d_name, found);
+    if (type != DT_DIR || isIgnoredFolder(name)) continue;
+    if (folder.depth == kMaxWalkDepth) {
+      found.tooDeep = true;
+      continue;
+    }
+    std::string path = joined(folder.path, name);
+    const std::size_t nameAt = path.size() - name.size();
+    below.push_back({stream, std::move(path), nameAt, folder.depth + 1});
+  }
+  if (errno != 0) found.unreadable.push_back(folder.path);
+}
+
+/// SecondThread helps with a walk and is joined on every way out.
+class SecondThread {
+ public:
+  explicit SecondThread(Walk& walk) : walk_(walk) {}
+  ~SecondThread() {
+    walk_.stop();
+    if (thread_.joinable()) thread_.join();
+  }
+  SecondThread(const SecondThread&) = delete;
+  SecondThread& operator=(const SecondThread&) = delete;
+
+  void startWhenWorthIt() {
+    if (tried_ || !walk_.worthAThread()) return;
+    tried_ = true;
+    try {
+      thread_ = std::thread([this] { run(); });
+    } catch (const std::system_error&) {
+      // The calling thread does all of it then.
+    }
+  }
+
+  /// Waits for the end of the walk; throws what ended the thread.
+  Found join() {
+    if (thread_.joinable()) thread_.join();
+    if (failure_) std::rethrow_exception(failure_);
+    return std::move(found_);
+  }
+
+ private:
+  void run() noexcept {
+    try {
+      found_ = walk_.work({});
+    } catch (...) {
+      failure_ = std::current_exception();
+      walk_.stop();
+    }
+  }
+
+  Walk& walk_;
+  bool tried_ = false;
+  std::thread thread_;
+  // Written by the thread, read when it has been joined.
+  Found found_;
+  std::exception_ptr failure_;
+};
+
+void append(WalkResult& result, Found&& found) {
+  std::move(found.files.begin(), found.files.end(), std::back_inserter(result.files));
+  std::move(found.unreadable.begin(), found.unreadable.end(), std::back_inserter(result.unreadable));
+  result.tooDeep |= found.tooDeep;
+}
+
+void order(WalkResult& result) {
+  std::sort(result.files.begin(), result.files.end(),
+            [](const auto& left, const auto& right) { return left.path.native() < right.path.native(); });
+  std::set<std::pair<dev_t, ino_t>> known;
+  std::erase_if(result.files, [&](const auto& file) { return !known.insert({file.device, file.inode}).second; });
+  std::sort(result.unreadable.begin(), result.unreadable.end());
+}
 
 bool isWithin(const std::filesystem::path& inner, const std::filesystem::path& outer) {
   const auto [end, ignored] = std::mismatch(outer.begin(), outer.end(), inner.begin(), inner.end());
@@ -136,8 +285,20 @@ bool isEnvFileName(std::string_view name) {
                       [&](std::string_view suffix) { return lower.ends_with(suffix); });
 }
 
-WalkResult walkForEnvFiles(const std::filesystem::path& root) {
-  return Walk(root).run();
+WalkResult walkForEnvFiles(const std::filesystem::path& root, const std::function<bool()>& proceed) {
+  Walk walk;
+  walk.start(std::filesystem::absolute(root).lexically_normal());
+  WalkResult result;
+  {
+    SecondThread second(walk);
+    append(result, walk.work([&] {
+      second.startWhenWorthIt();
+      return !proceed || proceed();
+    }));
+    append(result, second.join());
+  }
+  order(result);
+  return result;
 }
 
 FileRead readCandidate(const ImportCandidate& candidate) {
@@ -157,7 +318,8 @@ FileRead readCandidate(const ImportCandidate& candidate) {
   }
   base::wipe(piece.data(), piece.size());
   if (got < 0) return refused(kUnreadable);
-  if (text.size() > kMaxEnvFileBytes) return refused("This file is larger than 1 MB, so nothing of it was read.");
+  if (text.size() > kMaxEnvFileBytes)
+    return refused("This file is larger than 1 MiB, so nothing of it was read. Move its keys to a smaller .env file.");
   return {std::move(text), {}};
 }
 

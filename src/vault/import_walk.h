@@ -2,7 +2,9 @@
 
 #include <sys/types.h>
 
+#include <cstddef>
 #include <filesystem>
+#include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -13,7 +15,7 @@
 namespace sorvane::vault {
 
 /// Deepest folder below the root that is looked into.
-inline constexpr int kMaxWalkDepth = 32;
+inline constexpr std::size_t kMaxWalkDepth = 32;
 /// Largest .env file that is read, in bytes.
 inline constexpr std::size_t kMaxEnvFileBytes = std::size_t{1024} * 1024;
 
@@ -25,14 +27,16 @@ struct ImportCandidate {
 };
 
 struct WalkResult {
-  std::vector<ImportCandidate> files;   ///< by path, each file once
-  std::vector<std::string> unreadable;  ///< folders that could not be read
+  std::vector<ImportCandidate> files;   ///< by path; a file with several names once, under the first
+  std::vector<std::string> unreadable;  ///< folders that could not be read, by path
   bool tooDeep = false;                 ///< something lay deeper than kMaxWalkDepth
 };
 
-/// Finds the .env files below a folder without links. Links to folders are not followed; one to a file counts when the
-/// file lies below the root. Folders of dependencies and build results are never entered. Throws nothing.
-WalkResult walkForEnvFiles(const std::filesystem::path& root);
+/// Finds the .env files below a folder. No link is followed, neither to a folder nor to a file; `root` itself may be
+/// one. Folders of dependencies and build results are never entered. `proceed` is asked between folders from the
+/// calling thread; when it says no the walk ends with what it has, and what it throws is passed on. Uses a second
+/// thread while there are folders for it.
+WalkResult walkForEnvFiles(const std::filesystem::path& root, const std::function<bool()>& proceed = {});
 
 /// Whether a file of this name is imported from.
 bool isEnvFileName(std::string_view name);
