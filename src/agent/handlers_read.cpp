@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "agent/command_words.h"
 #include "agent/handlers.h"
 #include "base/unicode.h"
 #include "vault/deployment_policy.h"
@@ -93,6 +94,13 @@ AgentResponse Handlers::renderEnv(Call& call) {
     question.prompt.declaredTarget = target;
     question.details = {"Raw values leave sorvane: the program that asks gets them in the clear."};
     question.environmentId = environment.id;
+    if (isForCommand(call.request())) {
+      // What the caller says it will run; nobody here can hold it to that.
+      const auto told = call.request().payload.find("command");
+      auto words = told == call.request().payload.end() ? std::nullopt : decodeCommandWords(told->second);
+      if (words) question.commandWords = std::move(*words);
+      question.directory = call.request().directory;
+    }
     if (call.denied(question)) return AgentResponse::refused(std::string(kApprovalDenied));
     const auto present = ports_.vault.records();
     const vault::Project* const now = present->projectById(environment.id);

@@ -13,6 +13,9 @@
 namespace sorvane::cli {
 namespace {
 
+/// Longest command that is sent along to be shown, in bytes of JSON.
+constexpr std::size_t kMostShownBytes = 16 * 1024;
+
 bool contains(const std::optional<std::vector<std::string>>& names, const std::string& name) {
   return names && std::find(names->begin(), names->end(), name) != names->end();
 }
@@ -30,6 +33,11 @@ agent::AgentResponse valuesOf(Session& session, const HereRun& given) {
   request.op = agent::AgentOp::renderEnv;
   request.environment = given.environment;
   request.payload["purpose"] = "command";
+  // For the question alone; a command too long for one is not shown.
+  if (std::string shown = listArgument(given.command); shown.size() <= kMostShownBytes) {
+    request.payload["command"] = std::move(shown);
+  }
+  request.directory = given.directory.empty() ? std::filesystem::current_path().string() : given.directory;
   if (!given.target.empty()) request.payload["deploymentTarget"] = given.target;
   return session.send(std::move(request), true);
 }

@@ -19,7 +19,7 @@ class RunHere(House):
         if not self.owner:
             self.open().furnish()
         person = Terminal(self.line(*words, options=options), self.environment(), size=size)
-        self.reply("y", "shop", "every value")
+        self.reply("y", "shop", "every value", words[0])
         return person
 
     def piped(self, *words, options=(), **more):
