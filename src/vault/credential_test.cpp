@@ -123,12 +123,6 @@ bool hasShape(std::string_view value) {
          std::all_of(value.begin(), value.end(), isShapeCharacter);
 }
 
-/// Commit ids, digests and UUIDs have the shape of a key and are none.
-bool isIdentifier(std::string_view value) {
-  return std::all_of(value.begin(), value.end(),
-                     [](char c) { return std::isxdigit(static_cast<unsigned char>(c)) || c == '-'; });
-}
-
 /// A run of letters and digits as chance makes it: long, mixed, and not all hexadecimal in one case, since digests and
 /// commit ids are.
 bool isRandomRun(std::string_view run) {
@@ -190,7 +184,7 @@ bool isCredential(std::string_view key, std::string_view given) {
   if (isFilePath(value)) return false;
   const bool marked = std::any_of(kMarkers.begin(), kMarkers.end(),
                                   [&](std::string_view marker) { return name.find(marker) != std::string::npos; });
-  return marked || beginsWithOne(value, kPrefixes) || (hasShape(value) && !isIdentifier(value));
+  return marked || beginsWithOne(value, kPrefixes) || hasShape(value);
 }
 
 bool looksLikeCredential(std::string_view given) {
