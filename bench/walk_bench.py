@@ -60,7 +60,7 @@ def main():
     files, rounds = (int(value) for value in (sys.argv[2:] + ["200000", "15"][len(sys.argv) - 2:]))
     with tempfile.TemporaryDirectory(prefix="sorvane-walk-") as folder:
         made, wanted = make_tree(pathlib.Path(folder), files)
-        commands = {"sorvane": [os.fspath(build / "bench" / "walk_driver"), folder], **peers(folder)}
+        commands = {"sorvane": [os.fspath(build / "walk_driver"), folder], **peers(folder)}
         times = {name: [] for name in commands}
         for turn in range(rounds + 1):
             for name, command in commands.items():
