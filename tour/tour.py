@@ -176,6 +176,8 @@ class Tour:
         if result["exitCode"] != 3 or "connecting to ‹redacted›" not in answer["value"]:
             raise Wrong("The command did not run as the example's tool does.")
 
+        self.work_in_a_session(token)
+
         step("The access log says who was given what, and when:")
         show(self.command("log")[0])
 
@@ -184,6 +186,26 @@ class Tour:
         self._check_nothing_leaked(shown)
         step(f"None of the {len(self.values)} values stands in anything that sorvane showed, answered or logged, nor in a file of the "
              "support folder. sorvaned has ended, and the folder is removed.")
+
+    def work_in_a_session(self, token):
+        step("For a longer task the agent asks once for a task session. The owner sees this, and answers with y:")
+        self.owner.expect(AGENT, "for 1 hour without asking again")
+        begun = self.request(token, "beginTaskSession", environment=ENVIRONMENT, durationSeconds=3600)
+        show(re.search(r"=+ sorvane asks.*", self.owner.asked(), re.DOTALL)[0])
+        if not begun["ok"]:
+            raise Wrong("The session was not begun: " + begun.get("error", ""))
+        command = {"taskSession": begun["value"], "directory": str(self.project), "payload": {"command": json.dumps(["./deploy"])}}
+        step("Within the session commands run without a question, and are masked as before.")
+        for _ in range(2):
+            answer = self.request(token, "runEnv", **command)
+            if not answer["ok"] or "connecting to ‹redacted›" not in answer["value"]:
+                raise Wrong("The session did not serve the agent.")
+        step("The owner unbinds a secret. The session ends with it, and the agent is told so:")
+        self.command("env", "unbind", ENVIRONMENT, next(iter(self.values)), expect=["remove a binding and end task sessions"])
+        answer = self.request(token, "runEnv", **command)
+        if answer["ok"]:
+            raise Wrong("The session outlived a change of its environment.")
+        show(answer["error"])
 
     def _wait_until_served(self):
         # The endpoint file appears when the socket listens; there is nothing else a client could be told by.
