@@ -36,6 +36,16 @@ void makeFoldersFor(const std::filesystem::path& file) {
   }
 }
 
+/// Runs what reads or edits a document; a refusal names the file.
+template <typename Call>
+auto naming(const std::filesystem::path& file, const Call& call) {
+  try {
+    return call();
+  } catch (const ConfigEditError& error) {
+    throw ConnectionError(file.string() + ": " + error.sentence());
+  }
+}
+
 }  // namespace
 
 std::string_view word(Connections::State state) {
@@ -116,7 +126,7 @@ void Connections::readState(Status& status, const LedgerRow* row) const {
           restoreEntry(client.format, text, client.path(), row->undo) ? State::connected : State::entryChanged;
   } catch (const base::Error& error) {
     status.state = State::unreadable;
-    status.problem = error.sentence();
+    status.problem = status.file + ": " + error.sentence();
   }
 }
 
@@ -155,8 +165,10 @@ Connections::Plan Connections::plan(const Target& target) {
   plan.tokenInFile = target.project.empty() && (!contents || (contents->mode & kOthers) == 0);
   const std::string text = contents ? contents->text : std::string();
   const auto row = rowOf(target);
-  const bool ours = row && restoreEntry(client.format, text, client.path(), row->undo).has_value();
-  plan.replaces = !ours && findEntry(client.format, text, client.path()).has_value();
+  naming(plan.file, [&] {
+    const bool ours = row && restoreEntry(client.format, text, client.path(), row->undo).has_value();
+    plan.replaces = !ours && findEntry(client.format, text, client.path()).has_value();
+  });
   plan.runsUnasked = client.runsUnasked(setting_.folders, text);
   return plan;
 }

@@ -157,6 +157,12 @@ TEST_F(AgentClients, aFileThatCannotBeEditedIsLeftAsItIsAndNothingIsRecorded) {
     fs::remove(file);
   };
   write(file, "{\"mcpServers\": {");
+  try {
+    connections_.plan(target);
+    FAIL() << "it was planned";
+  } catch (const ConnectionError& error) {
+    EXPECT_TRUE(error.sentence().starts_with(file.string() + ": The configuration file is damaged: in line 1 "));
+  }
   refused("half-written");
   write(file, "{\"mcpServers\": {}, \"mcpServers\": {}}");
   refused("duplicate keys on the way");
