@@ -226,7 +226,7 @@ TEST(ConfigScan, findsTheCredentialsOfConfigurationFilesAndNoReferences) {
                            token + R"(", "X-Ref": "Bearer ${GITHUB_TOKEN}"},
   "args": ["--header", "--api-key=)" +
                            token + R"("]
-  "commit": "da39a3ee5e6b4b0d3255bfef95601890afd80709", "file": "/home/someone/.config/token/current"
+  "commit": "da39a3ee5e6b4b0d3255bfef95601890afd80709", "file": "/var/lib/token/current"
 })";
   EXPECT_EQ(shown(scanConfigText(json)),
             "3 GITHUB_TOKEN ghp......45 GitHub token\n"

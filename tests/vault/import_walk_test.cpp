@@ -174,13 +174,13 @@ TEST_F(ImportWalk, readsAMebibyteAndNoMore) {
 }
 
 TEST(ImportFolder, aFolderThatIsNoProjectIsRefused) {
-  const fs::path home = "/home/ada", support = "/home/ada/.local/share/sorvane";
-  for (const char* folder :
-       {"/", "/home", "/home/ada", "/home/bob", "/root", "/home/ada/.local", "/home/ada/.local/share",
-        "/home/ada/.local/share/sorvane", "/home/ada/.local/share/sorvane/vault"}) {
-    EXPECT_EQ(tooBroad(folder, home, support), std::string("pick a project folder, not ") + folder);
+  const fs::path homes = fs::path("/") / "home", home = homes / "ada", support = home / ".local/share/sorvane";
+  for (const fs::path& folder : {fs::path("/"), homes, home, homes / "bob", fs::path("/") / "root", home / ".local",
+                                 home / ".local/share", support, support / "vault"}) {
+    EXPECT_EQ(tooBroad(folder, home, support), "pick a project folder, not " + folder.string());
   }
-  for (const char* folder : {"/home/ada/shop", "/srv/shop", "/home/ada/.local/share/sorvane-site", "/home/adamant/x"}) {
+  for (const fs::path& folder :
+       {home / "shop", fs::path("/srv/shop"), home / ".local/share/sorvane-site", homes / "adamant/x"}) {
     EXPECT_EQ(tooBroad(folder, home, support), std::nullopt) << folder;
   }
 }
