@@ -20,9 +20,11 @@ ApprovalPolicy::Settings settingsOf(std::string_view text) {
 
 ApprovalPolicy::Settings ApprovalPolicy::current() {
   const std::string generation = vault_.generation();
+  std::uint64_t seen = 0;
   {
     const base::Lock lock(mutex_);
     if (generation_ == generation) return cached_;
+    seen = changes_;
   }
   Settings settings;
   try {
@@ -30,11 +32,15 @@ ApprovalPolicy::Settings ApprovalPolicy::current() {
       settings = settingsOf(stored->view());
   } catch (const base::Error& error) {
     base::diagnose("agent", "the approval policy could not be read, so every request is asked: " + error.sentence());
-    return {};
+    const base::Lock lock(mutex_);
+    return {AgentApproval::perRequest, cached_.approver};
   }
   const base::Lock lock(mutex_);
-  generation_ = generation;
-  cached_ = settings;
+  // What was read before a change that happened meanwhile is not kept.
+  if (changes_ == seen) {
+    generation_ = generation;
+    cached_ = settings;
+  }
   return settings;
 }
 
@@ -43,6 +49,7 @@ void ApprovalPolicy::set(Settings settings) {
   if (settings.approver != Approver::any) text.append(" ").append(word(settings.approver));
   vault_.settings().save(vault::kApprovalPolicySetting, text);
   const base::Lock lock(mutex_);
+  ++changes_;
   generation_.reset();
 }
 

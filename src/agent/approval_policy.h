@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -32,6 +33,7 @@ class ApprovalPolicy {
   // Guarded. A leaf.
   base::Mutex mutex_;
   std::optional<std::string> generation_ GUARDED_BY(mutex_);
+  std::uint64_t changes_ GUARDED_BY(mutex_) = 0;
   Settings cached_ GUARDED_BY(mutex_);
 };
 

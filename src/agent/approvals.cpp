@@ -88,6 +88,7 @@ void Approvals::enter(const ApprovalQuestion& question) {
   if (question.context.isController) return;
   const base::Instant now = ports_.clock.instant();
   const base::Lock lock(mutex_);
+  if (generation_ != question.generation) return;
   Asker& asker = askers_[question.context.callerIdentity];
   if (now < asker.refusedUntil) {
     throw ApprovalRefused(
@@ -106,8 +107,9 @@ void Approvals::leave(const ApprovalQuestion& question, bool denied) {
   if (question.context.isController) return;
   const base::Instant now = ports_.clock.instant();
   const base::Lock lock(mutex_);
+  // A question of an earlier generation was counted in a table that is gone.
   const auto found = askers_.find(question.context.callerIdentity);
-  if (found == askers_.end()) return;
+  if (generation_ != question.generation || found == askers_.end()) return;
   Asker& asker = found->second;
   --asker.waiting;
   std::erase_if(asker.denials, [&](base::Instant at) { return now - at >= kDenialWindow; });
@@ -139,10 +141,11 @@ ApprovalResult Approvals::approve(const ApprovalQuestion& question) {
   // What the policy lets pass was allowed by the owner before; nothing new is remembered for it.
   if (!mustAsk(question)) return ApprovalResult::byApplication;
   Turn turn(*this, question);
-  const ApprovalResult answer = ask(question);
+  bool saidNo = false;
+  const ApprovalResult answer = ask(question, saidNo);
   const base::Lock lock(mutex_);
   if (generation_ != question.generation || question.context.withdrawn.stop_requested()) return ApprovalResult::denied;
-  turn.denied = answer == ApprovalResult::denied;
+  turn.denied = saidNo;
   if (answer == ApprovalResult::bySystem && usesEnvironment(question.rule)) {
     Remembered remembered{question.environmentId, question.context.callerIdentity, 0, 0};
     const auto& chain = question.context.processes;
@@ -171,10 +174,11 @@ bool Approvals::mustAsk(const ApprovalQuestion& question) {
   return true;
 }
 
-ApprovalResult Approvals::ask(const ApprovalQuestion& question) {
+ApprovalResult Approvals::ask(const ApprovalQuestion& question, bool& saidNo) {
   const Approver approver = ports_.approver ? ports_.approver() : Approver::any;
   if (ports_.provider != nullptr && (approver == Approver::terminal || approver == Approver::any)) {
     if (const auto answer = ports_.provider->ask(question.prompt, question.context)) {
+      saidNo = !*answer;
       return *answer ? ApprovalResult::byApplication : ApprovalResult::denied;
     }
   }
@@ -182,6 +186,7 @@ ApprovalResult Approvals::ask(const ApprovalQuestion& question) {
   if (approver != Approver::system && approver != Approver::any) return ApprovalResult::denied;
   const SystemOwnerPrompt::Answer answer = ports_.system.ask(question.prompt, question.context);
   if (answer.unavailable) base::diagnose("agent", *answer.unavailable);
+  saidNo = !answer.granted && !answer.unavailable;
   return answer.granted ? ApprovalResult::bySystem : ApprovalResult::denied;
 }
 

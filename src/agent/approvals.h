@@ -93,7 +93,8 @@ class Approvals {
   class Turn;
 
   bool mustAsk(const ApprovalQuestion& question);
-  ApprovalResult ask(const ApprovalQuestion& question);
+  /// `saidNo` tells a person's no from nobody's answer.
+  ApprovalResult ask(const ApprovalQuestion& question, bool& saidNo);
   bool isRemembered(const ApprovalQuestion& question) REQUIRES(mutex_);
   void enter(const ApprovalQuestion& question);
   void leave(const ApprovalQuestion& question, bool denied);

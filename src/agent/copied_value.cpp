@@ -1,12 +1,24 @@
 #include "agent/copied_value.h"
 
+#include <utility>
+
 namespace sorvane::agent {
 
 bool CopiedValue::copy(const base::SecretText& value) {
   const crypto::Sha256Digest digest = crypto::sha256(value.bytes());
-  if (!clipboard_.write(value)) return false;
+  std::optional<crypto::Sha256Digest> before;
+  {
+    // Known before it is there, so that nobody takes it for somebody else's.
+    const base::Lock lock(mutex_);
+    before = std::exchange(digest_, digest);
+    clearAt_ = std::chrono::steady_clock::now() + keep_;
+  }
+  const bool written = clipboard_.write(value);
   const base::Lock lock(mutex_);
-  digest_ = digest;
+  if (!written) {
+    digest_ = before;
+    return false;
+  }
   clearAt_ = std::chrono::steady_clock::now() + keep_;
   if (!thread_.joinable()) thread_ = std::jthread([this](std::stop_token stop) { watch(std::move(stop)); });
   changed_.notify_all();

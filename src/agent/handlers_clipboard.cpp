@@ -73,7 +73,10 @@ AgentResponse Handlers::captureClipboard(Call& call) {
   Seen seen = look(ports_.clipboard, ports_.copied);
   if (seen.refusal) return std::move(*seen.refusal);
   const auto told = request.payload.find("fingerprint");
-  if (told == request.payload.end() || told->second != call.fingerprint(seen.text)) {
+  const std::string_view confirmed = told != request.payload.end() ? std::string_view(told->second)
+                                     : request.value               ? request.value->view()
+                                                                   : std::string_view();
+  if (confirmed != call.fingerprint(seen.text)) {
     return AgentResponse::refused(std::string(kChanged), "clipboard_changed");
   }
   const std::string kind(vault::kindOf(seen.text.view()));

@@ -93,7 +93,13 @@ AgentResponse Handlers::keyEnvFile(Call& call) {
   if (call.denied(fileQuestion(call, session.info, keys, place, real))) {
     return AgentResponse::refused(std::string(kNotApproved));
   }
-  ports_.vault.log(call.access("agent_key_env_file"), session.snapshot->environmentId);
+  std::vector<vault::DeliveredVersion> delivered;
+  for (const vault::DeliveredVersion& item : session.snapshot->delivered) {
+    if (std::any_of(keys.begin(), keys.end(), [&](const auto& key) { return key.name == item.variable; })) {
+      delivered.push_back(item);
+    }
+  }
+  ports_.vault.logDelivery(call.access("agent_key_env_file"), session.snapshot->environmentId, delivered);
   const KeyEnvFiles::Written written = ports_.keyFiles.write(place, session.info, keys);
   for (const KeyEnvFiles::Key& key : keys) ports_.sessions.noteDelivered(session.info.id, key.name, {key.name});
   // The session may have ended while the file was written, before anybody knew of the file.

@@ -172,6 +172,15 @@ AgentResponse Handlers::getSecret(Call& call) {
   question.prompt.declaredTarget = target;
   question.details = {"A raw value leaves sorvane: the program that asks gets it in the clear."};
   if (call.denied(question)) return AgentResponse::refused(std::string(kApprovalDenied));
+  const auto present = ports_.vault.records();
+  const vault::Secret* const now = present->secretById(secret->id);
+  const vault::Project* const there = environment == nullptr ? nullptr : present->projectById(environment->id);
+  if (now == nullptr || !(*now == *secret) ||
+      (environment != nullptr && (there == nullptr || !(*there == *environment)))) {
+    return AgentResponse::refused(
+        "The secret or its environment changed while the owner was asked. Nothing was shared. "
+        "Try again.");
+  }
   try {
     vault::RevealResult revealed =
         ports_.vault.reveal(secret->id, choice.version, vault::DeclaredTargets{choice.environmentTarget, target},

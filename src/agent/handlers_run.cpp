@@ -7,6 +7,7 @@
 #include "agent/task_sessions.h"
 #include "base/json_writer.h"
 #include "base/unicode.h"
+#include "vault/deployment_policy.h"
 #include "vault/env_value.h"
 #include "vault/run_control.h"
 
@@ -181,11 +182,14 @@ AgentResponse Handlers::runUnderSession(Call& call) {
   const auto target = declaredTarget(request);
   const std::string name = environmentNameOf(request);
   if (!name.empty() && !sameEnvironmentName(session.info.environment, name)) return otherEnvironment(name);
-  if (target && target != snapshot.deploymentTarget) return otherEnvironment(*target);
+  if (target && target != snapshot.deploymentTarget) {
+    const vault::DeploymentPolicyError mismatch(vault::DeploymentPolicyError::Case::targetMismatch);
+    return AgentResponse::refused(mismatch.sentence(), "environment_not_allowed");
+  }
   RunPlan plan;
   if (auto refusal = planRun(request, snapshot.directory.value_or(ports_.home), plan)) return std::move(*refusal);
   try {
-    ports_.vault.log(call.access("agent_run_env"), snapshot.environmentId);
+    ports_.vault.logDelivery(call.access("agent_run_env"), snapshot.environmentId, snapshot.delivered);
   } catch (const vault::VaultError&) {
     return AgentResponse::refused("Environment unavailable or audit write failed");
   }

@@ -43,6 +43,17 @@ AgentResponse sessionAnswer(std::vector<TaskSessionInfo> sessions) {
   return response;
 }
 
+/// The versions that the environment's bindings select.
+std::vector<vault::DeliveredVersion> deliveredBy(const vault::Records& records, const vault::Project& environment) {
+  std::vector<vault::DeliveredVersion> delivered;
+  for (const vault::EnvBinding& binding : environment.bindings) {
+    const vault::Secret* const secret = records.secretById(binding.secretId);
+    if (secret == nullptr) continue;
+    delivered.push_back({binding.envVarName, secret->id, binding.pinVersion.value_or(secret->currentVersion)});
+  }
+  return delivered;
+}
+
 base::SecretText redacted(const base::SecretText& line) {
   const std::string_view text = line.view();
   base::SecretText shown;
@@ -99,12 +110,19 @@ AgentResponse Handlers::beginTaskSession(Call& call) {
   } catch (const vault::VaultError&) {
     return AgentResponse::refused(std::string(kEnvironmentUnavailable));
   }
+  if (!rendered.result.missing.empty()) {
+    AgentResponse refused = AgentResponse::refused("Repair missing environment values before starting a task session");
+    refused.warnings = std::move(rendered.result.warnings);
+    refused.missing = std::move(rendered.result.missing);
+    return refused;
+  }
   // A variable that was added while the owner was asked ends no session, but was not shown to them either.
   const auto present = ports_.vault.records();
   const vault::Project* const now = present->projectById(environment.id);
   if (now == nullptr || !(*now == environment)) return AgentResponse::refused(std::string(kEnvironmentChanged));
   snapshot.lines = std::move(rendered.result.lines);
   snapshot.runControlAllowed = std::move(rendered.runControlAllowed);
+  snapshot.delivered = deliveredBy(*present, environment);
 
   TaskSessions::NewSession session;
   session.owner = call.caller().identity;
@@ -122,7 +140,6 @@ AgentResponse Handlers::beginTaskSession(Call& call) {
   AgentResponse response = sessionAnswer({info});
   response.value = base::SecretText(info.id);
   response.warnings = std::move(rendered.result.warnings);
-  response.missing = std::move(rendered.result.missing);
   response.directory = environment.rootPath;
   return response;
 }
@@ -157,7 +174,8 @@ AgentResponse Handlers::taskSessionEnv(Call& call) {
   const auto session =
       ports_.sessions.lookup(request.taskSession.value_or(request.arg.value_or("")), call.caller().identity);
   try {
-    ports_.vault.log(call.access("agent_task_session_env"), session.snapshot->environmentId);
+    ports_.vault.logDelivery(call.access("agent_task_session_env"), session.snapshot->environmentId,
+                             session.snapshot->delivered);
   } catch (const vault::VaultError&) {
     return AgentResponse::refused(std::string(kEnvironmentUnavailable));
   }

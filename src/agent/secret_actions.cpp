@@ -33,7 +33,7 @@ void writeFields(base::JsonWriter& out, const Secret& secret, vault::RotationSta
 /// Targets as given: none, or words that were read.
 std::optional<std::vector<std::string>> targetsOf(const ActionArguments& arguments) {
   const auto words = arguments.list("targets");
-  if (!words || words->empty()) return std::nullopt;
+  if (!words) return std::nullopt;
   return vault::parseTargets(*words);
 }
 
@@ -150,7 +150,12 @@ ActionPlan OwnerActionHandlers::secretAdd(const ActionArguments& arguments, Acti
   if (!base::trimmed(secret->name).empty() && ports_.vault.records()->secretByName(secret->name) == nullptr) {
     secret->first = newVersionOf(arguments, call);
   }
-  return answer([this, secret, access = access(call, arguments)] {
+  const bool hasValue = !secret->first.value.empty();
+  return answer([this, secret, hasValue, access = access(call, arguments)] {
+    if (!hasValue && !base::trimmed(secret->name).empty() &&
+        ports_.vault.records()->secretByName(secret->name) == nullptr) {
+      throw ActionError("The name was taken a moment ago. Nothing was saved. Try again.");
+    }
     const Secret made = ports_.vault.createSecret(std::move(*secret));
     ports_.vault.log(access);
     return withValue(base::SecretText(made.id));
@@ -262,7 +267,8 @@ ActionPlan OwnerActionHandlers::secretLimit(const ActionArguments& arguments, Ac
   const std::int64_t version = versionOf(arguments, secret, secret.currentVersion);
   const auto words = arguments.list("targets");
   if (!words) throw ActionError("Choose one or more of development, staging, production.");
-  const auto targets = targetsOf(arguments);
+  // Here an empty list lifts the limit.
+  const auto targets = words->empty() ? std::nullopt : targetsOf(arguments);
   const std::size_t users = ports_.vault.records()->projectsUsing(secret.id, version).size();
   std::string to;
   for (const std::string& target : targets.value_or(std::vector<std::string>{}))

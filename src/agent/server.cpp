@@ -92,6 +92,7 @@ std::optional<std::string> AgentServer::open() {
     const base::Lock lock(mutex_);
     generation = ++generation_;
     running_ = true;
+    acceptFailed_ = false;
     token_ = std::move(token);
     controllerIdentity_ = std::move(identity);
     clipboardFingerprintKey_ = std::move(clipboardKey);
@@ -174,7 +175,7 @@ AgentResponse AgentServer::handle(std::string_view bytes, const RequestCaller& c
   if (!request) return AgentResponse::refused("bad request");
   auto authenticated = authenticate(request->token.view(), caller);
   if (auto* refusal = std::get_if<AgentResponse>(&authenticated)) return std::move(*refusal);
-  RequestSetting setting{approvals_, hangups_, entered->generation, -1, 0, entered->clipboardKey, bytes};
+  RequestSetting setting{approvals_, hangups_, grants_, entered->generation, -1, 0, entered->clipboardKey, bytes};
   if (const auto* socket = std::get_if<SocketCaller>(&caller)) {
     setting.socket = socket->socket;
     setting.peer = socket->peer;

@@ -93,6 +93,7 @@ class AgentServer {
   std::variant<Caller, AgentResponse> authenticate(std::string_view token, const RequestCaller& caller);
   void watchEndpoint(const std::stop_token& stop);
   void checkEndpoint(std::string& lastFailure);
+  bool acceptFailed() const;
 
   // Constant after construction, or synchronised by themselves.
   const Settings settings_;
@@ -120,6 +121,7 @@ class AgentServer {
   mutable base::Mutex mutex_;
   bool running_ GUARDED_BY(mutex_) = false;
   std::int64_t generation_ GUARDED_BY(mutex_) = 0;
+  bool acceptFailed_ GUARDED_BY(mutex_) = false;  ///< nobody accepts on the listener any more
   base::SecretText token_ GUARDED_BY(mutex_);
   std::string controllerIdentity_ GUARDED_BY(mutex_);
   std::shared_ptr<const crypto::SymmetricKey> clipboardFingerprintKey_ GUARDED_BY(mutex_);  ///< new each start

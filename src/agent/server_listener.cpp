@@ -37,6 +37,9 @@ void AgentServer::acceptLoop(std::int64_t generation, int listener) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
         continue;
       }
+      const base::Lock lock(mutex_);
+      // The endpoint's watch opens it anew.
+      acceptFailed_ = running_ && generation_ == generation;
       break;
     }
     accepted(std::move(socket));
@@ -113,6 +116,11 @@ void AgentServer::watchEndpoint(const std::stop_token& stop) {
   }
 }
 
+bool AgentServer::acceptFailed() const {
+  const base::Lock lock(mutex_);
+  return acceptFailed_;
+}
+
 void AgentServer::checkEndpoint(std::string& lastFailure) {
   const base::Lock lifecycle(lifecycle_);
   if (!wanted_) return;
@@ -122,8 +130,8 @@ void AgentServer::checkEndpoint(std::string& lastFailure) {
   std::optional<std::string> failure;
   if (!isRunning()) {
     failure = open();
-  } else if (socketAt(socketPath_) != publishedSocket_) {
-    base::diagnose("agent", "the socket file was replaced or removed; listening again");
+  } else if (acceptFailed() || socketAt(socketPath_) != publishedSocket_) {
+    base::diagnose("agent", "the socket file was replaced or removed, or failed; listening again");
     close();
     failure = open();
   } else if (!published_.isIntact() && !published_.publish(info())) {

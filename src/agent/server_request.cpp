@@ -59,7 +59,19 @@ ApprovalResult ServerRequest::ask(const OperationQuestion& asked) {
   context.requestDigest = crypto::sha256Hex(base::bytesOf(setting_.bytes));
   context.mayBeAnsweredTogether = rule == ApprovalRule::readSecret || rule == ApprovalRule::environmentRead;
   context.withdrawn = withdrawn();
-  return setting_.approvals.approve(question);
+  const ApprovalResult result = setting_.approvals.approve(question);
+  if (result != ApprovalResult::denied && !isUnchanged()) {
+    throw ApprovalRefused(
+        "This agent connection was changed or removed while the owner was asked. Nothing was shared. Try again.");
+  }
+  return result;
+}
+
+bool ServerRequest::isUnchanged() {
+  if (caller().kind == Caller::Kind::controller) return true;
+  const auto grants = setting_.grants.current();
+  const ClientGrant* const grant = findByTokenHash(*grants, caller().identity);
+  return grant != nullptr && grant->environment == caller().scope && grant->allowReveal == caller().allowReveal;
 }
 
 }  // namespace sorvane::agent

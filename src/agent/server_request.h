@@ -9,6 +9,7 @@
 
 #include "agent/approvals.h"
 #include "agent/connection.h"
+#include "agent/grant_book.h"
 #include "agent/operations.h"
 #include "base/system.h"
 #include "crypto/key.h"
@@ -19,6 +20,7 @@ namespace sorvane::agent {
 struct RequestSetting {
   Approvals& approvals;
   HangupWatch& hangups;
+  GrantBook& grants;
   std::int64_t generation = 0;
   int socket = -1;
   pid_t peer = 0;
@@ -43,6 +45,8 @@ class ServerRequest : public Call {
 
  private:
   const std::vector<base::ProcessInfo>& processes();
+  /// Whether the caller still is what it was when its request came in.
+  bool isUnchanged();
 
   const RequestSetting setting_;
   std::string requester_;

@@ -15,6 +15,7 @@
 #include "base/error.h"
 #include "base/mutex.h"
 #include "base/secret_text.h"
+#include "vault/records.h"
 #include "vault/revocation.h"
 
 namespace sorvane::agent {
@@ -51,6 +52,7 @@ class TaskSessions final : public vault::SessionRevoker {
     bool proxyOnly = false;  ///< every key is protected: the session holds stand-ins only
     std::string environmentId;
     std::vector<std::string> runControlAllowed;
+    std::vector<vault::DeliveredVersion> delivered;  ///< for the access log of each use
   };
 
   /// Writes an access-log event of the session's client; throws base::Error when that fails.

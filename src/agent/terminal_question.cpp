@@ -115,8 +115,10 @@ std::string terminalQuestion(const OwnerApprovalPrompt& prompt, const ApprovalCo
     appendField(out, "Command", commandOf(context.commandWords) + " (the caller's words)");
   if (context.directory) appendField(out, "Folder", quotedForOwner(*context.directory));
   if (prompt.subject) {
-    appendField(out, prompt.kind == OwnerApprovalPrompt::Kind::readSecret ? "Secret" : "Environment",
-                quotedForOwner(*prompt.subject));
+    const std::string_view what = prompt.kind == OwnerApprovalPrompt::Kind::readSecret ? "Secret"
+                                  : prompt.kind == OwnerApprovalPrompt::Kind::other    ? "Name"
+                                                                                       : "Environment";
+    appendField(out, what, quotedForOwner(*prompt.subject));
   }
   if (prompt.version) appendField(out, "Version", std::to_string(*prompt.version));
   if (prompt.allowedTargets) appendField(out, "Allowed in", listed(*prompt.allowedTargets));

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <set>
 
+#include "base/unicode.h"
 #include "vault/credential_test.h"
 #include "vault/env_reader.h"
 #include "vault/import_walk.h"
@@ -123,6 +124,10 @@ Importer::Plan Importer::plan(const std::string& folder, const Options& options)
   WalkResult walk = walkForEnvFiles(folder);
   plan.unreadable = std::move(walk.unreadable);
   for (const ImportCandidate& candidate : walk.files) {
+    if (!base::isUtf8(candidate.path.string())) {
+      plan.unreadable.push_back(candidate.path.string());
+      continue;
+    }
     PlannedFile& file = plan.files.emplace_back();
     file.path = candidate.path.string();
     file.folder = candidate.path.parent_path().string();
@@ -139,6 +144,10 @@ Importer::Plan Importer::plan(const std::string& folder, const Options& options)
     }
     file.duplicates = std::move(text->duplicates);
     for (EnvEntry& entry : text->entries) file.keys.push_back({entry.name, std::move(entry.value), 0, {}});
+  }
+  // A name that is no text cannot be told to anybody as it is.
+  for (std::string& name : plan.unreadable) {
+    if (!base::isUtf8(name)) name = base::escapedForDisplay(name);
   }
   tellApart(plan);
   for (PlannedFile& file : plan.files) sort(file, options, *records, plan);

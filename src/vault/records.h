@@ -95,6 +95,13 @@ struct AccessEvent {
   bool operator==(const AccessEvent&) const = default;
 };
 
+/// One value that leaves under a variable's name.
+struct DeliveredVersion {
+  std::string variable;
+  std::string secretId;
+  std::int64_t version = 0;
+};
+
 struct RevealResult {
   std::string secretId;
   std::string name;

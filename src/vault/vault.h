@@ -226,6 +226,10 @@ class Vault {
   void log(const std::vector<AccessEvent>& events);
   /// One event that concerns no value, made now.
   void log(const AccessContext& context, const std::optional<std::string>& projectId = {});
+  /// One event, made now, for each value that is handed out again after a render took it out; one without a value when
+  /// there are none.
+  void logDelivery(const AccessContext& context, const std::string& projectId,
+                   const std::vector<DeliveredVersion>& delivered);
   /// Throws VaultError "The audit log could not be read, so usage is unavailable." when a line does not decode.
   std::vector<AccessEvent> accessLog();
   /// Moves lines that do not decode into a file beside the log.

@@ -103,6 +103,19 @@ std::vector<const Secret*> checkedSelection(const Records& records, const std::v
 
 }  // namespace
 
+void Vault::logDelivery(const AccessContext& context, const std::string& projectId,
+                        const std::vector<DeliveredVersion>& delivered) {
+  std::vector<AccessEvent> events;
+  for (const DeliveredVersion& item : delivered) {
+    AccessEvent& event = events.emplace_back(eventOf(context));
+    event.secretId = item.secretId;
+    event.projectId = projectId;
+    event.version = item.version;
+  }
+  if (events.empty()) return log(context, projectId);
+  log(events);
+}
+
 bool Vault::currentValueIs(std::string_view secretId, const base::SecretText& value) {
   const base::RecursiveLock lock(lock_);
   const auto records = currentRecords();

@@ -82,7 +82,9 @@ TEST_F(SessionOperations, oneApprovalServesEveryCommandUntilTheSessionEnds) {
   }
   EXPECT_THAT(provider_.asked.all(), SizeIs(1));
   EXPECT_THAT(toolsLogged(), ElementsAre("agent_begin_task_session", "agent_begin_task_session", "task_session_start",
-                                         "agent_run_env", "agent_run_env"));
+                                         "agent_run_env", "agent_run_env", "agent_run_env", "agent_run_env"))
+      << "one event for each value that left";
+  EXPECT_EQ(vault_.accessLog().back().version, 1);
   // Another client, also one that knows the id, and a name that is not the session's.
   EXPECT_EQ(with("open", AgentOp::runEnv, id, command_).error, kUnavailable);
   EXPECT_EQ(with("open", AgentOp::endTaskSession, id).error, kUnavailable);
@@ -134,6 +136,39 @@ TEST_F(SessionOperations, aChangeWhileTheOwnerDecidesLeavesNoSession) {
     EXPECT_EQ(ask(beginning()).error, sentence);
     EXPECT_THAT(sessions_.listAll(), IsEmpty());
   }
+}
+
+TEST_F(SessionOperations, anEnvironmentWithMissingValuesGivesNoSession) {
+  vault_.deleteSecret(vault_.records()->secretByName("KEY")->id);
+  const AgentResponse refused = ask(beginning());
+  EXPECT_EQ(refused.error, "Repair missing environment values before starting a task session");
+  EXPECT_THAT(refused.missing.value(), ElementsAre("KEY"));
+  EXPECT_THAT(sessions_.listAll(), IsEmpty());
+}
+
+TEST_F(SessionOperations, aConnectionThatChangesWhileTheOwnerDecidesGetsNothing) {
+  const std::vector<std::vector<agent::ClientGrant>> changes{
+      {}, {grant("scoped", "other", false)}, {grant("scoped", "app", true)}};
+  for (const auto& grants : changes) {
+    grants_.set({grant("scoped", "app", false)});
+    provider_.answer = [&](const Asked&) {
+      grants_.set(grants);
+      return std::optional(true);
+    };
+    EXPECT_THAT(ask(granted(beginning(), "scoped")).error.value(), StartsWith("This agent connection was changed"));
+    EXPECT_THAT(sessions_.listAll(), IsEmpty());
+  }
+}
+
+TEST_F(SessionOperations, aQuestionOfAnEarlierStartCountsForNothingLater) {
+  provider_.answer = untilWithdrawn;
+  std::thread waiting([this] { ask(granted(beginning(), "scoped")); });
+  provider_.asked.waitFor(1);
+  server_->stop();
+  waiting.join();
+  ASSERT_TRUE(server_->start());
+  provider_.answer = [](const Asked&) { return std::optional(true); };
+  EXPECT_TRUE(ask(granted(beginning(), "scoped")).ok);
 }
 
 TEST_F(SessionOperations, aCommandStopsWithItsSession) {
@@ -357,6 +392,11 @@ TEST_F(SessionOperations, aConnectionThatAsksTooMuchIsHeldBackAndOthersAreNot) {
   EXPECT_THAT(provider_.asked.all(), SizeIs(agent::kMostDenials + 1));
   clock_.advance(agent::kDenialWindow);
   EXPECT_EQ(ask(granted(beginning(), "scoped")).error, "approval denied") << "asked again";
+  // Nobody's answer is no denial.
+  provider_.answer = [](const Asked&) { return std::optional<bool>(); };
+  for (std::size_t i = 0; i <= agent::kMostDenials; ++i) {
+    EXPECT_EQ(ask(granted(beginning(), "open")).error, "approval denied");
+  }
 }
 
 TEST_F(SessionOperations, fiveQuestionsOfAConnectionMayWaitAndNoMore) {
