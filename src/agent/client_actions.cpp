@@ -61,14 +61,16 @@ std::string doneSentence(const std::string& undone, const ClientConnection& conn
 ActionPlan OwnerActionHandlers::clientStatus(const ActionArguments& arguments, ActionCall&) {
   const auto wanted = arguments.text("client");
   return answer([this, wanted] {
-    const auto grants = ports_.grants.view().grants;
+    const GrantStore::View view = ports_.grants.view();
+    const bool trusted = view.trusted;
+    const auto& grants = view.grants;
     const auto last = lastRequests(ports_.vault);
     base::JsonWriter out;
     out.beginObject().key("clients").beginArray();
     for (const ClientConnection& connection : ports_.application.clients()) {
       if (wanted && *wanted != connection.client) continue;
       const ClientGrant* const grant = grantOf(grants, connection.grantId);
-      if (grant != nullptr && grant->autoApprove != connection.runsUnasked) {
+      if (trusted && grant != nullptr && grant->autoApprove != connection.runsUnasked) {
         ports_.grants.noteAutoApprove(grant->id, connection.runsUnasked);
       }
       writeConnection(out, connection, grant, last);
@@ -93,15 +95,18 @@ ActionPlan OwnerActionHandlers::writeEntry(ClientConnection plan, GrantStore::Ne
       call, phrase,
       [this, plan = std::move(plan), grant = std::move(grant), access = access(call, arguments)] {
         const auto view = ports_.grants.view();
-        if (const ClientGrant* const earlier = grantOf(view.grants, plan.grantId)) {
-          ports_.sessions.endOf(earlier->tokenHash);
-        }
+        const ClientGrant* const earlier = grantOf(view.grants, plan.grantId);
         GrantStore::Added added = ports_.grants.add(grant, plan.grantId);
         try {
           ports_.application.connectClient(plan, {added.id, std::move(added.token), grant.allowReveal});
         } catch (...) {
           ports_.grants.removeById(added.id);
           throw;
+        }
+        // The earlier connection serves until the entry of the new one stands in the file.
+        if (earlier != nullptr) {
+          ports_.grants.removeById(earlier->id);
+          ports_.sessions.endOf(earlier->tokenHash);
         }
         if (plan.runsUnasked) ports_.grants.noteAutoApprove(added.id, true);
         ports_.vault.log(access);
@@ -124,12 +129,18 @@ ActionPlan OwnerActionHandlers::clientConnect(const ActionArguments& arguments, 
 ActionPlan OwnerActionHandlers::clientRepair(const ActionArguments& arguments, ActionCall& call) {
   const std::string client = arguments.need("client"), project = arguments.text("project").value_or("");
   ClientConnection plan = ports_.application.planClient(client, project);
+  if (plan.grantId.empty()) {
+    throw ActionError(plan.name + " is not connected, so there is nothing to repair. Connect it.");
+  }
   const auto view = ports_.grants.view();
   const ClientGrant* const earlier = grantOf(view.grants, plan.grantId);
-  if (plan.grantId.empty())
-    throw ActionError(plan.name + " is not connected, so there is nothing to repair. Connect it.");
-  GrantStore::NewGrant grant{labelOf(plan), {}, false};
-  if (earlier != nullptr) grant = {earlier->label, earlier->environment, earlier->allowReveal};
+  // What a file that is not trusted says of a connection must not widen it.
+  if (!view.trusted || earlier == nullptr) {
+    throw ActionError("The connection of " + plan.name +
+                      " is not known to sorvane any more, so its entry was not written. Disconnect it and connect it "
+                      "again.");
+  }
+  GrantStore::NewGrant grant{earlier->label, earlier->environment, earlier->allowReveal};
   const std::string phrase = "write the entry of an agent client anew. Client: " + grant.label;
   return writeEntry(std::move(plan), std::move(grant), phrase, arguments, call);
 }

@@ -219,8 +219,10 @@ GrantStore::Added GrantStore::add(const NewGrant& grant, std::string_view replac
   State state = load();
   if (!state.confirmed) throw GrantsError(std::string(kNotConfirmed));
   if (!state.trusted) state.grants.clear();
-  std::erase_if(state.grants, [&](const ClientGrant& other) { return other.id == replacing; });
-  if (byLabel(state.grants, grant.label)) {
+  const auto held = std::find_if(state.grants.begin(), state.grants.end(), [&](const ClientGrant& other) {
+    return other.label == grant.label && other.id != replacing;
+  });
+  if (held != state.grants.end()) {
     throw GrantsError("There already is an agent connection labelled '" + grant.label +
                       "'. Nothing was changed. Choose another label, or remove that one first.");
   }

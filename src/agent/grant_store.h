@@ -47,7 +47,7 @@ class GrantStore final : public GrantBook {
     std::string id;
     base::SecretText token;
   };
-  /// With `replacing` the grant of that id, when there is one, gives way to the new one in the same save.
+  /// With `replacing` the label may be that of the grant of that id, which the caller removes afterwards.
   Added add(const NewGrant& grant, std::string_view replacing = {});
   /// Changes or removes the grant of that label. Throws GrantsError when there is none.
   void edit(std::string_view label, const std::function<void(ClientGrant&)>& change);

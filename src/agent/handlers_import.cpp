@@ -73,9 +73,11 @@ void writeReport(base::JsonWriter& out, const Importer::Report& report) {
 
 std::string_view whichEnvironment(const Importer::Plan& plan, bool named) {
   if (named) return "the environment";
-  const bool allThere = std::all_of(plan.files.begin(), plan.files.end(),
-                                    [](const Importer::PlannedFile& file) { return file.environmentExists; });
-  return allThere ? "the folder's existing environment" : "a new environment";
+  const auto all = [&](bool Importer::PlannedFile::*is) {
+    return std::all_of(plan.files.begin(), plan.files.end(), [&](const auto& file) { return file.*is; });
+  };
+  if (all(&Importer::PlannedFile::environmentIsFolders)) return "the folder's existing environment";
+  return all(&Importer::PlannedFile::environmentExists) ? "the environment" : "a new environment";
 }
 
 OperationQuestion importQuestion(Call& call, const Importer::Plan& plan, bool named) {
@@ -88,9 +90,10 @@ OperationQuestion importQuestion(Call& call, const Importer::Plan& plan, bool na
     std::string names, replaced;
     std::size_t count = 0;
     for (const Importer::PlannedKey& key : file.keys) {
-      if (key.outcome == Importer::Outcome::newVersion) replaced += (replaced.empty() ? "" : ", ") + key.name;
+      if (key.outcome == Importer::Outcome::newVersion)
+        replaced += (replaced.empty() ? "" : ", ") + shownShort(key.name);
       if (key.outcome != Importer::Outcome::create && key.outcome != Importer::Outcome::exists) continue;
-      if (++count <= kMostNamesShown) names += (names.empty() ? "" : ", ") + key.name;
+      if (++count <= kMostNamesShown) names += (names.empty() ? "" : ", ") + shownShort(key.name);
     }
     if (count > kMostNamesShown) names += " and " + std::to_string(count - kMostNamesShown) + " more";
     if (count > 0) question.details.push_back(file.path + " into '" + file.environment + "': " + names);
@@ -143,7 +146,8 @@ AgentResponse Handlers::importProject(Call& call) {
   if (base::trimmed(given).empty()) return AgentResponse::refused("importProject needs a directory path");
   const auto folder = existingFolder(given);
   if (!folder) return AgentResponse::refused("no such directory: " + given);
-  if (const auto refusal = vault::tooBroad(*folder, ports_.home, ports_.supportFolder)) {
+  if (const auto refusal = vault::tooBroad(*folder, existingFolder(ports_.home).value_or(ports_.home),
+                                           existingFolder(ports_.supportFolder).value_or(ports_.supportFolder))) {
     return AgentResponse::refused(*refusal);
   }
   Importer importer(ports_.vault);
@@ -168,7 +172,11 @@ AgentResponse Handlers::importProject(Call& call) {
     return response;
   }
   if (plan.summary().likelySecrets == 0) {
-    return AgentResponse::refused("no credential-shaped keys found in .env files under " + *folder);
+    std::string sentence = "no credential-shaped keys found in .env files under " + *folder;
+    for (const Importer::PlannedFile& file : plan.files) {
+      if (file.error) sentence += ". " + file.path + ": " + *file.error;
+    }
+    return AgentResponse::refused(sentence);
   }
   if (!plan.importsAnything()) {
     if (const std::string tooLarge = namesOf(plan, Importer::Outcome::tooLarge); !tooLarge.empty()) {

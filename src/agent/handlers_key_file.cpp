@@ -93,6 +93,13 @@ AgentResponse Handlers::keyEnvFile(Call& call) {
   if (call.denied(fileQuestion(call, session.info, keys, place, real))) {
     return AgentResponse::refused(std::string(kNotApproved));
   }
+  // The folder, its links and its work tree may have changed meanwhile, and the session may have ended.
+  ports_.sessions.lookup(id, call.caller().identity);
+  const KeyEnvFiles::Place now = ports_.keyFiles.place(request.arg, session.info.id, worktree);
+  if (now.path != place.path || now.warning != place.warning) {
+    return AgentResponse::refused(
+        "The place of the file changed while the owner was asked. Nothing was written. Try again.");
+  }
   std::vector<vault::DeliveredVersion> delivered;
   for (const vault::DeliveredVersion& item : session.snapshot->delivered) {
     if (std::any_of(keys.begin(), keys.end(), [&](const auto& key) { return key.name == item.variable; })) {

@@ -57,7 +57,8 @@ std::optional<KeyEnvFiles::Record> recordOf(const base::Json& json) {
   if (!createdAt || !expiresAt || !record.path.starts_with('/')) return std::nullopt;
   record.createdAt = *createdAt;
   record.expiresAt = *expiresAt;
-  record.managed = json.value("managed", false);
+  const auto managed = json.find("managed");
+  record.managed = managed != json.end() && managed->is_boolean() && managed->get<bool>();
   return record;
 }
 
@@ -189,7 +190,7 @@ void KeyEnvFiles::save() {
   files_.writeAtomically(directory_ / kManifestName, base::bytesOf(manifestText(records_)));
 }
 
-bool KeyEnvFiles::gitSays(const std::string& folder, std::vector<std::string> words, std::string& output) {
+KeyEnvFiles::GitAnswer KeyEnvFiles::askGit(const std::string& folder, std::vector<std::string> words) {
   CommandRequest command;
   command.words = {"/usr/bin/git", "-c", "core.fsmonitor=false"};
   command.words.insert(command.words.end(), std::make_move_iterator(words.begin()),
@@ -198,13 +199,26 @@ bool KeyEnvFiles::gitSays(const std::string& folder, std::vector<std::string> wo
   command.timeLimit = kGitSeconds;
   for (const std::string& entry : minimum_) {
     const std::size_t equals = entry.find('=');
+    if (entry.starts_with("LC_ALL=") || entry.starts_with("LANG")) continue;
     command.environment.push_back({entry.substr(0, equals), base::SecretText(entry.substr(equals + 1)), false});
   }
   command.environment.push_back({"GIT_OPTIONAL_LOCKS", base::SecretText("0"), false});
+  // Its sentences are read below.
+  command.environment.push_back({"LC_ALL", base::SecretText("C"), false});
   CommandControl control;
-  const CommandRunner::Outcome outcome = runner_.run(command, control);
-  output = outcome.result.output;
-  return !outcome.failure && outcome.result.exitCode == 0;
+  CommandRunner::Outcome outcome = runner_.run(command, control);
+  return {outcome.failure ? std::nullopt : outcome.result.exitCode, std::move(outcome.result.output)};
+}
+
+bool KeyEnvFiles::isInWorktree(const std::string& folder) {
+  constexpr std::int32_t kNotFound = 127;
+  const GitAnswer git = askGit(folder, {"rev-parse", "--is-inside-work-tree"});
+  // Without Git there is no check.
+  if (!git.exitCode || *git.exitCode == kNotFound) return false;
+  const std::string_view answer = base::trimmed(git.output);
+  if (*git.exitCode == 0) return answer != "false" && !answer.ends_with("\nfalse");
+  // A Git that runs and cannot tell, as with damaged settings, may still be there for whoever commits.
+  return answer.find("not a git repository") == std::string_view::npos;
 }
 
 KeyEnvFiles::Place KeyEnvFiles::place(const std::optional<std::string>& path, const std::string& sessionId,
@@ -218,12 +232,7 @@ KeyEnvFiles::Place KeyEnvFiles::place(const std::optional<std::string>& path, co
   struct stat status {};
   if (::lstat(place.path.c_str(), &status) == 0) throw KeyEnvFileError::exists(place.path);
   const std::string folder = std::filesystem::path(place.path).parent_path().string();
-  std::string output;
-  if (!gitSays(folder, {"rev-parse", "--is-inside-work-tree"}, output)) return place;
-  // A warning of Git may stand before its answer.
-  const std::string_view answer = base::trimmed(output);
-  if (answer != "true" && !answer.ends_with("\ntrue")) return place;
-  if (gitSays(folder, {"check-ignore", "-q", "--", place.path}, output)) return place;
+  if (!isInWorktree(folder) || askGit(folder, {"check-ignore", "-q", "--", place.path}).exitCode == 0) return place;
   if (worktree == GitWorktree::refuse) throw KeyEnvFileError::insideGitWorktree(place.path);
   place.warning = place.path + " is not in .gitignore, so Git could commit it. Add it to .gitignore now.";
   return place;

@@ -96,7 +96,12 @@ class KeyEnvFiles {
   void armTimer() REQUIRES(mutex_);
   std::vector<Record> load() const;
   void save() REQUIRES(mutex_);
-  bool gitSays(const std::string& folder, std::vector<std::string> words, std::string& output);
+  struct GitAnswer {
+    std::optional<std::int32_t> exitCode;  ///< absent when it could not be started
+    std::string output;
+  };
+  GitAnswer askGit(const std::string& folder, std::vector<std::string> words);
+  bool isInWorktree(const std::string& folder);
 
   // Constant after construction.
   const std::filesystem::path directory_;

@@ -39,6 +39,14 @@ bool covers(const vault::Revocation& revocation, const std::string& environment)
 
 TaskSessions::Failure::Failure(Case kind) : Error(sentenceOf(kind)), kind_(kind) {}
 
+TaskSessions::TaskSessions(const base::Clock& clock)
+    : clock_(clock), epoch_(base::randomUuid()), timer_(clock, [this] { expire(); }) {}
+
+void TaskSessions::close() {
+  endAll();
+  timer_.stop();
+}
+
 void TaskSessions::checkDuration(std::int64_t seconds, bool proxyOnly) {
   if (seconds < kMinSessionSeconds || seconds > (proxyOnly ? kMaxProxySessionSeconds : kMaxSessionSeconds)) {
     throw Failure(Failure::Case::invalidDuration);
@@ -247,11 +255,6 @@ void TaskSessions::finish(std::vector<Entry> ended) {
   for (Entry& entry : ended) {
     entry.ended.request_stop();
     infos.push_back(entry.info);
-    try {
-      if (entry.audit) entry.audit("task_session_end");
-    } catch (const base::Error& error) {
-      base::diagnose("agent", "the end of a task session could not be logged: " + error.sentence());
-    }
   }
   std::vector<std::function<void(const std::vector<TaskSessionInfo>&)>> observers;
   {
@@ -259,6 +262,14 @@ void TaskSessions::finish(std::vector<Entry> ended) {
     for (const auto& [token, observer] : endObservers_) observers.push_back(observer);
   }
   for (const auto& observer : observers) observer(infos);
+  // Last: what the session left is gone, however long the log takes.
+  for (Entry& entry : ended) {
+    try {
+      if (entry.audit) entry.audit("task_session_end");
+    } catch (const std::exception& error) {
+      base::diagnose("agent", std::string("the end of a task session could not be logged: ") + error.what());
+    }
+  }
 }
 
 void TaskSessions::noteDelivered(std::string_view id, const std::string& key,

@@ -75,7 +75,7 @@ class TaskSessions final : public vault::SessionRevoker {
     std::stop_token ended;
   };
 
-  explicit TaskSessions(const base::Clock& clock) : clock_(clock), timer_(clock, [this] { expire(); }) {}
+  explicit TaskSessions(const base::Clock& clock);
 
   /// Throws Failure::invalidDuration.
   static void checkDuration(std::int64_t seconds, bool proxyOnly);
@@ -100,6 +100,9 @@ class TaskSessions final : public vault::SessionRevoker {
   /// Ends every session of a caller whose permission changed.
   void endOf(std::string_view owner);
   void endAll();
+  /// Ends every session and waits for the timer: nothing is called any more afterwards. Before what audits and
+  /// observers use goes.
+  void close();
   /// Ends every session whose deadline has passed; the timer calls it.
   void expire();
 

@@ -43,7 +43,10 @@ class Application {
   Application(const Setting& setting, agent::ProcessHost& host, agent::ApprovalProvider* approver);
   Application(const Application&) = delete;
   Application& operator=(const Application&) = delete;
-  ~Application() { server_.stop(); }
+  ~Application() {
+    server_.stop();
+    sessions_.close();
+  }
 
   /// Opens the endpoint; false when that failed, with the reason on standard error.
   bool start();

@@ -8,6 +8,7 @@
 #include "clients/config_file.h"
 #include "vault/config_scan.h"
 #include "vault/import_walk.h"
+#include "vault/vault.h"
 
 namespace sorvane::app {
 namespace {
@@ -66,8 +67,11 @@ agent::ClientConnection ApplicationActions::planClient(const std::string& client
 }
 
 void ApplicationActions::connectClient(const agent::ClientConnection& plan, const ClientGrantToWrite& grant) {
-  connections_.connect(connections_.target(plan.client, plan.project),
-                       {grant.id, grant.token.clone(), grant.allowReveal});
+  clients::Connections::Plan made;
+  made.target = connections_.target(plan.client, plan.project);
+  made.file = plan.file;
+  made.tokenInFile = plan.tokenInFile;
+  connections_.connect(made, {grant.id, grant.token.clone(), grant.allowReveal});
 }
 
 std::string ApplicationActions::disconnectClient(const std::string& client, const std::string& project) {
@@ -98,8 +102,10 @@ std::vector<agent::FolderFinding> ApplicationActions::scan(const std::string& fo
 void ApplicationActions::removeVault() {
   // The metadata first: values that nothing names are useless, and metadata without values would be a damaged vault.
   const std::filesystem::path folder(state_.supportFolder);
-  std::filesystem::remove_all(folder / base::kVaultName);
-  std::filesystem::remove(folder / base::kGrantsName);
+  std::error_code failed;
+  std::filesystem::remove_all(folder / base::kVaultName, failed);
+  if (failed) throw vault::VaultError("The vault's files could not be removed: " + failed.message() + ".");
+  std::filesystem::remove(folder / base::kGrantsName, failed);
   for (const std::string& account : stores_.inUse().accounts()) stores_.inUse().remove(account);
   // The answer is still sent: stopping waits for the requests that are served.
   ::kill(::getpid(), SIGTERM);

@@ -4,7 +4,7 @@
 
 namespace sorvane::base {
 
-DeadlineTimer::~DeadlineTimer() {
+void DeadlineTimer::stop() {
   std::jthread thread;
   {
     const Lock lock(mutex_);

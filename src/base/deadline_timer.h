@@ -19,10 +19,12 @@ class DeadlineTimer {
 
   /// `due` must not throw.
   DeadlineTimer(const Clock& clock, std::function<void()> due) : clock_(clock), due_(std::move(due)) {}
-  ~DeadlineTimer();
+  ~DeadlineTimer() { stop(); }
   DeadlineTimer(const DeadlineTimer&) = delete;
   DeadlineTimer& operator=(const DeadlineTimer&) = delete;
 
+  /// Ends the thread and waits for a call that runs. Not to be called by the function itself.
+  void stop();
   /// Replaces the deadline; nullopt: none.
   void arm(std::optional<Instant> deadline);
 

@@ -82,7 +82,7 @@ std::vector<std::string> chosenNewVersions(const base::Json& plan) {
       const std::string name = cell(key, "name");
       if (confirmed("There is a secret " + name + ". If it holds another value than " + shortPath(plan, file) +
                     ", give it this one as a new version?")) {
-        chosen.push_back(name);
+        chosen.push_back(cell(file, "path") + "\n" + name);
       }
     }
   }

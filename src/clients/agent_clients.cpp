@@ -84,8 +84,8 @@ bool claudeCodeRunsUnasked(const Folders& folders, std::string_view) {
 bool codexRunsUnasked(const Folders&, std::string_view document) {
   const auto entry = valueIn(ConfigFormat::toml, document, {"mcp_servers", "sorvane"});
   if (!entry || !entry->is_object()) return false;
-  const std::string mode = entry->value("default_tools_approval_mode", "");
-  return mode == "auto" || mode == "approve";
+  const auto mode = entry->find("default_tools_approval_mode");
+  return mode != entry->end() && (*mode == "auto" || *mode == "approve");
 }
 
 bool cursorRunsUnasked(const Folders& folders, std::string_view) {
@@ -99,7 +99,9 @@ bool codeRunsUnasked(const Folders& folders, std::string_view) {
 
 bool geminiRunsUnasked(const Folders&, std::string_view document) {
   const auto entry = valueIn(ConfigFormat::json, document, {"mcpServers", "sorvane"});
-  return entry && entry->is_object() && entry->value("trust", false);
+  if (!entry || !entry->is_object()) return false;
+  const auto trust = entry->find("trust");
+  return trust != entry->end() && *trust == true;
 }
 
 constexpr std::array kClients{

@@ -67,7 +67,7 @@ std::string_view word(Connections::State state) {
 Connections::Connections(Setting setting, base::Files& files, vault::SealedSettings& settings)
     : setting_(std::move(setting)), files_(files), ledger_(settings) {}
 
-Connections::Target Connections::target(const std::string& client, const std::string& project) const {
+Connections::Target Connections::target(const std::string& client, const std::string& project) {
   const AgentClient* const found = clientNamed(client);
   if (found == nullptr) {
     std::string words;
@@ -80,6 +80,10 @@ Connections::Target Connections::target(const std::string& client, const std::st
     throw ConnectionError(
         std::string(found->name) +
         " has no configuration file for a project. Nothing was changed. Connect it without a project.");
+  }
+  // A project that is gone can still be disconnected.
+  for (const LedgerRow& row : ledger_.rows()) {
+    if (row.client == client && row.project == project) return {found, project};
   }
   const std::unique_ptr<char, decltype(&::free)> folder(::realpath(project.c_str(), nullptr), &::free);
   if (!folder || project.front() != '/' || !isFolder(folder.get())) {
@@ -161,8 +165,11 @@ Connections::Plan Connections::plan(const Target& target) {
   plan.target = target;
   const auto contents = readConfigFile(fileOf(target));
   plan.file = (contents ? contents->path : fileOf(target)).string();
-  // A project's file is often committed, and a file that others can read is no place for a token.
-  plan.tokenInFile = target.project.empty() && (!contents || (contents->mode & kOthers) == 0);
+  // A project's file is often committed, as is one that a link leads to, and what others can read is no place for a
+  // token.
+  struct stat status {};
+  const bool isLink = ::lstat(fileOf(target).c_str(), &status) == 0 && S_ISLNK(status.st_mode);
+  plan.tokenInFile = target.project.empty() && !isLink && (!contents || (contents->mode & kOthers) == 0);
   const std::string text = contents ? contents->text : std::string();
   const auto row = rowOf(target);
   naming(plan.file, [&] {
@@ -188,12 +195,14 @@ OrderedJson Connections::entryFor(const Target& target, const Grant& grant, bool
   return target.client->entry(command);
 }
 
-void Connections::connect(const Target& target, const Grant& grant) {
+void Connections::connect(const Plan& plan, const Grant& grant) {
+  const Target& target = plan.target;
   const AgentClient& client = *target.client;
   const std::filesystem::path file = fileOf(target);
   const auto earlier = rowOf(target);
   LedgerRow row{std::string(client.word), target.project, file.string(), grant.id, {}, false};
-  const bool tokenInFile = plan(target).tokenInFile;
+  // As it was put to the owner, whatever became of the file's mode since.
+  const bool tokenInFile = plan.tokenInFile;
   if (!target.project.empty()) makeFoldersFor(file);
   if (!tokenInFile) {
     files_.makeFolder(setting_.supportFolder / kTokenFolder);

@@ -67,13 +67,13 @@ class Connections {
   Connections(Setting setting, base::Files& files, vault::SealedSettings& settings);
 
   /// Throws ConnectionError for an unknown client, a project folder that is none, and a client without project files.
-  Target target(const std::string& client, const std::string& project) const;
+  Target target(const std::string& client, const std::string& project);
   std::vector<Status> statuses();
   Status status(const Target& target);
   /// Throws ConnectionError or what the file's reader throws when it cannot be done.
   Plan plan(const Target& target);
   /// Writes the entry and the ledger. When it throws, the file is as it was.
-  void connect(const Target& target, const Grant& grant);
+  void connect(const Plan& plan, const Grant& grant);
   /// Takes the entry back unless somebody changed it; the ledger's row and the token's file go in any case.
   Undone disconnect(const Target& target);
   const Folders& folders() const { return setting_.folders; }

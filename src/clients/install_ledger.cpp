@@ -39,8 +39,9 @@ LedgerRow rowOf(const base::Json& json) {
     if (found == json.end() || !found->is_string()) damaged();
     return found->get<std::string>();
   };
+  const auto created = json.find("createdFile");
   return {text("client"),  text("project"), text("file"),
-          text("grantId"), text("undo"),    json.value("createdFile", false)};
+          text("grantId"), text("undo"),    created != json.end() && created->is_boolean() && created->get<bool>()};
 }
 
 }  // namespace

@@ -93,6 +93,7 @@ void Importer::place(PlannedFile& file, const Options& options, const Records& r
   }
   const Project* const existing = records.projectByName(file.environment);
   file.environmentExists = existing != nullptr;
+  file.environmentIsFolders = existing != nullptr && existing->rootPath == file.folder;
   if (existing != nullptr && existing->deploymentTarget) file.proposedTarget.reset();
 }
 
@@ -104,7 +105,7 @@ Importer::Outcome Importer::outcomeOf(const PlannedKey& key, const PlannedFile& 
   if (project != nullptr && project->find(key.name) != nullptr) return Outcome::unchanged;
   if (key.value.size() > kMaxValueBytes) return Outcome::tooLarge;
   if (records.secretByName(key.name) == nullptr) return Outcome::create;
-  return contains(options.newVersions, key.name) ? Outcome::newVersion : Outcome::exists;
+  return contains(options.newVersions, file.path + "\n" + key.name) ? Outcome::newVersion : Outcome::exists;
 }
 
 void Importer::sort(PlannedFile& file, const Options& options, const Records& records, Plan& plan) {

@@ -60,6 +60,7 @@ class Importer {
     std::string folder;
     std::string environment;
     bool environmentExists = false;
+    bool environmentIsFolders = false;  ///< its folder is this file's
     std::optional<std::string> proposedTarget;
     std::vector<PlannedKey> keys;
     std::vector<std::string> duplicates;  ///< keys that stand more than once; the last one counts
@@ -76,7 +77,8 @@ class Importer {
   };
   struct Options {
     std::optional<std::string> environment;  ///< all files go into this one
-    /// Keys whose secret of another value gets this value as a new version.
+    /// Keys whose secret of another value gets this value as a new version, as the file's path, a line feed and the
+    /// name.
     std::vector<std::string> newVersions;
   };
 

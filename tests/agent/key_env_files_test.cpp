@@ -77,6 +77,9 @@ TEST_F(KeyFiles, aPathThatGitCouldCommitIsRefusedUnlessAllowed) {
   git("config core.fsmonitor 'touch " + (folder_.path() / "ran").string() + "'");
   EXPECT_EQ(placeFails(tree() / "b.env"), Case::insideGitWorktree);
   EXPECT_FALSE(fs::exists(folder_.path() / "ran"));
+  // A Git that cannot tell is no leave.
+  std::ofstream(tree() / ".git/config") << "[core\n";
+  EXPECT_EQ(placeFails(tree() / "c.env"), Case::insideGitWorktree);
   EXPECT_EQ(placeFails("a.env"), Case::notAbsolute);
 }
 

@@ -47,6 +47,7 @@ class StandInApplication final : public agent::VaultActions {
   void removeVault() override {}
 
   bool fails = false;
+  void connectTo(const std::string& grantId) { connection_.grantId = grantId; }
 
  private:
   agent::ClientConnection connection_{"claude-code", "Claude Code", "",    "file", true, "connected",
@@ -61,7 +62,7 @@ class OwnerActions : public VaultFixture {
     vault().addVersion(id, newVersion("made-up-value-2"));
     const auto app = vault().createEnvironment({"app", "", {}, {}});
     vault().bind(app.id, {"KEY", id, {}, {}});
-    grants_.add({"Editor", "app", false});
+    application_.connectTo(grants_.add({"Editor", "app", false}).id);
   }
 
   AgentResponse act(Payload payload, std::optional<std::string> value = {}) {
@@ -207,7 +208,10 @@ TEST_F(OwnerActions, everyDocumentedActionAsksAsDocumentedAndDoesNothingAfterANo
 
 TEST_F(OwnerActions, everyActionThatAsksIsCarriedOutAfterAYes) {
   for (const auto& [action, asks] : documentedActions()) {
-    if (!asks || action == "secretRemove" || action == "environmentRemove" || action == "agentRemove") continue;
+    if (!asks || action == "secretRemove" || action == "environmentRemove" || action == "agentRemove" ||
+        action == "clientDisconnect") {
+      continue;
+    }
     // What an earlier action renamed or limited is put back by a vault of its own.
     if (action == "secretLimit" || action == "secretRename" || action == "environmentRename" ||
         action == "environmentTarget") {
@@ -225,6 +229,7 @@ TEST_F(OwnerActions, everyActionThatAsksIsCarriedOutAfterAYes) {
 }
 
 TEST_F(OwnerActions, aClientsConnectionIsAGrantThatGoesWithItsEntry) {
+  application_.connectTo("");
   ASSERT_TRUE(act({{"action", "clientConnect"}, {"client", "claude-code"}, {"environment", "app"}}).ok);
   auto made = grants_.view().grants;
   ASSERT_EQ(made.size(), 2U);
@@ -238,7 +243,10 @@ TEST_F(OwnerActions, aClientsConnectionIsAGrantThatGoesWithItsEntry) {
   EXPECT_NE(repaired.back().tokenHash, made.back().tokenHash);
   application_.fails = true;
   EXPECT_EQ(act({{"action", "clientRepair"}, {"client", "claude-code"}}).error, "the file is read-only");
-  EXPECT_EQ(grants_.view().grants.size(), 1U) << "a token that no file holds must not count";
+  EXPECT_EQ(grants_.view().grants, repaired) << "what was not written replaces nothing";
+  ASSERT_TRUE(act({{"action", "clientDisconnect"}, {"client", "claude-code"}}).ok);
+  EXPECT_EQ(grants_.view().grants.size(), 1U);
+  EXPECT_FALSE(act({{"action", "clientRepair"}, {"client", "claude-code"}}).ok) << "nothing widens what is gone";
 }
 
 TEST_F(OwnerActions, whatChangesAConnectionEndsItsTaskSessions) {

@@ -306,11 +306,12 @@ TEST_F(Imports, anotherValueOfTheSameNameFailsAndNothingIsReplaced) {
   EXPECT_EQ(other["files"][0]["failedReasons"]["KEY"], "A secret with this name already exists.");
   EXPECT_TRUE(vault_.currentValueIs(vault_.records()->secretByName("KEY")->id, base::SecretText(kValue)));
   // Only the owner's own command line may choose a new version.
-  documentOf(import("other", "open", {{"newVersions", R"(["KEY"])"}}));
+  const std::string chosen = base::Json::array({project().string() + "/.env\nKEY"}).dump();
+  documentOf(import("other", "open", {{"newVersions", chosen}}));
   EXPECT_TRUE(vault_.currentValueIs(vault_.records()->secretByName("KEY")->id, base::SecretText(kValue)));
   AgentRequest own = request(AgentOp::importProject, {}, "other");
   own.directory = project().string();
-  own.payload["newVersions"] = R"(["KEY"])";
+  own.payload["newVersions"] = chosen;
   own.hasPayload = true;
   ASSERT_TRUE(ask(own).ok);
   EXPECT_FALSE(vault_.currentValueIs(vault_.records()->secretByName("KEY")->id, base::SecretText(kValue)));
