@@ -8,6 +8,7 @@ void DeadlineTimer::stop() {
   std::jthread thread;
   {
     const Lock lock(mutex_);
+    stopped_ = true;
     thread = std::move(thread_);
   }
   thread.request_stop();
@@ -18,7 +19,8 @@ void DeadlineTimer::arm(std::optional<Instant> deadline) {
   const Lock lock(mutex_);
   deadline_ = deadline;
   ++armings_;
-  if (deadline && !thread_.joinable()) thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
+  if (deadline && !stopped_ && !thread_.joinable())
+    thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
   changed_.notify_all();
 }
 

@@ -23,7 +23,8 @@ class DeadlineTimer {
   DeadlineTimer(const DeadlineTimer&) = delete;
   DeadlineTimer& operator=(const DeadlineTimer&) = delete;
 
-  /// Ends the thread and waits for a call that runs. Not to be called by the function itself.
+  /// Ends the thread for good and waits for a call that runs; deadlines set later do nothing. Not to be called by the
+  /// function itself.
   void stop();
   /// Replaces the deadline; nullopt: none.
   void arm(std::optional<Instant> deadline);
@@ -39,6 +40,7 @@ class DeadlineTimer {
   Condition changed_;
   std::optional<Instant> deadline_ GUARDED_BY(mutex_);
   std::uint64_t armings_ GUARDED_BY(mutex_) = 0;
+  bool stopped_ GUARDED_BY(mutex_) = false;
   std::jthread thread_ GUARDED_BY(mutex_);
 };
 

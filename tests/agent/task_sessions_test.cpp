@@ -16,6 +16,8 @@ using Case = TaskSessions::Failure::Case;
 
 class Sessions : public ::testing::Test {
  protected:
+  // The clock is moved by hand, and so is the expiry: the timer's own thread would race with both.
+  Sessions() { sessions_.close(); }
   TaskSessions::NewSession fresh(std::int64_t seconds = 60, const std::string& owner = "a", bool proxyOnly = false) {
     TaskSessions::NewSession session;
     session.owner = owner;
@@ -46,8 +48,8 @@ class Sessions : public ::testing::Test {
   }
 
   test::ManualClock clock_;
-  TaskSessions sessions_{clock_};
   std::vector<std::string> audited_;
+  TaskSessions sessions_{clock_};
 };
 
 TEST_F(Sessions, aDurationIsBoundedByWhatTheSessionHolds) {
