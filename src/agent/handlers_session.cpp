@@ -54,6 +54,13 @@ std::vector<vault::DeliveredVersion> deliveredBy(const vault::Records& records, 
   return delivered;
 }
 
+AgentResponse repairFirst(vault::RenderResult result) {
+  AgentResponse refused = AgentResponse::refused("Repair missing environment values before starting a task session");
+  refused.warnings = std::move(result.warnings);
+  refused.missing = std::move(result.missing);
+  return refused;
+}
+
 base::SecretText redacted(const base::SecretText& line) {
   const std::string_view text = line.view();
   base::SecretText shown;
@@ -99,6 +106,15 @@ AgentResponse Handlers::beginTaskSession(Call& call) {
   snapshot.environmentId = environment.id;
   checkTargetsBeforeAsking(*records, environment, snapshot.deploymentTarget);
   if (ports_.sessions.isFull()) throw TaskSessions::Failure(TaskSessions::Failure::Case::capacity);
+  // Hands out and logs nothing: only what is missing is looked for.
+  vault::RenderedEnvironment looked;
+  try {
+    looked =
+        ports_.vault.render(environment.id, snapshot.deploymentTarget, vault::RenderValues::redact, call.access(""));
+  } catch (const vault::VaultError&) {
+    return AgentResponse::refused(std::string(kEnvironmentUnavailable));
+  }
+  if (!looked.result.missing.empty()) return repairFirst(std::move(looked.result));
   if (call.denied(sessionQuestion(call, environment, seconds, snapshot.directory))) {
     return AgentResponse::refused(std::string(kApprovalDenied));
   }
@@ -110,12 +126,7 @@ AgentResponse Handlers::beginTaskSession(Call& call) {
   } catch (const vault::VaultError&) {
     return AgentResponse::refused(std::string(kEnvironmentUnavailable));
   }
-  if (!rendered.result.missing.empty()) {
-    AgentResponse refused = AgentResponse::refused("Repair missing environment values before starting a task session");
-    refused.warnings = std::move(rendered.result.warnings);
-    refused.missing = std::move(rendered.result.missing);
-    return refused;
-  }
+  if (!rendered.result.missing.empty()) return repairFirst(std::move(rendered.result));
   // A variable that was added while the owner was asked ends no session, but was not shown to them either.
   const auto present = ports_.vault.records();
   const vault::Project* const now = present->projectById(environment.id);
@@ -173,13 +184,13 @@ AgentResponse Handlers::taskSessionEnv(Call& call) {
   const AgentRequest& request = call.request();
   const auto session =
       ports_.sessions.lookup(request.taskSession.value_or(request.arg.value_or("")), call.caller().identity);
+  const bool raw = call.caller().allowReveal || session.snapshot->proxyOnly;
   try {
     ports_.vault.logDelivery(call.access("agent_task_session_env"), session.snapshot->environmentId,
-                             session.snapshot->delivered);
+                             raw ? session.snapshot->delivered : std::vector<vault::DeliveredVersion>());
   } catch (const vault::VaultError&) {
     return AgentResponse::refused(std::string(kEnvironmentUnavailable));
   }
-  const bool raw = call.caller().allowReveal || session.snapshot->proxyOnly;
   AgentResponse response = sessionAnswer({session.info});
   std::vector<base::SecretText>& lines = response.lines.emplace();
   for (const base::SecretText& line : session.snapshot->lines) lines.push_back(raw ? line.clone() : redacted(line));

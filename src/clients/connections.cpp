@@ -245,7 +245,6 @@ Connections::Undone Connections::disconnect(const Target& target) {
     }
     auto restored = restoreEntry(client.format, text, client.path(), row->undo);
     undone = restored ? Undone::restored : Undone::leftChanged;
-    if (!restored) return std::nullopt;
     return restored;
   });
   // A file that was made for the entry alone goes with it.

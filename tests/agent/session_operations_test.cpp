@@ -143,6 +143,8 @@ TEST_F(SessionOperations, anEnvironmentWithMissingValuesGivesNoSession) {
   const AgentResponse refused = ask(beginning());
   EXPECT_EQ(refused.error, "Repair missing environment values before starting a task session");
   EXPECT_THAT(refused.missing.value(), ElementsAre("KEY"));
+  EXPECT_THAT(provider_.asked.all(), IsEmpty());
+  EXPECT_THAT(toolsLogged(), IsEmpty()) << "nothing left";
   EXPECT_THAT(sessions_.listAll(), IsEmpty());
 }
 
