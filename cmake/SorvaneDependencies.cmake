@@ -5,6 +5,7 @@ find_package(nlohmann_json REQUIRED)
 pkg_check_modules(libcrypto REQUIRED IMPORTED_TARGET libcrypto)
 pkg_check_modules(sodium REQUIRED IMPORTED_TARGET libsodium)
 pkg_check_modules(sqlite3 REQUIRED IMPORTED_TARGET sqlite3)
+pkg_check_modules(libcurl REQUIRED IMPORTED_TARGET libcurl)
 pkg_check_modules(simdjson REQUIRED IMPORTED_TARGET simdjson)
 pkg_check_modules(utf8proc REQUIRED IMPORTED_TARGET libutf8proc)
 # The helper program is static, so its one library is linked that way wherever it is used.
