@@ -17,6 +17,9 @@
 #include "proxy/grants.h"
 #include "proxy/meter.h"
 #include "proxy/options.h"
+#include "proxy/process_watch.h"
+#include "proxy/proxy_serving.h"
+#include "proxy/velocity_stop.h"
 
 namespace sorvane::proxy {
 
@@ -78,11 +81,31 @@ struct ProxyGrantStatus {
   bool paused = false;  ///< by the velocity stop
 };
 
+/// A grant that is charged faster than the owner's limit, and paused until there is an answer.
+struct VelocityQuestion {
+  std::string lookupId, client, environmentName;
+  std::int64_t chargedCents = 0;  ///< within the last minute
+  std::int64_t limitCents = 0;    ///< a minute
+};
+
 /// LocalProxyBroker owns the proxy: it mints grants, watches over their ends, and runs the server while it is wanted.
 /// Any thread; calls no port while it holds its lock.
 class LocalProxyBroker {
  public:
-  struct Ports;
+  /// What the broker works on; all outlive it. Whoever composes gives the meter to the forwarder and the grants to the
+  /// server, and registers the server's `cut` with the grants.
+  struct Ports {
+    const base::Clock& clock;
+    LocalProxyGrants& grants;
+    VelocityStop& meter;
+    ProxyServing& server;
+    ProcessWatch& processes;
+    /// The owner's settings as they stand now.
+    std::function<ProxyOptions()> options;
+    /// Asks whether a paused grant may go on. Must not block; the answer may come on any thread, also after the broker
+    /// is gone. Without it a paused grant waits for `resume`.
+    std::function<void(const VelocityQuestion& question, std::function<void(bool goOn)> answer)> askVelocity;
+  };
   explicit LocalProxyBroker(Ports ports);
   /// Stops.
   ~LocalProxyBroker();
@@ -90,7 +113,9 @@ class LocalProxyBroker {
   LocalProxyBroker& operator=(const LocalProxyBroker&) = delete;
 
   /// Runs the server while a key is protected. Ends every grant whose provider is no longer served or whose key is no
-  /// longer among the protected ones (`protectedSecrets`: secret id to provider).
+  /// longer among the protected ones (`protectedSecrets`: secret id to provider). Called after every change of the
+  /// protected keys or of the settings. A server that cannot start is said on standard error, and there is no port
+  /// then.
   void serve(const std::map<std::string, ProxyProvider>& protectedSecrets);
   /// Ends every grant and the server; `serve` begins anew.
   void stop();
@@ -100,10 +125,12 @@ class LocalProxyBroker {
   std::int64_t longestSessionSeconds() const;
   /// Decides before the owner is asked; nullopt when the grant may be asked for.
   std::optional<ProxyAskRefusal> refusedAsk(const ProxyAsk& ask) const;
-  /// Throws ProxyUnavailable when the server does not run.
+  /// Throws ProxyUnavailable when the server does not run, a key is not among the protected ones, or the asking is
+  /// refused; and what `audit` throws.
   IssuedProxyGrant issue(NewProxyGrant grant);
   /// A grant for a command run: the run ends when the helper's process is gone, after kIdleRun without a call when that
-  /// cannot be watched, at `until`, or with endRun. Grants of one run share one pool.
+  /// cannot be watched, at `until`, or with endRun. Grants of one run share one pool. When the helper is gone already,
+  /// the grant is over when this returns.
   IssuedProxyGrant issueForRun(NewProxyGrant grant, const ProxyRunWatch& watch);
   /// False when the run is unknown, over, or another caller's.
   bool endRun(std::string_view runId, std::string_view caller);
@@ -115,6 +142,7 @@ class LocalProxyBroker {
   /// A grant that the velocity stop paused goes on.
   void resume(std::string_view lookupId);
 
+  /// Of a live grant. When the meter does not know it, the budget is that of its own limits and nothing is spent.
   std::optional<ProxyGrantSummary> summaryOf(std::string_view lookupId) const;
   ProxyCallerUsage usageOf(std::string_view caller) const;
   std::vector<ProxyGrantStatus> statuses() const;

@@ -35,7 +35,9 @@ struct ProxySpend {
   Micros reservedMicros = 0;
   Micros budgetMicros = 0;
   std::int64_t calls = 0;
-  bool exhausted = false;  ///< stopped because a provider reported more than was reserved
+  bool exhausted = false;    ///< stopped because a provider reported more than was reserved
+  int inFlight = 0;          ///< reservations that are held
+  base::Instant lastCall{};  ///< when a call was last admitted, released or settled
 };
 
 /// ProxyMeter decides whether a call may be sent and keeps what was spent. Any thread; never blocks on anything but a

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <limits>
+#include <string>
 
 namespace sorvane::proxy {
 
@@ -23,5 +24,7 @@ constexpr Micros multiplySaturating(Micros left, Micros right) {
 constexpr std::int64_t centsOf(Micros micros) {
   return micros / kMicrosPerCent + (micros % kMicrosPerCent > 0 ? 1 : 0);
 }
+/// As people read it: "$5.00".
+std::string dollarsOf(std::int64_t cents);
 
 }  // namespace sorvane::proxy
