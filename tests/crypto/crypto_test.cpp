@@ -4,6 +4,7 @@
 
 #include "base/codec.h"
 #include "crypto/aead.h"
+#include "crypto/derivation.h"
 #include "crypto/digest.h"
 #include "support/corpus.h"
 
@@ -68,6 +69,39 @@ TEST(Aead, sealsUnderAFreshNonceEachTime) {
 TEST(Digest, followsThePublishedExamples) {  // FIPS 180-4 examples
   EXPECT_EQ(sha256Hex(base::bytesOf("abc")), "ba7816bf8f01cfea414140de5dae2223b00361a396177a9cb410ff61f20015ad");
   EXPECT_EQ(sha256Hex({}), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+}
+
+TEST(Derivation, followsThePublishedVectors) {
+  int cases = 0;
+  const auto vectors = [&](const char* file, const auto& check) {
+    const auto suite = nlohmann::json::parse(test::textOfFile(test::corpus(file)));
+    for (const auto& group : suite["testGroups"]) {
+      for (const auto& vector : group["tests"]) {
+        check(vector);
+        ++cases;
+      }
+    }
+  };
+  vectors("wycheproof/hkdf_sha256_test.json", [](const auto& vector) {
+    Bytes out(vector["size"].template get<std::size_t>());
+    const auto derive = [&] {
+      hkdfSha256(bytesOfHex(vector["ikm"]), bytesOfHex(vector["salt"]), bytesOfHex(vector["info"]), out);
+    };
+    if (vector["result"] != "valid") {
+      EXPECT_THROW(derive(), CryptoFailure) << vector["tcId"];
+      return;
+    }
+    derive();
+    EXPECT_EQ(base::hexLower(out), vector["okm"].template get<std::string>()) << vector["tcId"];
+  });
+  EXPECT_EQ(cases, 86);
+  vectors("wycheproof/pbkdf2_hmacsha256_test.json", [](const auto& vector) {
+    Bytes out(vector["dkLen"].template get<std::size_t>());
+    pbkdf2Sha256(bytesOfHex(vector["password"]), bytesOfHex(vector["salt"]),
+                 vector["iterationCount"].template get<std::int64_t>(), out);
+    EXPECT_EQ(base::hexLower(out), vector["dk"].template get<std::string>()) << vector["tcId"];
+  });
+  EXPECT_EQ(cases, 86 + 60);
 }
 
 }  // namespace
