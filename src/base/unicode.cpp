@@ -129,6 +129,24 @@ std::string nfc(std::string_view text) {
   return std::string(reinterpret_cast<const char*>(normal), static_cast<std::size_t>(size));
 }
 
+std::optional<SecretText> nfcOfSecret(std::string_view text) {
+  constexpr auto kOptions = static_cast<utf8proc_option_t>(UTF8PROC_STABLE | UTF8PROC_COMPOSE);
+  constexpr std::size_t kUnit = sizeof(utf8proc_int32_t);
+  const auto* bytes = reinterpret_cast<const utf8proc_uint8_t*>(text.data());
+  const auto length = static_cast<utf8proc_ssize_t>(text.size());
+  const auto units = utf8proc_decompose(bytes, length, nullptr, 0, kOptions);
+  if (units < 0) return std::nullopt;
+  // In a wiped buffer of its own, one unit longer because the library ends the text with a zero byte.
+  SecretText buffer;
+  buffer.resize((static_cast<std::size_t>(units) + 1) * kUnit);
+  auto* work = reinterpret_cast<utf8proc_int32_t*>(buffer.data());
+  if (utf8proc_decompose(bytes, length, work, units, kOptions) != units) return std::nullopt;
+  const auto size = utf8proc_reencode(work, units, kOptions);
+  if (size < 0) return std::nullopt;
+  buffer.truncate(static_cast<std::size_t>(size));
+  return buffer;
+}
+
 std::size_t displayWidth(std::string_view text) {
   std::size_t width = 0;
   for (; !text.empty(); text.remove_prefix(decodeUtf8(text).size)) {

@@ -6,6 +6,8 @@
 #include <string>
 #include <string_view>
 
+#include "base/secret_text.h"
+
 namespace sorvane::base {
 
 /// One decoded character; `size` is the number of bytes it took, at least 1. `valid` is false for a byte that starts no
@@ -38,6 +40,9 @@ std::string_view trimmed(std::string_view text);
 
 /// Unicode normalisation form C. Text that is not UTF-8 is returned unchanged.
 std::string nfc(std::string_view text);
+
+/// The same for text that must leave no copies: every buffer on the way is wiped. nullopt for what is not UTF-8.
+std::optional<SecretText> nfcOfSecret(std::string_view text);
 
 /// Columns that the text takes on a terminal: wide characters two, combining ones none.
 std::size_t displayWidth(std::string_view text);

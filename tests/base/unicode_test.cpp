@@ -36,7 +36,10 @@ TEST(Unicode, normalisationFormCFollowsThePublishedTest) {
     }
     for (int i = 0; i < 3; ++i) ASSERT_EQ(nfc(columns[i]), columns[1]) << line;
     for (int i = 3; i < 5; ++i) ASSERT_EQ(nfc(columns[i]), columns[3]) << line;
+    for (int i = 0; i < 3; ++i) ASSERT_EQ(nfcOfSecret(columns[i])->view(), columns[1]) << line;
   }
+  EXPECT_FALSE(nfcOfSecret("a\xff"));
+  EXPECT_TRUE(nfcOfSecret("")->empty());
   EXPECT_EQ(cases, 19074);
 }
 
