@@ -3,22 +3,21 @@
 #include <algorithm>
 #include <nlohmann/json.hpp>
 
-#include "base/ids.h"
 #include "base/json.h"
 #include "base/json_writer.h"
+#include "vault/long_setting.h"
 #include "vault/sealed_settings.h"
 
 namespace sorvane::clients {
 namespace {
 
 constexpr std::string_view kSetting = "install-ledger";
-/// Most bytes of text in one setting; a part is the text itself.
-constexpr std::size_t kMostBytes = 2800;
+constexpr std::string_view kDamaged =
+    "The record of what sorvane changed in agent clients' files is damaged, so nothing was changed. Remove sorvane's "
+    "entries from those files by hand.";
 
 [[noreturn]] void damaged() {
-  throw vault::SettingError(vault::SettingError::Case::storage,
-                            "The record of what sorvane changed in agent clients' files is damaged, so nothing was "
-                            "changed. Remove sorvane's entries from those files by hand.");
+  throw vault::SettingError(vault::SettingError::Case::storage, std::string(kDamaged));
 }
 
 std::string textOf(const std::vector<LedgerRow>& rows) {
@@ -46,54 +45,18 @@ LedgerRow rowOf(const base::Json& json) {
 
 }  // namespace
 
-std::optional<InstallLedger::Head> InstallLedger::head() {
-  const auto stored = settings_.load(kSetting);
-  if (!stored) return std::nullopt;
-  const auto json = base::parseJson(stored->view());
-  if (!json || !json->is_array()) damaged();
-  Head head;
-  if (json->empty() || !json->front().is_string()) {
-    head.text = stored->view();
-    return head;
-  }
-  for (const base::Json& part : *json) {
-    if (!part.is_string()) damaged();
-    head.parts.push_back(part.get<std::string>());
-    const auto piece = settings_.load(head.parts.back());
-    if (!piece) damaged();
-    head.text += piece->view();
-  }
-  return head;
-}
-
 std::vector<LedgerRow> InstallLedger::load() {
   std::vector<LedgerRow> rows;
-  const auto found = head();
-  if (!found) return rows;
-  const auto json = base::parseJson(found->text);
+  const auto text = vault::loadLongSetting(settings_, kSetting, std::string(kDamaged));
+  if (!text) return rows;
+  const auto json = base::parseJson(*text);
   if (!json || !json->is_array()) damaged();
   for (const base::Json& item : *json) rows.push_back(rowOf(item));
   return rows;
 }
 
 void InstallLedger::save(const std::vector<LedgerRow>& rows) {
-  const auto before = head();
-  const std::string text = textOf(rows);
-  if (text.size() <= kMostBytes) {
-    settings_.save(kSetting, text);
-  } else {
-    base::JsonWriter names;
-    names.beginArray();
-    for (std::size_t at = 0; at < text.size(); at += kMostBytes) {
-      const std::string name = std::string(kSetting) + "-" + base::randomHex(16);
-      settings_.save(name, std::string_view(text).substr(at, kMostBytes));
-      names.string(name);
-    }
-    names.endArray();
-    settings_.save(kSetting, names.view());
-  }
-  if (!before) return;
-  for (const std::string& part : before->parts) settings_.remove(part);
+  vault::saveLongSetting(settings_, kSetting, textOf(rows));
 }
 
 std::vector<LedgerRow> InstallLedger::rows() {

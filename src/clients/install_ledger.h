@@ -1,6 +1,5 @@
 #pragma once
 
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -24,7 +23,6 @@ struct LedgerRow {
 };
 
 /// InstallLedger keeps every change that sorvane made to other programs' files in the sealed setting "install-ledger".
-/// A ledger too long for one setting lies in parts of its own that the setting names, so that it changes as a whole.
 /// Any thread. Failures are vault::SettingError.
 class InstallLedger {
  public:
@@ -36,11 +34,6 @@ class InstallLedger {
   void remove(const std::string& client, const std::string& project);
 
  private:
-  struct Head {
-    std::vector<std::string> parts;
-    std::string text;
-  };
-  std::optional<Head> head() REQUIRES(mutex_);
   std::vector<LedgerRow> load() REQUIRES(mutex_);
   void save(const std::vector<LedgerRow>& rows) REQUIRES(mutex_);
 

@@ -39,5 +39,9 @@ class SealedSettings {
 inline constexpr std::string_view kApprovalPolicySetting = "approval-policy";
 inline constexpr std::string_view kAgentClientsSetting = "agent-clients";
 inline constexpr std::string_view kSecuritySetting = "security-settings";
+inline constexpr std::string_view kLocalProxySetting = "local-proxy";
+inline constexpr std::string_view kLocalProxyWitnessSetting = "local-proxy-witness";
+inline constexpr std::string_view kLocalProxyAnchorSetting = "local-proxy-anchor";
+inline constexpr std::string_view kProxyLedgerHeadSetting = "proxy-ledger-head";
 
 }  // namespace sorvane::vault

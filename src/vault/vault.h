@@ -18,6 +18,7 @@
 #include "base/mutex.h"
 #include "crypto/key.h"
 #include "vault/env_export.h"
+#include "vault/protected_keys.h"
 #include "vault/records.h"
 #include "vault/revocation.h"
 #include "vault/secret_store.h"
@@ -120,6 +121,24 @@ struct RenderedEnvironment {
   std::vector<std::string> runControlAllowed;
 };
 
+/// A variable whose key the proxy stands in for.
+struct ProxyRenderedKey {
+  std::string variable;
+  std::string secretId;
+  std::int64_t version = 0;
+  ProxyProvider provider = ProxyProvider::anthropic;
+  base::SecretText value;    ///< the real key; empty when only looked at
+  std::size_t position = 0;  ///< where its line belongs in the lines, once those of the keys before it are in
+};
+
+/// An environment without its protected keys, and those keys by themselves.
+struct ProxySplitRender {
+  RenderedEnvironment rendered;
+  std::vector<ProxyRenderedKey> keys;
+  /// Variables that held a protected key before and are bound to another one now, which is to become protected.
+  std::map<std::string, ProxyProvider> adopt;
+};
+
 /// Whether a render hands values out, and is logged, or only tells what it would hold.
 enum class RenderValues { deliver, redact };
 
@@ -155,8 +174,9 @@ struct VersionAccount;
 ///
 /// Opening never throws for damaged contents: `storageFailure` then holds the sentence, and every other operation
 /// throws VaultError with it. Failures are VaultError, DeploymentPolicyError or SecretStoreError; after any of them the
-/// files are as they were. Records hold no values; values leave through `reveal`, `render` and `exportSecrets` only,
-/// each logged first.
+/// files are as they were. Records hold no values; values leave through `reveal`, `render`, `renderForProxy` and
+/// `exportSecrets` only, each logged first. A protected key, each of its versions, and a value that contains one leave
+/// through `renderForProxy` alone; the others throw ProtectionError.
 class Vault {
  public:
   struct Ports {
@@ -218,9 +238,26 @@ class Vault {
   /// The target policy is asked for every version before any value leaves; what cannot be delivered is a warning.
   RenderedEnvironment render(std::string_view projectId, const std::optional<std::string>& requestedTarget,
                              RenderValues values, const AccessContext& context);
+  /// The same with the protected keys split off. Throws ProtectionError where a key must be held back. With
+  /// `deliver` the keys are logged like the other values, and what is to become protected does.
+  ProxySplitRender renderForProxy(std::string_view projectId, const std::optional<std::string>& requestedTarget,
+                                  RenderValues values, const AccessContext& context);
   std::vector<base::SecretText> exportSecrets(const std::vector<Selection>& selection, const AccessContext& context);
   /// Every environment, each rendered for its own target, or refused with its reason.
   std::vector<Exported> exportAll(const AccessContext& context);
+
+  // Protected keys (vault_protection.cpp).
+  /// What is protected, checked against what is stored.
+  ProtectedKeys::Known protection();
+  /// The provider that the secret's value, its name or its variables tell; nullopt when none does.
+  std::optional<ProxyProvider> recognisedProvider(std::string_view secretId);
+  /// Ends the task sessions of every environment that delivers the key, by itself or inside another value.
+  void protectSecret(std::string_view secretId, ProxyProvider provider);
+  void unprotectSecret(std::string_view secretId);
+  /// The proxy's own options as JSON text.
+  void setProxyOptions(const std::string& options);
+  /// What is known of settings that were removed or changed becomes the settings.
+  void confirmProtection();
 
   // Access log.
   void log(const std::vector<AccessEvent>& events);
@@ -246,6 +283,8 @@ class Vault {
   ObserverToken observeSecretChanges(std::function<void(const std::vector<std::string>& ids)> observer);
   ObserverToken observeSecretCreated(std::function<void(const std::string& id, const std::string& name)> observer);
   ObserverToken observeSecretRemoved(std::function<void(const std::string& id)> observer);
+  /// Told which secrets' protection changed; none when only the proxy's options did.
+  ObserverToken observeProtection(std::function<void(const std::set<std::string>& ids)> observer);
   void stopObserving(const ObserverToken& token);
 
   /// Called with a count before every write of a journalled change; a test throws from it, or ends the process there.
@@ -312,6 +351,26 @@ class Vault {
   void nextBoundary() REQUIRES(lock_);
   void announce(const Change& change);
 
+  // Delivery (vault_delivery.cpp).
+  enum class KeySplit { none, split };
+  struct RenderKind {
+    RenderValues values;
+    KeySplit split;
+  };
+  void renderInto(ProxySplitRender& split, std::string_view projectId,
+                  const std::optional<std::string>& requestedTarget, RenderKind kind, const AccessContext& context);
+
+  // Protected keys (vault_protection.cpp).
+  class HoldBack;
+  /// Environments that deliver one of the values, by itself or inside another.
+  std::set<std::string> environmentsDelivering(const Secret& secret) REQUIRES(lock_);
+  /// Every version's value that can be read.
+  std::vector<base::SecretText> valuesOf(const Secret& secret) REQUIRES(lock_);
+  /// The keys of a render whose variables nobody remembered, or whose secrets were not protected yet.
+  void adopt(const ProxySplitRender& split);
+  /// Saves the edited settings when they differ.
+  void editProtection(const std::function<void(LocalProxySettings&)>& edit);
+
   // The collection of garbage (vault_gc.cpp).
   struct Sweep;
   void beginSweep(Sweep& sweep) REQUIRES(lock_);
@@ -323,7 +382,8 @@ class Vault {
   const std::filesystem::path directory_;
   const Ports ports_;
   const std::unique_ptr<Settings> settings_;
-  const std::unique_ptr<Observers> observers_;  // has its own lock
+  const std::unique_ptr<Observers> observers_;          // has its own lock
+  const std::unique_ptr<ProtectedKeys> protectedKeys_;  // has its own lock
 
   /// Guards every field below and every file of the vault.
   mutable base::RecursiveMutex lock_;

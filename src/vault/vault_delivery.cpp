@@ -6,6 +6,7 @@
 #include "vault/env_value.h"
 #include "vault/run_control.h"
 #include "vault/vault.h"
+#include "vault/vault_hold_back.h"
 #include "vault/vault_sentences.h"
 
 namespace sorvane::vault {
@@ -53,6 +54,12 @@ base::SecretText headerLine(std::string_view what, Date now) {
   line.append("at ");
   line.append(base::iso8601(now));
   return line;
+}
+
+ProxyRenderedKey keyOf(Deliverable& item, ProxyProvider provider, std::size_t position, RenderValues values) {
+  ProxyRenderedKey key{item.binding->envVarName, item.secret->id, item.version->version, provider, {}, position};
+  if (values == RenderValues::deliver) key.value = std::move(item.value);
+  return key;
 }
 
 void addLine(RenderedEnvironment& rendered, Deliverable& item, RenderValues values) {
@@ -141,6 +148,7 @@ RevealResult Vault::reveal(std::string_view secretId, std::optional<std::int64_t
   const auto& allowed = selected->allowedDeploymentTargets;
   if (declared) checkDeploymentTargets({declared->environment, declared->requested, allowed});
   RevealResult result{secret->id, secret->name, number, readValue(*secret, number)};
+  HoldBack(*this, *records).requireFree(*secret, result.value.view());
   if (declared) checkDeployment({declared->environment, declared->requested, allowed}, result.value.view());
   AccessEvent event = eventOf(context);
   event.secretId = secret->id;
@@ -151,11 +159,28 @@ RevealResult Vault::reveal(std::string_view secretId, std::optional<std::int64_t
 
 RenderedEnvironment Vault::render(std::string_view projectId, const std::optional<std::string>& requestedTarget,
                                   RenderValues values, const AccessContext& context) {
+  ProxySplitRender split;
+  renderInto(split, projectId, requestedTarget, {values, KeySplit::none}, context);
+  return std::move(split.rendered);
+}
+
+ProxySplitRender Vault::renderForProxy(std::string_view projectId, const std::optional<std::string>& requestedTarget,
+                                       RenderValues values, const AccessContext& context) {
+  ProxySplitRender split;
+  renderInto(split, projectId, requestedTarget, {values, KeySplit::split}, context);
+  if (values == RenderValues::deliver) adopt(split);
+  return split;
+}
+
+void Vault::renderInto(ProxySplitRender& split, std::string_view projectId,
+                       const std::optional<std::string>& requestedTarget, RenderKind kind,
+                       const AccessContext& context) {
   const base::RecursiveLock lock(lock_);
   const auto records = currentRecords();
   const Project* const project = records->projectById(projectId);
   if (project == nullptr) throw VaultError(std::string(sentence::kUnknownProject));
-  RenderedEnvironment rendered{project->id, project->name, project->rootPath, project->deploymentTarget, {}, {}, {}};
+  RenderedEnvironment& rendered = split.rendered;
+  rendered = {project->id, project->name, project->rootPath, project->deploymentTarget, {}, {}, {}};
   RenderResult& result = rendered.result;
   result.lines.push_back(headerLine("for project " + project->name + " ", ports_.clock.now()));
 
@@ -174,7 +199,20 @@ RenderedEnvironment Vault::render(std::string_view projectId, const std::optiona
     }
   }
   for (const Deliverable* item : readable) checkDeployment(question(*item), item->value.view());
-  if (values == RenderValues::deliver && !readable.empty()) {
+  std::vector<std::optional<ProxyProvider>> providers(readable.size());
+  if (kind.split == KeySplit::split || kind.values == RenderValues::deliver) {
+    HoldBack holdBack(*this, *records);
+    for (std::size_t i = 0; i < readable.size(); ++i) {
+      const Deliverable& item = *readable[i];
+      providers[i] = holdBack.providerOf(*project, *item.binding, *item.secret, item.value.view());
+      if (providers[i] && kind.split == KeySplit::none) throw ProtectionError::isProtected(item.binding->envVarName);
+    }
+    for (std::size_t i = 0; i < readable.size(); ++i) {
+      if (!providers[i]) holdBack.requireNoneInside(readable[i]->value.view());
+    }
+    split.adopt = holdBack.takeAdopted();
+  }
+  if (kind.values == RenderValues::deliver && !readable.empty()) {
     std::vector<AccessEvent> events;
     for (const Deliverable* item : readable) {
       AccessEvent& event = events.emplace_back(eventOf(context));
@@ -184,8 +222,13 @@ RenderedEnvironment Vault::render(std::string_view projectId, const std::optiona
     }
     appendEvents(events);
   }
-  for (Deliverable* item : readable) addLine(rendered, *item, values);
-  return rendered;
+  for (std::size_t i = 0; i < readable.size(); ++i) {
+    if (providers[i]) {
+      split.keys.push_back(keyOf(*readable[i], *providers[i], result.lines.size() + split.keys.size(), kind.values));
+    } else {
+      addLine(rendered, *readable[i], kind.values);
+    }
+  }
 }
 
 std::vector<base::SecretText> Vault::exportSecrets(const std::vector<Selection>& selection,
@@ -196,12 +239,15 @@ std::vector<base::SecretText> Vault::exportSecrets(const std::vector<Selection>&
   std::vector<base::SecretText> lines;
   lines.push_back(headerLine("", ports_.clock.now()));
   std::vector<AccessEvent> events;
+  HoldBack holdBack(*this, *records);
   for (std::size_t i = 0; i < secrets.size(); ++i) {
     const Secret& secret = *secrets[i];
     if (secret.current()->status == VersionStatus::purged) {
       throw VaultError(sentence::versionPurged(secret.currentVersion, secret.name));
     }
-    appendEnvLine(lines.emplace_back(), selection[i].variable, readValue(secret, secret.currentVersion).view());
+    const base::SecretText value = readValue(secret, secret.currentVersion);
+    holdBack.requireFree(secret, value.view());
+    appendEnvLine(lines.emplace_back(), selection[i].variable, value.view());
     AccessEvent& event = events.emplace_back(eventOf(context));
     event.secretId = secret.id;
     event.version = secret.currentVersion;

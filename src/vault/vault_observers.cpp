@@ -34,11 +34,17 @@ Vault::ObserverToken Vault::Observers::add(Removed observer) {
   return removed_.emplace(base::randomUuid(), std::move(observer)).first->first;
 }
 
+Vault::ObserverToken Vault::Observers::add(Protection observer) {
+  const base::Lock lock(lock_);
+  return protection_.emplace(base::randomUuid(), std::move(observer)).first->first;
+}
+
 void Vault::Observers::remove(const ObserverToken& token) {
   const base::Lock lock(lock_);
   changed_.erase(token);
   created_.erase(token);
   removed_.erase(token);
+  protection_.erase(token);
 }
 
 void Vault::Observers::changed(const std::vector<std::string>& ids) {
@@ -63,6 +69,14 @@ void Vault::Observers::removed(const std::string& id) {
     return removed_;
   }();
   callEach(observers, id);
+}
+
+void Vault::Observers::protection(const std::set<std::string>& ids) {
+  const auto observers = [this] {
+    const base::Lock lock(lock_);
+    return protection_;
+  }();
+  callEach(observers, ids);
 }
 
 }  // namespace sorvane::vault

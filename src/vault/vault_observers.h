@@ -2,6 +2,7 @@
 
 #include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,6 +19,9 @@ class Vault::Observers {
   using Created = std::function<void(const std::string& id, const std::string& name)>;
   using Removed = std::function<void(const std::string& id)>;
 
+  using Protection = std::function<void(const std::set<std::string>& ids)>;
+
+  ObserverToken add(Protection observer) EXCLUDES(lock_);
   ObserverToken add(Changed observer) EXCLUDES(lock_);
   ObserverToken add(Created observer) EXCLUDES(lock_);
   ObserverToken add(Removed observer) EXCLUDES(lock_);
@@ -26,6 +30,7 @@ class Vault::Observers {
   void changed(const std::vector<std::string>& ids) EXCLUDES(lock_);
   void created(const std::string& id, const std::string& name) EXCLUDES(lock_);
   void removed(const std::string& id) EXCLUDES(lock_);
+  void protection(const std::set<std::string>& ids) EXCLUDES(lock_);
 
  private:
   // A leaf: the tables are copied under it and the observers called without it.
@@ -33,6 +38,7 @@ class Vault::Observers {
   std::map<ObserverToken, Changed> changed_ GUARDED_BY(lock_);
   std::map<ObserverToken, Created> created_ GUARDED_BY(lock_);
   std::map<ObserverToken, Removed> removed_ GUARDED_BY(lock_);
+  std::map<ObserverToken, Protection> protection_ GUARDED_BY(lock_);
 };
 
 }  // namespace sorvane::vault

@@ -33,7 +33,8 @@ Vault::Vault(fs::path directory, Ports ports)
     : directory_(std::move(directory)),
       ports_(ports),
       settings_(std::make_unique<Settings>(ports.store)),
-      observers_(std::make_unique<Observers>()) {
+      observers_(std::make_unique<Observers>()),
+      protectedKeys_(std::make_unique<ProtectedKeys>(*settings_, ports.store)) {
   const base::RecursiveLock lock(lock_);
   try {
     open();

@@ -91,5 +91,14 @@ std::string settingTooLarge(std::string_view name) {
   return joined(
       {"The sealed setting \"", name, "\" would be too large to keep. Nothing was changed. Make it smaller."});
 }
+std::string tooShortToProtect(std::string_view secretName) {
+  return "'" + std::string(secretName) +
+         "' holds fewer than 16 characters, so it is no provider key. Nothing was changed. Check its value.";
+}
+
+std::string otherProvidersKey(std::string_view secretName, std::string_view actual, std::string_view wanted) {
+  return "'" + std::string(secretName) + "' looks like a key of " + std::string(actual) + ", not of " +
+         std::string(wanted) + ". Nothing was changed. Choose its own provider.";
+}
 
 }  // namespace sorvane::vault::sentence

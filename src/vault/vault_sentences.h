@@ -71,6 +71,8 @@ std::string settingNotRead(std::string_view detail);
 std::string settingNotSaved(std::string_view detail);
 std::string settingWrongKey(std::string_view name);
 std::string settingTooLarge(std::string_view name);
+std::string tooShortToProtect(std::string_view secretName);
+std::string otherProvidersKey(std::string_view secretName, std::string_view actual, std::string_view wanted);
 
 }  // namespace sentence
 }  // namespace sorvane::vault
