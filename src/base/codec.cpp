@@ -48,13 +48,18 @@ constexpr std::array<std::array<char, 2>, 4096> pairTable() {
   return table;
 }
 
-constexpr std::array<std::int8_t, 256> decodeTable() {
-  std::array<std::int8_t, 256> table{};
-  table.fill(-1);
-  for (std::size_t i = 0; i < kStandard.size(); ++i) {
-    table[static_cast<unsigned char>(kStandard[i])] = static_cast<std::int8_t>(i);
+constexpr std::uint32_t kNoDigit = 1U << 24;
+
+/// For each place in a group of four digits the bits that a character puts there, or kNoDigit.
+constexpr std::array<std::array<std::uint32_t, 256>, 4> quadTables() {
+  std::array<std::array<std::uint32_t, 256>, 4> tables{};
+  for (std::size_t place = 0; place < 4; ++place) {
+    tables[place].fill(kNoDigit);
+    for (std::size_t i = 0; i < kStandard.size(); ++i) {
+      tables[place][static_cast<unsigned char>(kStandard[i])] = static_cast<std::uint32_t>(i << (18 - 6 * place));
+    }
   }
-  return table;
+  return tables;
 }
 
 int hexDigit(char c) {
@@ -105,27 +110,33 @@ std::optional<Bytes> parseHex(std::string_view text) {
 }
 
 std::optional<Bytes> parseBase64(std::string_view text) {
-  static constexpr auto kTable = decodeTable();
+  static constexpr auto kTables = quadTables();
   if (text.size() % 4 != 0) return std::nullopt;
   std::size_t padding = 0;
   while (padding < 2 && padding < text.size() && text[text.size() - 1 - padding] == '=') ++padding;
-  const std::size_t digits = text.size() - padding;
-  Bytes bytes;
-  bytes.reserve(text.size() / 4 * 3);
-  std::uint32_t group = 0;
-  unsigned bits = 0;
-  for (std::size_t i = 0; i < digits; ++i) {
-    const int value = kTable[static_cast<unsigned char>(text[i])];
-    if (value < 0) return std::nullopt;
-    group = group << 6 | static_cast<std::uint32_t>(value);
-    bits += 6;
-    if (bits >= 8) {
-      bits -= 8;
-      bytes.push_back(static_cast<std::uint8_t>(group >> bits & 0xFF));
-    }
+  Bytes bytes(text.size() / 4 * 3 - padding);
+  const auto* in = reinterpret_cast<const unsigned char*>(text.data());
+  // Every group but a padded last one; a character that is no digit sets a bit above the 24 of the group.
+  const std::size_t groups = text.size() / 4 - (padding > 0);
+  std::uint32_t bad = 0;
+  std::uint8_t* out = bytes.data();
+  for (std::size_t i = 0; i < groups; ++i, in += 4, out += 3) {
+    const std::uint32_t group = kTables[0][in[0]] | kTables[1][in[1]] | kTables[2][in[2]] | kTables[3][in[3]];
+    bad |= group;
+    out[0] = static_cast<std::uint8_t>(group >> 16);
+    out[1] = static_cast<std::uint8_t>(group >> 8);
+    out[2] = static_cast<std::uint8_t>(group);
   }
-  // Bits behind the last whole byte must be zero, or several texts would stand for one value.
-  if (bits > 0 && (group & ((1U << bits) - 1)) != 0) return std::nullopt;
+  if (padding > 0) {
+    const std::uint32_t group =
+        kTables[0][in[0]] | kTables[1][in[1]] | (padding == 1 ? kTables[2][in[2]] : std::uint32_t{0});
+    bad |= group;
+    // Bits behind the last whole byte must be zero, or several texts would stand for one value.
+    if ((group & (padding == 1 ? 0xFFU : 0xFFFFU)) != 0) return std::nullopt;
+    out[0] = static_cast<std::uint8_t>(group >> 16);
+    if (padding == 1) out[1] = static_cast<std::uint8_t>(group >> 8);
+  }
+  if ((bad & kNoDigit) != 0) return std::nullopt;
   return bytes;
 }
 

@@ -103,6 +103,39 @@ bool isControl(char32_t c) {
   return c < 0x20 || (c >= 0x7F && c <= 0x9F);
 }
 
+bool isLetterOrNumber(char32_t c) {
+  switch (utf8proc_category(static_cast<utf8proc_int32_t>(c))) {
+    case UTF8PROC_CATEGORY_LU:
+    case UTF8PROC_CATEGORY_LL:
+    case UTF8PROC_CATEGORY_LT:
+    case UTF8PROC_CATEGORY_LM:
+    case UTF8PROC_CATEGORY_LO:
+    case UTF8PROC_CATEGORY_ND:
+    case UTF8PROC_CATEGORY_NL:
+    case UTF8PROC_CATEGORY_NO:
+      return true;
+    default:  // the enumeration is the library's
+      return false;
+  }
+}
+
+std::size_t characterCount(std::string_view text) {
+  std::size_t count = 0;
+  utf8proc_int32_t state = 0;
+  std::optional<char32_t> before;
+  while (!text.empty()) {
+    const Decoded decoded = decodeUtf8(text);
+    text.remove_prefix(decoded.size);
+    const bool joined = decoded.valid && before &&
+                        !utf8proc_grapheme_break_stateful(static_cast<utf8proc_int32_t>(*before),
+                                                          static_cast<utf8proc_int32_t>(decoded.character), &state);
+    if (!joined) ++count;
+    if (!decoded.valid) state = 0;
+    before = decoded.valid ? std::optional(decoded.character) : std::nullopt;
+  }
+  return count;
+}
+
 std::string_view trimmed(std::string_view text) {
   while (!text.empty()) {
     const Decoded first = decodeUtf8(text);

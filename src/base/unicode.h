@@ -35,6 +35,12 @@ bool isWhiteSpace(char32_t character);
 /// Unicode general category Cc.
 bool isControl(char32_t character);
 
+/// Unicode general categories of letters and of numbers.
+bool isLetterOrNumber(char32_t character);
+
+/// How many characters a person counts: extended grapheme clusters (Unicode annex 29). A byte that is no UTF-8 is one.
+std::size_t characterCount(std::string_view text);
+
 /// `text` without leading and trailing Unicode white space.
 std::string_view trimmed(std::string_view text);
 

@@ -93,5 +93,19 @@ TEST(Unicode, shownTextCannotMoveTheCursorOrReorderWhatIsRead) {
   EXPECT_EQ(escapedForDisplay("back\\slash \xC3\xA9 \xFF"), "back\\\\slash \xC3\xA9 \\xff");
 }
 
+TEST(Unicode, countsTheCharactersThatAPersonSees) {
+  const std::pair<std::string_view, std::size_t> cases[] = {{"", 0},
+                                                            {"abc", 3},
+                                                            {"e\u0301", 1},
+                                                            {"\r\n", 1},
+                                                            {"\U0001F1E9\U0001F1EA\U0001F1EB\U0001F1F7", 2},
+                                                            {"\u1112\u1161\u11ab", 1},
+                                                            {"\U0001F468\u200D\U0001F469\u200D\U0001F467", 1},
+                                                            {"a\xff\xfe"
+                                                             "b",
+                                                             4}};
+  for (const auto& [text, count] : cases) EXPECT_EQ(characterCount(text), count) << text;
+}
+
 }  // namespace
 }  // namespace sorvane::base
