@@ -15,7 +15,8 @@ namespace sorvane::proxy {
 /// What the owner and the grant allow beyond the price book.
 struct PlanRules {
   const std::optional<AllowedModels>& models;
-  bool refuseUnknownFields = false;  ///< the owner's strict setting
+  bool refuseUnknownFields;  ///< the owner's strict setting
+  base::Date at;             ///< prices have dates
 };
 
 /// CallPlan is a checked body: what will be sent, what it may cost at worst, and what its answer is priced by.
@@ -23,9 +24,10 @@ struct CallPlan {
   std::string model;  ///< as the client wrote it
   std::string body;   ///< to send: the client's own bytes, but for a request for usage that was added
   bool streamed = false;
-  Micros worstMicros = 0;              ///< to be reserved
-  struct Terms;                        ///< prices and bounds; call_plan.cpp's own
-  std::shared_ptr<const Terms> terms;  ///< immutable
+  Micros worstMicros = 0;                 ///< to be reserved
+  std::string priceSource, priceVersion;  ///< for the call's record
+  struct Terms;                           ///< prices and bounds; call_plan_terms.h
+  std::shared_ptr<const Terms> terms;     ///< immutable
 };
 
 /// Checks a body against its operation and prices it at its worst, or says why it is not sent. Pure; any thread.
