@@ -205,8 +205,8 @@ void ProtectedKeys::write(const LocalProxySettings& settings) {
   const auto before = readStored().text;
   const std::int64_t serial = serial_ + 1;
   const std::string text = encode(settings, serial);
-  store_.store(kLocalProxySavedAccount, base::SecretText(kSavedMark));
   saveWitness(settings_, {before ? digestOf(*before) : std::string(), digestOf(text)});
+  store_.store(kLocalProxySavedAccount, base::SecretText(kSavedMark));
   try {
     saveLongSetting(settings_, kLocalProxySetting, text);
   } catch (const SettingError& error) {

@@ -34,9 +34,9 @@ class ProtectionError : public base::Error {
 /// LocalProxySettings is what the owner protects, and how.
 struct LocalProxySettings {
   /// By secret id.
-  std::map<std::string, ProxyProvider, std::less<>> protectedSecrets;
+  std::map<std::string, ProxyProvider> protectedSecrets;
   /// Variables that held a protected key, by environment id: another key that is bound there stays protected.
-  std::map<std::string, std::map<std::string, ProxyProvider>, std::less<>> variables;
+  std::map<std::string, std::map<std::string, ProxyProvider>> variables;
   /// The proxy's own options as JSON text, which the vault only keeps; empty until they are first set.
   std::string options;
   bool operator==(const LocalProxySettings&) const = default;
