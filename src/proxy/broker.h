@@ -125,8 +125,8 @@ class LocalProxyBroker {
   std::int64_t longestSessionSeconds() const;
   /// Decides before the owner is asked; nullopt when the grant may be asked for.
   std::optional<ProxyAskRefusal> refusedAsk(const ProxyAsk& ask) const;
-  /// Throws ProxyUnavailable when the server does not run, a key is not among the protected ones, or the asking is
-  /// refused; and what `audit` throws.
+  /// Throws ProxyUnavailable when the server does not run or a key is not among the protected ones, base::Error with
+  /// the refusal's message when the asking is refused by now, and what `audit` throws.
   IssuedProxyGrant issue(NewProxyGrant grant);
   /// A grant for a command run: the run ends when the helper's process is gone, after kIdleRun without a call when that
   /// cannot be watched, at `until`, or with endRun. Grants of one run share one pool. When the helper is gone already,

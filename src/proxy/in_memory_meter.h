@@ -70,6 +70,7 @@ class InMemoryProxyMeter final : public ProxyMeter {
   ReservationId freshId() REQUIRES(mutex_);
   /// Takes a reservation of this grant out; nullopt when it is not held.
   std::optional<Micros> take(Grant& grant, const ReservationId& id) REQUIRES(mutex_);
+  /// Of a closed grant.
   void forgetWhenDone(std::string_view lookupId) REQUIRES(mutex_);
   static ProxySpend spendIn(const Pool& pool);
 

@@ -32,6 +32,11 @@ struct ProxyLimits {
 /// and the time-out that the providers' own clients have.
 inline constexpr int kMaxConcurrentCalls = 8, kCallTimeoutSeconds = 600;
 
+/// Bounds of a list of allowed models.
+inline constexpr std::size_t kMostModels = 64, kMostModelNameBytes = 128;
+/// 1 to kMostModelNameBytes printable ASCII characters without a space.
+bool isModelName(std::string_view name);
+
 /// ProxyDefaultLimits are the owner's limits for new grants. In JSON the keys are the field names; all but `models` are
 /// required.
 struct ProxyDefaultLimits {

@@ -1,12 +1,12 @@
 #pragma once
 
-#include <array>
 #include <atomic>
 #include <chrono>
 #include <functional>
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "base/clock.h"
 #include "base/mutex.h"
@@ -58,7 +58,7 @@ class VelocityStop final : public ProxyMeter {
   };
   struct Grant {
     Pause pause = Pause::running;
-    std::array<Slot, 60> slots;  ///< one for each second of the window, by the second modulo 60
+    std::vector<Slot> slots;  ///< one for each second of the window, by the second modulo 60; none before a charge
   };
   void setPause(Grant& grant, Pause pause) REQUIRES(mutex_);
 

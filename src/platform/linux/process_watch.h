@@ -1,0 +1,48 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <thread>
+
+#include "base/descriptor.h"
+#include "base/mutex.h"
+#include "proxy/process_watch.h"
+
+namespace sorvane::platform {
+
+/// PidfdWatch watches processes by their descriptors (pidfd_open(2)) from one thread, which the first one starts.
+class PidfdWatch final : public proxy::ProcessWatch {
+ public:
+  PidfdWatch();
+  /// Waits for a call that runs.
+  ~PidfdWatch() override;
+  PidfdWatch(const PidfdWatch&) = delete;
+  PidfdWatch& operator=(const PidfdWatch&) = delete;
+
+  Watched watch(pid_t process, std::function<void()> ended) override;
+  void forget(std::uint64_t token) override;
+
+ private:
+  struct Entry {
+    base::Descriptor process;
+    std::function<void()> ended;
+  };
+  void run();
+  void wake() const;
+  /// Takes the entry out and calls it without the lock.
+  void tell(std::uint64_t token);
+
+  // Constant after construction.
+  base::Descriptor poll_, wake_;
+  // Guarded. No call of an entry while it is held.
+  base::Mutex mutex_;
+  base::Condition told_;
+  std::map<std::uint64_t, Entry> entries_ GUARDED_BY(mutex_);
+  std::uint64_t lastToken_ GUARDED_BY(mutex_) = 0;
+  std::uint64_t telling_ GUARDED_BY(mutex_) = 0;  ///< the token whose call runs; 0: none
+  bool stopping_ GUARDED_BY(mutex_) = false;
+  std::thread thread_ GUARDED_BY(mutex_);
+};
+
+}  // namespace sorvane::platform
