@@ -45,6 +45,12 @@ struct ProxyCallRecord {
   bool discrepancy = false;
 };
 
+/// One line of the ledger, without its line feed: compact JSON, dates as in every stored record, money in whole micros.
+/// Absent fields and the cache and search counts that are 0 are left out. Text that is no UTF-8 is repaired.
+std::string encodeCall(const ProxyCallRecord& record);
+/// nullopt when the text is not one object with the keys and types of a record; unknown keys are passed over.
+std::optional<ProxyCallRecord> decodeCall(std::string_view line);
+
 /// ProxyCallLog takes the record of every call. Any thread; must not throw.
 class ProxyCallLog {
  public:
