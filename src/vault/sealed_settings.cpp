@@ -28,7 +28,7 @@ auto told(const Sentence& sentenceOf, const Call& call) {
 
 crypto::SymmetricKey Vault::Settings::key() const {
   auto key = readVaultKey(store_);
-  if (!key) throw SettingError(SettingError::Case::storage, std::string(sentence::kKeyDoesNotOpen));
+  if (!key) throw SettingError(SettingError::Case::wrongKey, std::string(sentence::kKeyDoesNotOpen));
   return *std::move(key);
 }
 

@@ -30,7 +30,8 @@ class SealedSettings {
   static constexpr std::size_t kMaxSettingBytes = 3000;
 
   virtual ~SealedSettings() = default;
-  /// nullopt when the setting was never saved. Throws SettingError: wrongKey when the vault key does not open it.
+  /// nullopt when the setting was never saved. Throws SettingError: wrongKey when the vault key does not open it
+  /// or is gone.
   virtual std::optional<base::SecretText> load(std::string_view name) = 0;
   virtual void save(std::string_view name, std::string_view record) = 0;
   virtual void remove(std::string_view name) = 0;
