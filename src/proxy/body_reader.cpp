@@ -159,7 +159,7 @@ bool BodyReader::next(char bracket) {
 
 std::optional<std::string_view> BodyReader::takeKey(std::size_t firstKey) {
   auto key = kind() == Kind::string ? rawString() : std::nullopt;
-  if (!key || keys_.size() - firstKey >= kMostBodyMembers) {
+  if (!key || keys_.size() - firstKey >= kMostBodyMembers || unescaped_.size() >= kMostBodyMembers) {
     fail(BodyProblem::malformed);
     return std::nullopt;
   }

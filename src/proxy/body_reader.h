@@ -10,7 +10,8 @@
 
 namespace sorvane::proxy {
 
-/// Deepest nesting of a body, far beyond the schemas that clients send, and the most members of one object.
+/// Deepest nesting of a body, far beyond the schemas that clients send; the most members of one object, and the most
+/// keys with escapes in one body.
 inline constexpr int kMostBodyDepth = 128;
 inline constexpr std::size_t kMostBodyMembers = 100'000;
 
@@ -31,6 +32,8 @@ class BodyReader {
   Kind kind();
   /// Where the next value begins.
   std::size_t position();
+  /// Where the last value ended.
+  std::size_t consumed() const { return static_cast<std::size_t>(at_ - begin_); }
   /// Calls `member` with each key of the object; it is to take exactly one value. Anything but an object is skipped.
   template <typename Member>
   void object(Member&& member) {
