@@ -98,8 +98,11 @@ void LocalProxyBroker::State::arm() {
   const base::Lock lock(arming);
   auto next = ports.grants.nextExpiry();
   if (next) {
-    takeEarlier(next, ports.clock.instant() + kLookAgain);
-    if (const auto idle = idleRuns().second) takeEarlier(next, *idle);
+    const base::Instant now = ports.clock.instant();
+    takeEarlier(next, now + kLookAgain);
+    const auto [over, idle] = idleRuns();
+    if (idle) takeEarlier(next, *idle);
+    if (!over.empty()) takeEarlier(next, now);
   }
   timer.arm(next);
 }
