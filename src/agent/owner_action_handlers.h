@@ -12,6 +12,7 @@
 #include "agent/grant_store.h"
 #include "agent/jobs.h"
 #include "agent/owner_actions.h"
+#include "agent/owner_proxy.h"
 #include "agent/vault_actions.h"
 #include "base/clock.h"
 #include "base/json_writer.h"
@@ -43,6 +44,7 @@ class OwnerActionHandlers final : public OwnerActions {
     TaskSessions& sessions;
     VaultActions& application;
     const base::Clock& clock;
+    OwnerProxy* proxy = nullptr;  ///< absent: no proxy runs here
   };
   explicit OwnerActionHandlers(Ports ports) : ports_(ports) {}
 
@@ -111,6 +113,22 @@ class OwnerActionHandlers final : public OwnerActions {
   ActionPlan uninstallPlan(const ActionArguments& arguments, ActionCall& call);
   ActionPlan uninstall(const ActionArguments& arguments, ActionCall& call);
 
+  // Protected keys and what stands in for them (proxy_actions.cpp).
+  ActionPlan proxyProtect(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan proxyUnprotect(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan proxyConfirm(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan proxyStatus(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan proxyResume(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan proxyEndGrant(const ActionArguments& arguments, ActionCall& call);
+
+  // The proxy's limits (proxy_limit_actions.cpp), and its calls and prices (proxy_ledger_actions.cpp).
+  ActionPlan proxyLimitsGet(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan proxyLimitsSet(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan proxyLedger(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan proxyPrices(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan proxyPricesFetch(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan proxyPricesOverride(const ActionArguments& arguments, ActionCall& call);
+
  private:
   vault::Secret secretNamed(const ActionArguments& arguments, std::string_view argument = "name");
   vault::Project projectNamed(const ActionArguments& arguments, std::string_view argument = "name");
@@ -119,6 +137,8 @@ class OwnerActionHandlers final : public OwnerActions {
                         const ActionArguments& arguments, ActionCall& call);
   std::vector<std::string> uninstallSteps(bool withVault);
   std::int64_t rotationGraceDays();
+  OwnerProxy& runningProxy() const;
+  proxy::ProxyGrantStatus grantNamed(const ActionArguments& arguments) const;
   void writeSummary(base::JsonWriter& out, const vault::Secret& secret, std::int64_t graceDays);
 
   const Ports ports_;

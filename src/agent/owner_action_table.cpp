@@ -6,7 +6,7 @@
 namespace sorvane::agent {
 namespace {
 
-enum class Asks { no, yes };
+enum class Asks { no, yes, whenItWidens };
 
 struct Row {
   std::string_view action;
@@ -17,7 +17,8 @@ struct Row {
 using H = OwnerActionHandlers;
 
 // Every action of the owner, and whether it asks. What reveals, replaces, binds, deletes, exports or widens access asks
-// every time; names, statuses, history, a new secret and an empty environment do not.
+// every time; names, statuses, history, a new secret and an empty environment do not. Of the proxy's limits only what
+// widens asks: its plan has the question then.
 constexpr std::array kActions{
     Row{"status", Asks::no, &H::status},
     Row{"secretList", Asks::no, &H::secretList},
@@ -66,6 +67,18 @@ constexpr std::array kActions{
     Row{"gc", Asks::yes, &H::gc},
     Row{"storeShow", Asks::no, &H::storeShow},
     Row{"storeMove", Asks::yes, &H::storeMove},
+    Row{"proxyProtect", Asks::no, &H::proxyProtect},
+    Row{"proxyUnprotect", Asks::yes, &H::proxyUnprotect},
+    Row{"proxyConfirm", Asks::yes, &H::proxyConfirm},
+    Row{"proxyStatus", Asks::no, &H::proxyStatus},
+    Row{"proxyResume", Asks::yes, &H::proxyResume},
+    Row{"proxyEndGrant", Asks::no, &H::proxyEndGrant},
+    Row{"proxyLimitsGet", Asks::no, &H::proxyLimitsGet},
+    Row{"proxyLimitsSet", Asks::whenItWidens, &H::proxyLimitsSet},
+    Row{"proxyLedger", Asks::no, &H::proxyLedger},
+    Row{"proxyPrices", Asks::no, &H::proxyPrices},
+    Row{"proxyPricesFetch", Asks::no, &H::proxyPricesFetch},
+    Row{"proxyPricesOverride", Asks::yes, &H::proxyPricesOverride},
     Row{"job", Asks::no, &H::job},
     Row{"jobCancel", Asks::no, &H::jobCancel},
 };
@@ -87,7 +100,7 @@ AgentResponse OwnerActionHandlers::perform(ActionCall& call) {
   if (row == kActions.end()) return AgentResponse::refused(unsupported(action));
   const ActionArguments arguments(action, call.payload);
   const ActionPlan plan = (this->*row->handler)(arguments, call);
-  if (row->asks == Asks::yes) {
+  if (row->asks == Asks::yes || (row->asks == Asks::whenItWidens && plan.question)) {
     // A plan without its question would be our own mistake: it is refused, never run.
     if (!plan.question || call.ask(*plan.question) == ApprovalResult::denied) {
       return AgentResponse::refused(std::string(kApprovalDenied));

@@ -29,6 +29,9 @@ struct Commands {
   void addClients(CLI::App& group);  ///< the part of `agent` that edits clients' files
   void addUninstall(CLI::App& app);
   void addLog(CLI::App& app);
+  void addProtect(CLI::App& app);
+  void addUnprotect(CLI::App& app);
+  void addProxy(CLI::App& app);
   void addApplication(CLI::App& app);  ///< status, policy, settings, gc, store
   void addMcp(CLI::App& app);
   void addCompletion(CLI::App& app);

@@ -1,40 +1,16 @@
-#include <charconv>
-#include <limits>
 #include <nlohmann/json.hpp>
 
 #include "base/date.h"
 #include "base/unicode.h"
 #include "cli/commands.h"
 #include "cli/output.h"
+#include "cli/quantities.h"
 
 namespace sorvane::cli {
 namespace {
 
 using agent::AgentOp;
 using agent::AgentRequest;
-
-/// Seconds in "90s", "45m", "1h30m", "2d" or a plain number of seconds.
-std::int64_t secondsIn(const std::string& text) {
-  const auto malformed = [&] {
-    return Failure(kUsage, "usage",
-                   "'" + text + "' is no duration. Write 3600, 90m, 1h or 1h30m. No task session was begun.");
-  };
-  std::int64_t total = 0;
-  const char* at = text.data();
-  const char* const end = at + text.size();
-  if (at == end) throw malformed();
-  while (at != end) {
-    std::int64_t number = 0;
-    const auto [next, error] = std::from_chars(at, end, number);
-    if (error != std::errc() || number < 0 || number > 10'000'000) throw malformed();
-    const char unit = next == end ? 's' : *next;
-    const std::int64_t scale = unit == 's' ? 1 : unit == 'm' ? 60 : unit == 'h' ? 3600 : unit == 'd' ? 86400 : 0;
-    if (scale == 0 || (next == end && at != text.data())) throw malformed();
-    total += number * scale;
-    at = next == end ? end : next + 1;
-  }
-  return total;
-}
 
 base::Json documentOf(const agent::TaskSessionInfo& info) {
   return {{"id", info.id},
@@ -52,7 +28,7 @@ int begin(Session& session, const BeginGiven& given) {
   AgentRequest request;
   request.op = AgentOp::beginTaskSession;
   request.environment = given.environment;
-  request.durationSeconds = secondsIn(given.duration);
+  request.durationSeconds = secondsIn(given.duration, "No task session was begun.");
   if (!given.target.empty()) request.payload["deploymentTarget"] = given.target;
   if (!given.directory.empty()) request.directory = std::filesystem::absolute(given.directory).string();
   const agent::AgentResponse response = session.send(std::move(request), true);

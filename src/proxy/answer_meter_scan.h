@@ -37,6 +37,7 @@ enum class AnswerSlot : std::uint8_t {
   iteration,
   choices,
   choice,
+  error,
   text,  ///< every string at or below it is text that the model wrote
 };
 inline constexpr std::size_t kAnswerSlots = static_cast<std::size_t>(AnswerSlot::text) + 1;

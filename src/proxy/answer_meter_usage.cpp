@@ -43,6 +43,7 @@ constexpr std::array kMessagesPaths{
 constexpr std::array kChatPaths{
     AnswerPath{kRoot, "usage", Slot::usage, kUsage},
     AnswerPath{kRoot, "service_tier", Slot::serviceTier, kNoPlace},
+    AnswerPath{kRoot, "error", Slot::error, kNoPlace},
     AnswerPath{kRoot, "choices", Slot::choices, kChoices},
     AnswerPath{kChoices, "[]", Slot::choice, kChoice},
     AnswerPath{kChoice, "delta", Slot::text, kNoPlace},
@@ -174,7 +175,7 @@ void AnswerReport::count(AnswerSlot slot, std::string_view token) {
 
 void AnswerReport::opened(AnswerSlot slot) {
   if (slot == Slot::usage) document_.hasUsage = true;
-  if (slot == Slot::choices) document_.hasChoices = true;
+  if (slot == Slot::error) document_.hasError = true;
   if (slot == Slot::choice) document_.hasChoice = true;
   if (slot == Slot::iteration) {
     document_.inIteration = true;

@@ -29,7 +29,7 @@ class AnswerReport final : public AnswerSink {
   /// What it held does not count.
   void discard();
   /// The document holds usage and an empty list of choices, and nothing else of an answer.
-  bool isUsageAlone() const { return document_.hasUsage && document_.emptyChoices; }
+  bool isUsageAlone() const { return document_.hasUsage && document_.emptyChoices && !document_.hasError; }
   bool hasChoice() const { return document_.hasChoice; }
 
   CallCharge charge(int status, CallEnd end) const;
@@ -48,8 +48,7 @@ class AnswerReport final : public AnswerSink {
     std::optional<std::int64_t> costNanos, upstreamNanos;
     std::optional<bool> byok;
     std::optional<std::string> type, serviceTier, speed, region;
-    bool stopped = false, hasUsage = false, inUsage = false, hasChoice = false, hasChoices = false,
-         emptyChoices = false;
+    bool stopped = false, hasUsage = false, inUsage = false, hasChoice = false, emptyChoices = false, hasError = false;
   };
   void word(AnswerSlot slot, std::string_view token);
   void count(AnswerSlot slot, std::string_view token);

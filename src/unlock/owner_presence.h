@@ -1,0 +1,47 @@
+#pragma once
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <variant>
+
+namespace sorvane::unlock {
+
+/// What the system may recognise its owner by.
+enum class Biometry { none, touchID, faceID, opticID };
+
+struct UnlockHardware {
+  Biometry biometry = Biometry::none;
+  bool watch = false;  ///< a watch can confirm
+  bool operator==(const UnlockHardware&) const = default;
+};
+
+/// OwnerPresence asks the system whether its owner is there. One question at a time. Called on one thread.
+class OwnerPresence {
+ public:
+  enum class Check {
+    any,           ///< the quickest way there is, without a button for the password
+    passwordOnly,  ///< the login password
+    presence,      ///< whatever the system takes for a sensitive action
+  };
+
+  struct Granted {};
+  struct Cancelled {};
+  /// The check could not be made or was not passed; `code` is of SystemCheckFailure.
+  struct Failed {
+    int code = 0;
+  };
+  using Answer = std::variant<Granted, Cancelled, Failed>;
+  /// Called once for each question, from any thread, within the call to `ask` too.
+  using Reply = std::function<void(Answer)>;
+
+  virtual ~OwnerPresence() = default;
+  /// Why nobody can be asked at all, as a sentence that says what to do about it; nullopt: somebody can.
+  virtual std::optional<std::string> unavailable() = 0;
+  /// Asks with `reason` shown. Does not block.
+  virtual void ask(Check check, const std::string& reason, Reply reply) = 0;
+  /// Takes the question back; its reply, if it still comes, is Cancelled. Nothing when there is none.
+  virtual void withdraw() = 0;
+};
+
+}  // namespace sorvane::unlock
