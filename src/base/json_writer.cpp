@@ -1,6 +1,7 @@
 #include "base/json_writer.h"
 
 #include <charconv>
+#include <cstring>
 
 #include "base/codec.h"
 
@@ -13,14 +14,31 @@ bool needsEscape(char c) {
   return static_cast<unsigned char>(c) < 0x20 || c == '"' || c == '\\';
 }
 
+/// Whether one of eight bytes needs an escape: the classic test of a word for a zero byte, three times over.
+bool oneNeedsEscape(std::uint64_t word) {
+  constexpr std::uint64_t kOnes = 0x0101010101010101ULL, kHighs = 0x8080808080808080ULL;
+  const std::uint64_t quote = word ^ (kOnes * '"'), backslash = word ^ (kOnes * '\\');
+  const std::uint64_t zeros = ((quote - kOnes) & ~quote) | ((backslash - kOnes) & ~backslash);
+  return ((zeros | ((word - kOnes * 0x20) & ~word)) & kHighs) != 0;
+}
+
 }  // namespace
+
+std::size_t nextJsonSpecial(std::string_view text, std::size_t at) {
+  for (; at + 8 <= text.size(); at += 8) {
+    std::uint64_t word = 0;
+    std::memcpy(&word, text.data() + at, 8);
+    if (oneNeedsEscape(word)) break;
+  }
+  while (at < text.size() && !needsEscape(text[at])) ++at;
+  return at;
+}
 
 void appendJsonString(SecretText& out, std::string_view text) {
   static constexpr std::string_view kHex = "0123456789abcdef";
   out.push_back('"');
   std::size_t start = 0;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (!needsEscape(text[i])) continue;
+  for (std::size_t i = nextJsonSpecial(text, 0); i < text.size(); i = nextJsonSpecial(text, i + 1)) {
     out.append(text.substr(start, i - start));
     start = i + 1;
     switch (text[i]) {

@@ -59,6 +59,10 @@ class JsonWriter {
   bool afterKey_ = false;
 };
 
+/// Where the first character at or behind `at` stands that a JSON string cannot hold as it is: a quote, a backslash or
+/// a control character. The size of the text when there is none.
+std::size_t nextJsonSpecial(std::string_view text, std::size_t at);
+
 /// Appends `text` as a JSON string with its quotes.
 void appendJsonString(SecretText& out, std::string_view text);
 

@@ -29,7 +29,7 @@ bool isSameText(const base::SecretText& left, const base::SecretText& right) {
 }
 
 UnlockError noSystemCheck() {
-  return UnlockError::systemCheckFailed({SystemCheckFailure::kNotInteractive, false});
+  return UnlockError::systemCheckFailed({OwnerPresence::Failed::kNotInteractive, false});
 }
 
 }  // namespace

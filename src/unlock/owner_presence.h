@@ -27,8 +27,12 @@ class OwnerPresence {
 
   struct Granted {};
   struct Cancelled {};
-  /// The check could not be made or was not passed; `code` is of SystemCheckFailure.
+  /// The check could not be made or was not passed. The named codes are those with a meaning of their own.
   struct Failed {
+    static constexpr int kNotAccepted = -1;
+    static constexpr int kSystemCancelled = -4;
+    static constexpr int kNoLoginPassword = -5;
+    static constexpr int kNotInteractive = -1004;  ///< the system could not show a prompt
     int code = 0;
   };
   using Answer = std::variant<Granted, Cancelled, Failed>;

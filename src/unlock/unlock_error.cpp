@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "unlock/owner_presence.h"
+
 namespace sorvane::unlock {
 namespace {
 
@@ -37,10 +39,10 @@ std::string sentenceOf(UnlockError::Case kind) {
 }
 
 std::string sentenceOf(const SystemCheckFailure& failure) {
-  if (failure.code == SystemCheckFailure::kNoLoginPassword) {
+  if (failure.code == OwnerPresence::Failed::kNoLoginPassword) {
     return "This Mac has no login password set, so it cannot ask for one.";
   }
-  if (failure.code == SystemCheckFailure::kNotAccepted) return "Your Mac did not accept that. Try again.";
+  if (failure.code == OwnerPresence::Failed::kNotAccepted) return "Your Mac did not accept that. Try again.";
   if (failure.passwordPrompt) return "Your Mac could not show the password prompt. Try again.";
   return sentenceOf(UnlockError::Case::systemCheckFailed);
 }

@@ -10,13 +10,9 @@
 
 namespace sorvane::unlock {
 
-/// A system check that failed: the code that the system's authentication gave, and whether it was the password prompt
-/// that was meant. The named codes are those with a text or a meaning of their own.
+/// A system check that failed: the code of OwnerPresence::Failed, and whether it was the password prompt that was
+/// meant.
 struct SystemCheckFailure {
-  static constexpr int kNotAccepted = -1;
-  static constexpr int kNoLoginPassword = -5;
-  static constexpr int kNotInteractive = -1004;  ///< the system could not show a prompt
-
   int code = 0;
   bool passwordPrompt = false;
   bool operator==(const SystemCheckFailure&) const = default;

@@ -1,0 +1,52 @@
+#include "unlock/backup_error.h"
+
+#include "base/unicode.h"
+
+namespace sorvane::unlock {
+namespace {
+
+std::string textOf(CryptoError::Case kind) {
+  using Case = CryptoError::Case;
+  switch (kind) {
+    case Case::sealFailed:
+      return "encryption failed";
+    case Case::badRecoveryKey:
+      return "that doesn't look like a valid recovery key";
+    case Case::wrongSecret:
+      return "wrong passphrase or recovery key";
+    case Case::malformedBackup:
+      return "the backup file is corrupt or not an sorvane backup";
+    case Case::missingDataKey:
+      return "the vault's metadata key is missing; restore from a backup";
+    case Case::newerBackupVersion:
+      return "this backup was made by a newer version of sorvane; update sorvane to open it";
+    case Case::backupVaultMismatch:
+      return "this backup belongs to a different vault or is not the expected backup";
+    case Case::untrustedBackup:
+      return "this backup is not signed by your sorvane account, so it may have been altered";
+  }
+  return {};
+}
+
+}  // namespace
+
+CryptoError::CryptoError(Case kind) : Error(textOf(kind)), kind_(kind) {}
+
+namespace sentence {
+
+std::string valueUnreadable(std::string_view secretName) {
+  return "Backup stopped: ‘" + std::string(secretName) +
+         "’ could not be read. Unlock the Keychain and retry. No incomplete backup was saved.";
+}
+
+std::string variableNotAccepted(std::string_view name, std::string_view environment) {
+  return "This backup has a variable name sorvane does not accept, " + base::escapedForDisplay(name) + ", in " +
+         base::escapedForDisplay(environment) + ". Names use letters, digits and underscores. Nothing was restored.";
+}
+
+std::string fileNotRead(std::string_view detail) {
+  return "The backup file could not be read: " + std::string(detail) + ". Nothing was restored.";
+}
+
+}  // namespace sentence
+}  // namespace sorvane::unlock
