@@ -6,6 +6,7 @@
 
 #include <cerrno>
 #include <cstring>
+#include <exception>
 #include <new>
 #include <utility>
 
@@ -66,6 +67,7 @@ struct CurlLine::Call {
   std::unique_ptr<curl_slist, FreeList> headers{};
   UpstreamHeadReader reader{};
   UpstreamChunks chunks{};
+  bool protocolKnown = false;
   bool headGiven = false;
   std::uint64_t bodyBytes = 0;
   bool lastGiven = false;
@@ -74,6 +76,7 @@ struct CurlLine::Call {
   bool sentEarlier = false;
   Ended ended = Ended::no;
   bool watchesClient = true;
+  std::exception_ptr thrown{};  ///< by the receiver
 };
 
 void CurlLine::FreeEasy::operator()(void* easy) const {
@@ -92,10 +95,23 @@ struct CurlLine::Callbacks {
     return static_cast<CurlLine*>(self)->maySend() ? CURL_PREREQFUNC_OK : CURL_PREREQFUNC_ABORT;
   }
   static std::size_t onHeader(char* data, std::size_t size, std::size_t count, void* self) {
-    return static_cast<CurlLine*>(self)->takeLine({data, size * count}) ? size * count : 0;
+    return give(self, &CurlLine::takeLine, {data, size * count});
   }
   static std::size_t onBody(char* data, std::size_t size, std::size_t count, void* self) {
-    return static_cast<CurlLine*>(self)->takeBody({data, size * count}) ? size * count : 0;
+    return give(self, &CurlLine::takeBody, {data, size * count});
+  }
+
+ private:
+  /// Tells curl that all was taken, or nothing. No exception may pass through curl; it goes on behind it.
+  static std::size_t give(void* self, bool (CurlLine::*take)(std::string_view), std::string_view bytes) {
+    CurlLine& line = *static_cast<CurlLine*>(self);
+    try {
+      return (line.*take)(bytes) ? bytes.size() : 0;
+    } catch (...) {
+      line.call_->thrown = std::current_exception();
+      line.call_->ended = Ended::byReceiver;
+      return 0;
+    }
   }
 };
 
@@ -117,8 +133,9 @@ void CurlLine::setUp() {
   curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
   curl_easy_setopt(easy, CURLOPT_USERAGENT, agent.c_str());
   curl_easy_setopt(easy, CURLOPT_FOLLOWLOCATION, 0L);
-  // An empty name also keeps the environment's proxies out.
+  // Empty names also keep the environment's proxies and exceptions out.
   curl_easy_setopt(easy, CURLOPT_PROXY, settings.outboundProxy ? settings.outboundProxy->c_str() : "");
+  curl_easy_setopt(easy, CURLOPT_NOPROXY, "");
   curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   curl_easy_setopt(easy, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
@@ -192,6 +209,7 @@ UpstreamResult CurlLine::run(const UpstreamRequest& request, UpstreamReceiver& r
   curl_easy_setopt(easy_.get(), CURLOPT_POSTFIELDS, nullptr);
   reusable_ = !result.error && call.ended == Ended::no && !call.chunks.excess();
   call_ = nullptr;
+  if (call.thrown) std::rethrow_exception(call.thrown);
   return result;
 }
 
@@ -250,8 +268,9 @@ bool CurlLine::maySend() {
 bool CurlLine::takeLine(std::string_view line) {
   Call& call = *call_;
   if (call.headGiven) return true;  // a trailer
-  if (line.starts_with("HTTP/2") && protocolOf(easy_.get()) == UpstreamProtocol::http2) {
-    call.reader = UpstreamHeadReader(UpstreamProtocol::http2);
+  if (!call.protocolKnown) {
+    call.protocolKnown = true;
+    call.reader = UpstreamHeadReader(line.starts_with("HTTP/2") ? protocolOf(easy_.get()) : UpstreamProtocol::http1);
   }
   switch (call.reader.line(line)) {
     case UpstreamHeadReader::State::reading:

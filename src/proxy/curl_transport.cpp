@@ -43,9 +43,12 @@ std::size_t CurlTransport::idle() const {
 
 std::unique_ptr<CurlLine> CurlTransport::take(ProxyProvider provider) {
   std::shared_ptr<const CurlShared> shared;
+  std::deque<Idle> old;  // closed without the lock
   {
     const base::Lock lock(mutex_);
     std::deque<Idle>& pool = pools_[provider];
+    // The timer counts only while the computer is awake.
+    if (!pool.empty() && pool.back().since <= clock_.instant() - kIdleTime) pool.swap(old);
     if (!pool.empty()) {
       std::unique_ptr<CurlLine> line = std::move(pool.back().line);
       pool.pop_back();
@@ -57,7 +60,7 @@ std::unique_ptr<CurlLine> CurlTransport::take(ProxyProvider provider) {
 }
 
 void CurlTransport::giveBack(ProxyProvider provider, std::unique_ptr<CurlLine> line) {
-  std::optional<Idle> dropped;  // closed without the lock
+  std::optional<Idle> dropped;
   std::optional<base::Instant> deadline;
   {
     const base::Lock lock(mutex_);

@@ -11,6 +11,7 @@
 #include "proxy/echo_mask.h"
 #include "proxy/forwarder.h"
 #include "proxy/in_memory_meter.h"
+#include "proxy/upstream_prices.h"
 #include "support/corpus.h"
 #include "support/doubles.h"
 #include "support/tls_stub.h"
@@ -523,6 +524,34 @@ TEST(LocalProxyForwarder, anEndlessAnswerTakesNoMemory) {
   EXPECT_TRUE(client.finished);
   EXPECT_EQ(total, std::size_t{65'000} * kPieces);
   EXPECT_LT(after.ru_maxrss - before.ru_maxrss, 16'384) << "kilobytes, of 97 million bytes passed";
+}
+
+TEST(OpenRouterPrices, areFetchedWithoutAKeyAndWithinABound) {
+  std::optional<test::StubRequest> seen;
+  std::string answer = jsonAnswer(R"({"data":[]})");
+  TlsStub stub([&](TlsStub::Connection& connection) {
+    while ((seen = connection.next()) && connection.send(answer)) {
+    }
+  });
+  const test::ManualClock clock;
+  CurlTransport transport(clock, {.version = "1", .authorityPem = stub.authorityPem(), .outboundProxy = {}});
+  const ProxyOrigins origins{"https://127.0.0.1:1", "https://127.0.0.1:1", stub.origin()};
+  EXPECT_EQ(fetchOpenRouterPrices(transport, origins), R"({"data":[]})");
+  EXPECT_EQ(seen->line, "GET /api/v1/models HTTP/1.1");
+  EXPECT_EQ(seen->headers.count("authorization") + seen->headers.count("x-api-key"), 0u);
+
+  const auto reason = [&] {
+    try {
+      fetchOpenRouterPrices(transport, origins);
+    } catch (const PriceListError& error) {
+      return error.sentence();
+    }
+    return std::string();
+  };
+  answer = jsonAnswer("{}", {}, 503);
+  EXPECT_THAT(reason(), HasSubstr("answered with status 503. The prices that sorvane has stay as they are."));
+  answer = jsonAnswer(std::string(kMostPriceListBytes + 1, ' '));
+  EXPECT_THAT(reason(), HasSubstr("longer than 16 MB"));
 }
 
 TEST(EchoMask, overwritesAKeyHoweverItIsSplitAndHoldsBackNothingElse) {

@@ -232,6 +232,20 @@ TEST(CurlTransport, keepsTheConnectionThatCameBackLastAndClosesTheOld) {
   Collected collected;
   upstream.send(collected);
   EXPECT_EQ(upstream.stub.connections(), 2);
+  upstream.clock.advance(CurlTransport::kIdleTime);
+  upstream.send(collected);
+  EXPECT_EQ(upstream.stub.connections(), 3);
+  EXPECT_EQ(upstream.transport.idle(), 1u);
+}
+
+TEST(CurlTransport, aReceiverThatThrowsDoesNotThrowThroughCurl) {
+  Upstream upstream(TlsStub::answering(test::jsonAnswer("{}")));
+  struct Throws final : UpstreamReceiver {
+    bool head(UpstreamHead) override { return true; }
+    bool body(std::string_view, UpstreamPiece) override { throw std::bad_alloc(); }
+  } throws;
+  EXPECT_THROW(upstream.transport.send(upstream.request(), throws, {}), std::bad_alloc);
+  EXPECT_EQ(upstream.transport.idle(), 0u);
 }
 
 TEST(CurlTransport, tellsItsFailuresApart) {
