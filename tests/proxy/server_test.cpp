@@ -156,6 +156,7 @@ TEST_F(ProxyServer, takesABodyOfExactlyTheLimitAndReadsNothingOfALargerOne) {
   EXPECT_EQ(statusOf(answer), 413);
   EXPECT_NE(answer.find("The request body is larger than 1 MB."), std::string::npos);
   EXPECT_EQ(server.counters().bodyBytesRead, 1'048'576);
+  server.stop();
   EXPECT_GT(server.counters().drainedBytes, 0);
 }
 
