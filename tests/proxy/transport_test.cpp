@@ -125,11 +125,10 @@ TEST(CurlTransport, speaksHttp2WhereTheProviderDoes) {
             preface = true;
           }
           while (preface && in.size() >= 9) {
-            const auto byte = [&](std::size_t at) { return static_cast<unsigned char>(in[at]); };
+            const auto byte = [&](std::size_t at) { return std::uint32_t{static_cast<unsigned char>(in[at])}; };
             const std::size_t size = byte(0) << 16 | byte(1) << 8 | byte(2);
             if (in.size() < 9 + size) break;
-            const std::uint32_t stream =
-                static_cast<std::uint32_t>(byte(5) << 24 | byte(6) << 16 | byte(7) << 8 | byte(8));
+            const std::uint32_t stream = byte(5) << 24 | byte(6) << 16 | byte(7) << 8 | byte(8);
             if (byte(3) == 0 && (byte(4) & 1) != 0) {
               using namespace std::string_literals;
               connection.send(frame(1, 4, stream, "\x88\0\x0arequest-id\x02r2"s) + frame(0, 0, stream, "two ") +
