@@ -171,6 +171,7 @@ AnswerMeter::~AnswerMeter() = default;
 void AnswerMeter::head(int status, std::string_view contentType) {
   state_->status = status;
   state_->events = isEventStream(contentType);
+  if (state_->events) state_->report.expectEvents();
   state_->mayDrop = state_->events && state_->terms->dropsUsageEvent;
 }
 

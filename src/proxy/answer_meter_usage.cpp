@@ -221,8 +221,8 @@ bool AnswerReport::isFinal() const {
   switch (terms_.operation) {
     case ProxyOperation::messages: {
       const std::string_view type = document_.type ? std::string_view(*document_.type) : "";
-      return output && (type == "message_stop" || (document_.hasUsage && type == "message") ||
-                        (document_.hasUsage && type == "message_delta" && document_.stopped));
+      const bool last = !inEvents_ || (type == "message_delta" && document_.stopped);
+      return output && (type == "message_stop" || (document_.hasUsage && last));
     }
     case ProxyOperation::chatCompletions:
     case ProxyOperation::responses:
@@ -260,7 +260,7 @@ ProxyUsage AnswerReport::usageOf(const AnswerCounts& counts) const {
 
 PriceScale AnswerReport::scale() const {
   const PriceRates& rates = *terms_.rates;
-  PriceScale scale = finished_ ? terms_.unsaid : terms_.scale;
+  PriceScale scale = terms_.unsaid;
   if (told_.region) {
     const std::int64_t* const factor = factorOf(rates.regions, *told_.region);
     scale.region = factor != nullptr ? *factor : kFactorOne;
@@ -308,7 +308,8 @@ CallCharge AnswerReport::estimate() const {
   charge.usage = usageOf(told_.counts);
   const bool promptSeen = says(told_.counts, Slot::prompt);
   const bool nothingSeen = !promptSeen && textBytes_ == 0;
-  if (nothingSeen || terms_.mayCompact) {
+  // An answer that is no stream tells nothing of itself before its end.
+  if (nothingSeen || !inEvents_ || terms_.mayCompact) {
     charge.chargedMicros = terms_.worstMicros;
     return charge;
   }

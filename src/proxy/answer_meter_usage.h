@@ -24,6 +24,8 @@ class AnswerReport final : public AnswerSink {
   /// The paths of the provider's and the operation's own form.
   std::span<const AnswerPath> paths() const;
 
+  /// The answer is a stream of events, each a document.
+  void expectEvents() { inEvents_ = true; }
   /// A document was read whole.
   void commit();
   /// What it held does not count.
@@ -61,6 +63,7 @@ class AnswerReport final : public AnswerSink {
 
   // Constant after construction.
   const CallPlan::Terms& terms_;
+  bool inEvents_ = false;
   // Of the document that is being read.
   Document document_;
   // Of all before it.

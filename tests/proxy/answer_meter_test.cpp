@@ -224,15 +224,15 @@ TEST(AnswerMeter, aBrokenAnswerIsChargedByWhatWasSeen) {
     std::string body;
     Micros micros;
   } cases[] = {
-      // 1.1 x (100 x 3 + 1,000 x 0.3 + 100 x 3.75 + 200 x 6 + 22 x 15), where 22 bytes of "text_delta" and the text
+      // 100 x 3 + 1,000 x 0.3 + 100 x 3.75 + 200 x 6 + 22 x 15, where 22 bytes of "text_delta" and the text
       // are more than the one token that was told
-      {"bytes of text stand for tokens", plain, kStart + kHello, 2'756},
+      {"bytes of text stand for tokens", plain, kStart + kHello, 2'505},
       // 500 tokens were told, fewer bytes came
       {"a larger report holds", plain,
        kStart + kHello + data(R"({"type":"message_delta","delta":{"stop_reason":null},"usage":{"output_tokens":500}})"),
-       10'643},
-      // the 1,000 that were reserved: 1.1 x (2,175 + 15,000)
-      {"thinking is not seen", thinking, kStart + kHello, 18'893},
+       9'675},
+      // the 1,000 that were reserved: 2,175 + 15,000
+      {"thinking is not seen", thinking, kStart + kHello, 17'175},
       {"an event that was cut does not count", plain, kStart.substr(0, kStart.size() - 4), plain.worstMicros},
       {"nothing was seen", plain, "", plain.worstMicros},
       // input as reserved: (51 + 4,096) x 2, and 12 bytes x 8
@@ -247,6 +247,8 @@ TEST(AnswerMeter, aBrokenAnswerIsChargedByWhatWasSeen) {
   const CallCharge ended = metered(plain, kStart + kHello + kEnd, 11, kEvents, 200, CallEnd::broken).charge;
   EXPECT_EQ(ended.chargedMicros, 2'925) << "what was reported to the end is no estimate";
   EXPECT_FALSE(ended.estimated);
+  const std::string half = R"({"type":"message","usage":{"input_tokens":10},"content":"Hello"})";
+  EXPECT_EQ(metered(plain, half, 11, kJson).charge.chargedMicros, plain.worstMicros) << "half a report is none";
   AnswerMeter never(plain);
   EXPECT_EQ(never.charge(CallEnd::broken).chargedMicros, plain.worstMicros);
 }
