@@ -214,6 +214,9 @@ UpstreamResult CurlLine::run(const UpstreamRequest& request, UpstreamReceiver& r
 }
 
 void CurlLine::drive(Call& call, const UpstreamWatch& watch) {
+  // Once it is sent it is paid for.
+  if (call.watchesClient && look(watch.client) == ClientSocket::gone) call.ended = Ended::hungUp;
+  if (watch.stop.stop_requested()) call.ended = Ended::stopped;
   while (call.ended == Ended::no) {
     int running = 0;
     if (curl_multi_perform(multi_.get(), &running) != CURLM_OK || running == 0) return;
@@ -224,12 +227,9 @@ void CurlLine::drive(Call& call, const UpstreamWatch& watch) {
 
 void CurlLine::wait(Call& call, const UpstreamWatch& watch) {
   curl_waitfd client{watch.client, CURL_WAIT_POLLIN, 0};
-  if (watch.stop.stop_requested()) {
-    call.ended = Ended::stopped;
-    return;
-  }
   // A client that has the whole answer may go.
   const bool watched = call.watchesClient && !call.lastGiven;
+  // A stop from now on wakes the wait; one from before has left its mark there.
   curl_multi_poll(multi_.get(), &client, watched ? 1 : 0, kWaitMilliseconds, nullptr);
   if (watch.stop.stop_requested()) {
     call.ended = Ended::stopped;

@@ -45,9 +45,9 @@ std::optional<ProxyRefusal> refusalOf(const ProxyReservation& reservation) {
 
 bool CallSlots::take(const std::string& lookupId, int most) {
   const base::Lock lock(mutex_);
-  int& taken = taken_[lookupId];
-  if (taken >= most) return false;
-  ++taken;
+  const auto found = taken_.find(lookupId);
+  if ((found == taken_.end() ? 0 : found->second) >= most) return false;
+  ++taken_[lookupId];
   return true;
 }
 

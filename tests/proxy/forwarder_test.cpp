@@ -447,6 +447,21 @@ TEST(LocalProxyForwarder, aProviderThatCannotBeReachedCostsNothing) {
   EXPECT_EQ(proxy.spend().reservedMicros, 0);
 }
 
+TEST(LocalProxyForwarder, aCallThatNobodyWaitsForIsNotSent) {
+  Proxy proxy(TlsStub::answering(jsonAnswer("{}")));
+  RecordingClient cut, gone;
+  cut.end = ChannelEnd::cut;
+  cut.stop.request_stop();
+  gone.theirs.reset();
+  for (RecordingClient* const client : {&cut, &gone}) {
+    proxy.call(*client, kMessages);
+    EXPECT_EQ(proxy.last().outcome, client == &cut ? CallOutcome::cut : CallOutcome::clientAborted);
+    EXPECT_EQ(proxy.last().chargedMicros, 0);
+  }
+  EXPECT_EQ(proxy.stub.connections(), 0);
+  EXPECT_EQ(proxy.spend().reservedMicros, 0);
+}
+
 TEST(LocalProxyForwarder, aReportAboveTheReservationStopsThePool) {
   Proxy proxy(TlsStub::answering(jsonAnswer(R"({"usage":{"input_tokens":100000,"output_tokens":5}})")));
   RecordingClient client, next;
