@@ -109,8 +109,18 @@ class StubForwarder final : public ProxyForwarding {
 
 class StubOwners final : public PeerOwners {
  public:
-  std::optional<uid_t> ownerOf(const TcpEnd&, const TcpEnd&) override { return uid; }
-  std::optional<uid_t> uid = ::geteuid();
+  std::optional<uid_t> ownerOf(const TcpEnd&, const TcpEnd&) override {
+    const base::Lock lock(mutex_);
+    return uid_;
+  }
+  void answer(std::optional<uid_t> uid) {
+    const base::Lock lock(mutex_);
+    uid_ = uid;
+  }
+
+ private:
+  base::Mutex mutex_;
+  std::optional<uid_t> uid_ GUARDED_BY(mutex_) = ::geteuid();
 };
 
 /// A client's end of one connection.

@@ -413,7 +413,7 @@ TEST_F(ProxyServer, aStrangerIsClosedWithoutAnAnswer) {
   start(configuration);
   EXPECT_EQ(statusOf(ask(Request{})), 200);
   for (const std::optional<uid_t> uid : {std::optional<uid_t>(::geteuid() + 1), std::optional<uid_t>()}) {
-    owners.uid = uid;
+    owners.answer(uid);
     Client client(port);
     client.send(text({}));
     EXPECT_EQ(client.readAll(), "");
