@@ -2,7 +2,7 @@
 #include <charconv>
 
 #include "agent/owner_action_handlers.h"
-#include "base/codec.h"
+#include "proxy/curl_trust.h"
 #include "proxy/options.h"
 
 namespace sorvane::agent {
@@ -37,24 +37,6 @@ proxy::AllowedModels modelsOf(const std::vector<std::string>& items) {
     if (std::find(names.begin(), names.end(), name) == names.end()) names.push_back(name);
   }
   return models;
-}
-
-/// The form of one or more certificates; whether they are any is seen when they are used.
-bool isPem(std::string_view text) {
-  constexpr std::string_view kBegin = "-----BEGIN CERTIFICATE-----", kEnd = "-----END CERTIFICATE-----";
-  std::size_t count = 0;
-  for (std::size_t at = text.find(kBegin); at != std::string_view::npos; at = text.find(kBegin, at)) {
-    const std::size_t end = text.find(kEnd, at);
-    if (end == std::string_view::npos) return false;
-    std::string body;
-    for (const char c : text.substr(at + kBegin.size(), end - at - kBegin.size())) {
-      if (c != '\n' && c != '\r') body += c;
-    }
-    if (body.empty() || !base::parseBase64(body)) return false;
-    at = end;
-    ++count;
-  }
-  return count > 0 && text.size() <= kMostAuthorityBytes;
 }
 
 /// "http://host:port" and nothing else: no name and password, which would stand in the clear, and no path.
@@ -183,9 +165,10 @@ void readOptions(const ActionArguments& arguments, ProxyOptions& options) {
     }
   }
   if (const auto pem = arguments.clearable("authority")) {
-    if (*pem && !isPem(**pem)) {
-      throw ActionError("The authority must be one or more certificates as PEM text. Nothing was changed.");
+    if (*pem && (*pem)->size() > kMostAuthorityBytes) {
+      throw ActionError("The authority's certificates may be at most 32 KB. Nothing was changed.");
     }
+    if (*pem) const proxy::CurlTrust readable(*pem);
     options.authorityPem = *pem;
   }
   if (const auto address = arguments.clearable("outboundProxy")) {

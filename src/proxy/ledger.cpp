@@ -75,14 +75,18 @@ void CallLedger::run(const std::stop_token& stop) {
 void CallLedger::step(std::vector<ProxyCallRecord> records, LedgerWriter::When renewal) try {
   writer_.write(encoded(records));
   writer_.renew(renewal);
-  const LedgerTrouble trouble = writer_.trouble();
-  const base::Lock lock(mutex_);
-  trouble_ = trouble;
-  owes_ = writer_.owes();
+  publish();
 } catch (const std::exception& error) {
   base::diagnose("proxy", std::string("the call ledger could not be written: ") + error.what());
   const base::Lock lock(mutex_);
   lost_ += static_cast<std::int64_t>(records.size());
+}
+
+void CallLedger::publish() {
+  LedgerTrouble trouble = writer_.trouble();
+  const base::Lock lock(mutex_);
+  trouble_ = std::move(trouble);
+  owes_ = writer_.owes();
 }
 
 template <typename Work>
@@ -100,7 +104,11 @@ auto CallLedger::onWriter(const Work& work) {
 }
 
 CallLedger::Reading CallLedger::read(const std::function<void(std::string_view)>& take) {
-  const LedgerWriter::Snapshot snapshot = onWriter([this] { return writer_.snapshot(); });
+  const LedgerWriter::Snapshot snapshot = onWriter([this] {
+    LedgerWriter::Snapshot now = writer_.snapshot();
+    publish();
+    return now;
+  });
   const LedgerSeal none;
   SealCheck check(snapshot.seal ? *snapshot.seal : none);
   Reading reading;
@@ -123,6 +131,20 @@ CallLedger::Reading CallLedger::read(const std::function<void(std::string_view)>
   }
   reading.notices = sentencesOf(trouble);
   return reading;
+}
+
+void CallLedger::look() {
+  {
+    const base::Lock lock(mutex_);
+    if (ended_) return;
+    // As a task, which keeps what it throws to itself.
+    const auto task = std::make_shared<std::packaged_task<void()>>([this] {
+      writer_.look();
+      publish();
+    });
+    asked_.emplace_back([task] { (*task)(); });
+  }
+  changed_.notify_all();
 }
 
 std::vector<std::string> CallLedger::notices() const {

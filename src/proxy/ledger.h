@@ -40,6 +40,9 @@ class CallLedger final : public ProxyCallLog {
   /// Everything that was recorded before the call. `take` is called for each line in its order on the calling thread,
   /// which also compares the file with its seal. Throws base::FileError.
   Reading read(const std::function<void(std::string_view line)>& take);
+  /// Has the file compared with its seal soon, on the writer's thread, unless that was done before; `notices` says what
+  /// was found. Does not wait.
+  void look();
   /// What is known to be wrong without reading the file.
   std::vector<std::string> notices() const;
   /// Returns when all that was recorded before was written, or was tried to be.
@@ -53,6 +56,7 @@ class CallLedger final : public ProxyCallLog {
   template <typename Work>
   auto onWriter(const Work& work);
   void step(std::vector<ProxyCallRecord> records, LedgerWriter::When renewal);
+  void publish();
 
   // The writer's thread's own; the last caller's once it has ended.
   LedgerWriter writer_;

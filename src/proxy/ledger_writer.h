@@ -47,6 +47,8 @@ class LedgerWriter {
   enum class When { due, now };
   /// Saves the seal when it is older than the file.
   void renew(When when);
+  /// Reads the seal and compares the file with it, unless that was done before.
+  void look() { open(); }
   /// Whether something is to be tried again, or the seal is to be renewed later.
   bool owes() const { return dirty_ || !unwritten_.empty() || (opened_ && !seal_); }
 
@@ -59,7 +61,6 @@ class LedgerWriter {
   LedgerTrouble trouble() const;
 
  private:
-  /// Reads the seal and compares the file with it, once.
   void open();
   void settleTail();
   void adopt(const std::optional<LedgerSeal>& sealed, const OpenLedger& file);

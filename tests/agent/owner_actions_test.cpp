@@ -6,101 +6,13 @@
 #include <nlohmann/json.hpp>
 #include <sstream>
 
-#include "agent/copied_value.h"
-#include "agent/owner_action_handlers.h"
-#include "agent/task_sessions.h"
 #include "base/json.h"
-#include "support/doubles.h"
-#include "vault/vault_fixture.h"
+#include "owner_actions_fixture.h"
 
 namespace sorvane::test {
 namespace {
 
-using agent::ActionCall;
-using agent::ActionQuestion;
-using agent::AgentResponse;
-using agent::ApprovalResult;
-using agent::Jobs;
-using agent::Payload;
 using agent::TaskSessions;
-
-class StandInApplication final : public agent::VaultActions {
- public:
-  agent::ApplicationState state() override { return {"1", "support folder", "nobody", {}, {}}; }
-  agent::StoreState store() override { return {"embedded", "note", false}; }
-  std::int64_t storeItems() override { return 0; }
-  void checkStoreMove(const std::string& to) override {
-    if (to != "secret-service") throw agent::ActionError("not there");
-  }
-  std::optional<std::string> moveStore(const std::string&, const Jobs::Step&) override { return "{}"; }
-  std::vector<agent::ClientConnection> clients() override { return {connection_}; }
-  agent::ClientConnection client(const std::string&, const std::string&) override { return connection_; }
-  agent::ClientConnection planClient(const std::string&, const std::string&) override { return connection_; }
-  void connectClient(const agent::ClientConnection&, const ClientGrantToWrite& grant) override {
-    if (fails) throw agent::ActionError("the file is read-only");
-    connection_.grantId = grant.id;
-  }
-  std::string disconnectClient(const std::string&, const std::string&) override { return "restored"; }
-  std::vector<agent::FolderFinding> scan(const std::string&) override {
-    return {{".env", 1, "KEY", "abc......yz", "secret"}};
-  }
-  void removeVault() override {}
-
-  bool fails = false;
-  void connectTo(const std::string& grantId) { connection_.grantId = grantId; }
-
- private:
-  agent::ClientConnection connection_{"claude-code", "Claude Code", "",    "file", true, "connected",
-                                      "gone",        false,         false, true,   {}};
-};
-
-class OwnerActions : public VaultFixture {
- protected:
-  void SetUp() override {
-    vault().createSecret(newSecret("KEY", "made-up-value"));
-    const auto id = vault().records()->secretByName("KEY")->id;
-    vault().addVersion(id, newVersion("made-up-value-2"));
-    const auto app = vault().createEnvironment({"app", "", {}, {}});
-    vault().bind(app.id, {"KEY", id, {}, {}});
-    application_.connectTo(grants_.add({"Editor", "app", false}).id);
-  }
-
-  AgentResponse act(Payload payload, std::optional<std::string> value = {}) {
-    std::optional<base::SecretText> secret;
-    if (value) secret.emplace(*value);
-    ActionCall call{payload,
-                    secret,
-                    "Terminal (sorvane command line)",
-                    "Terminal",
-                    "identity",
-                    {"Terminal", "", "test", {}},
-                    [this](const ActionQuestion& question) {
-                      asked_.push_back(question.prompt.reason);
-                      if (whileAsked_) whileAsked_();
-                      return answer_;
-                    },
-                    [] { return std::stop_token(); }};
-    try {
-      return actions_.perform(call);
-    } catch (const base::Error& error) {
-      return AgentResponse::refused(error.sentence());
-    }
-  }
-  std::string idOf(const std::string& environment) { return vault().records()->projectByName(environment)->id; }
-
-  agent::GrantStore grants_{folder_.path() / "agent_clients.json", systemFiles_, vault()};
-  agent::ApprovalPolicy policy_{vault()};
-  StandInApplication application_;
-  MemoryClipboard clipboard_;
-  agent::CopiedValue copied_{clipboard_};
-  agent::TaskSessions sessions_{clock_};
-  Jobs jobs_{clock_};
-  agent::OwnerActionHandlers actions_{
-      {vault(), grants_, policy_, jobs_, clipboard_, copied_, sessions_, application_, clock_}};
-  std::vector<std::string> asked_;
-  std::function<void()> whileAsked_;
-  ApprovalResult answer_ = ApprovalResult::byApplication;
-};
 
 /// Valid arguments of every action, in the fixture's vault.
 const std::map<std::string, Payload>& validArguments() {
@@ -152,10 +64,27 @@ const std::map<std::string, Payload>& validArguments() {
       {"gc", {{"days", "30"}}},
       {"storeShow", {}},
       {"storeMove", {{"to", "secret-service"}}},
+      {"proxyProtect", {{"name", "CLAUDE"}, {"provider", "anthropic"}}},
+      {"proxyUnprotect", {{"name", "PROTECTED"}}},
+      {"proxyConfirm", {}},
+      {"proxyStatus", {}},
+      {"proxyResume", {{"id", "abc"}}},
+      {"proxyEndGrant", {{"id", "qzt_local_abz"}}},
+      {"proxyLimitsGet", {}},
+      {"proxyLimitsSet", {{"budgetCents", "100"}}},
+      {"proxyLedger", {}},
+      {"proxyPrices", {}},
+      {"proxyPricesFetch", {}},
+      {"proxyPricesOverride", {}},
       {"job", {{"id", "nothing"}}},
       {"jobCancel", {{"id", "nothing"}}},
   };
   return arguments;
+}
+
+/// What is sent as the value: own prices are the one that is more than any text.
+std::string valueFor(const std::string& action) {
+  return action == "proxyPricesOverride" ? "" : "made-up";
 }
 
 /// The table of the document: action to whether it asks.
@@ -176,6 +105,7 @@ std::map<std::string, bool> documentedActions() {
 TEST_F(OwnerActions, everyDocumentedActionAsksAsDocumentedAndDoesNothingAfterANo) {
   const auto documented = documentedActions();
   ASSERT_EQ(documented.size(), validArguments().size());
+  makeProviderKeys();
   answer_ = ApprovalResult::denied;
   for (const auto& [action, asks] : documented) {
     if (!asks) continue;
@@ -186,7 +116,7 @@ TEST_F(OwnerActions, everyDocumentedActionAsksAsDocumentedAndDoesNothingAfterANo
     asked_.clear();
     Payload payload = validArguments().at(action);
     payload.emplace("action", action);
-    EXPECT_EQ(act(std::move(payload), "made-up").error, "approval denied");
+    EXPECT_EQ(act(std::move(payload), valueFor(action)).error, "approval denied");
     ASSERT_EQ(asked_.size(), 1U);
     EXPECT_TRUE(asked_.front().starts_with("Terminal (sorvane command line) wants to ")) << asked_.front();
     EXPECT_EQ(vault().records()->secrets, records->secrets);
@@ -200,13 +130,14 @@ TEST_F(OwnerActions, everyDocumentedActionAsksAsDocumentedAndDoesNothingAfterANo
     asked_.clear();
     Payload payload = validArguments().at(action);
     payload.emplace("action", action);
-    const AgentResponse response = act(std::move(payload), "made-up");
+    const AgentResponse response = act(std::move(payload), valueFor(action));
     EXPECT_EQ(response.ok, !action.starts_with("job")) << response.error.value_or("");
     EXPECT_TRUE(asked_.empty());
   }
 }
 
 TEST_F(OwnerActions, everyActionThatAsksIsCarriedOutAfterAYes) {
+  makeProviderKeys();
   for (const auto& [action, asks] : documentedActions()) {
     if (!asks || action == "secretRemove" || action == "environmentRemove" || action == "agentRemove" ||
         action == "clientDisconnect") {
@@ -220,12 +151,12 @@ TEST_F(OwnerActions, everyActionThatAsksIsCarriedOutAfterAYes) {
     SCOPED_TRACE(action);
     Payload payload = validArguments().at(action);
     payload.emplace("action", action);
-    const AgentResponse response = act(std::move(payload), "made-up");
+    const AgentResponse response = act(std::move(payload), valueFor(action));
     EXPECT_TRUE(response.ok) << response.error.value_or("");
   }
   EXPECT_TRUE(act({{"action", "secretLimit"}, {"name", "KEY"}, {"targets", R"(["staging"])"}}).ok);
   EXPECT_TRUE(act({{"action", "secretRemove"}, {"name", "KEY"}}).ok);
-  EXPECT_TRUE(vault().records()->secrets.empty());
+  EXPECT_EQ(vault().records()->secretByName("KEY"), nullptr);
 }
 
 TEST_F(OwnerActions, aClientsConnectionIsAGrantThatGoesWithItsEntry) {
