@@ -1,6 +1,7 @@
 #include "proxy/answer_meter_scan.h"
 
 #include <algorithm>
+#include <array>
 
 #include "proxy/body_text.h"
 
@@ -11,8 +12,17 @@ bool isSpace(char c) {
   return c == ' ' || c == '\n' || c == '\t' || c == '\r';
 }
 
+/// The characters of numbers and words, as a table: vectors are most of what is read here.
+constexpr auto kBare = [] {
+  std::array<bool, 256> table{};
+  for (const char c : std::string_view("0123456789abcdefghijklmnopqrstuvwxyz-+.E")) {
+    table[static_cast<unsigned char>(c)] = true;
+  }
+  return table;
+}();
+
 bool isBare(char c) {
-  return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || c == '-' || c == '+' || c == '.' || c == 'E';
+  return kBare[static_cast<unsigned char>(c)];
 }
 
 }  // namespace
@@ -33,6 +43,8 @@ void AnswerScan::feed(std::string_view bytes) {
   while (at != end && state_ != State::lost) {
     if (state_ == State::text) {
       at = inString(at, end);
+    } else if (state_ == State::bare) {
+      at = inBare(at, end);
     } else {
       step(*at++);
     }
@@ -54,24 +66,33 @@ const char* AnswerScan::inString(const char* at, const char* end) {
   return stop + 1;
 }
 
+const char* AnswerScan::inBare(const char* at, const char* end) {
+  const char* stop = at;
+  while (stop != end && isBare(*stop)) ++stop;
+  keep({at, static_cast<std::size_t>(stop - at)});
+  if (stop == end) return end;
+  if (slot_ != AnswerSlot::none) sink_.scalar(slot_, token_, false);
+  afterValue(*stop);
+  return stop + 1;
+}
+
 void AnswerScan::keep(std::string_view bytes) {
   if (!isKey_ && isText_) sink_.text(bytes.size());
+  // Only keys where some mean something, and values that do, are ever looked at.
+  if (isKey_ ? frames_.back().place == kNoPlace : slot_ == AnswerSlot::none) return;
   if (token_.size() < kMostAnswerToken) token_ += bytes.substr(0, kMostAnswerToken - token_.size());
 }
 
 void AnswerScan::step(char c) {
   switch (state_) {
     case State::text:
+    case State::bare:
     case State::lost:
       return;
     case State::escape:
       keep({&c, 1});
       state_ = State::text;
       return;
-    case State::bare:
-      if (isBare(c)) return keep({&c, 1});
-      endBare();
-      return afterValue(c);
     case State::value:
     case State::first:
     case State::firstKey:
@@ -152,14 +173,10 @@ void AnswerScan::endString() {
   state_ = State::after;
 }
 
-void AnswerScan::endBare() {
-  if (slot_ != AnswerSlot::none) sink_.scalar(slot_, token_, false);
-  state_ = State::after;
-}
-
 void AnswerScan::afterValue(char c) {
-  if (isSpace(c)) return;
-  if (frames_.empty()) {
+  if (isSpace(c)) {
+    state_ = State::after;
+  } else if (frames_.empty()) {
     state_ = State::lost;
   } else if (c == ',') {
     state_ = frames_.back().isArray ? State::value : State::key;

@@ -100,11 +100,11 @@ class AnswerScan {
   };
   void step(char c);
   const char* inString(const char* at, const char* end);
+  const char* inBare(const char* at, const char* end);
   void beginValue(char c);
   void open(bool isArray);
   void close(bool isArray);
   void endString();
-  void endBare();
   void afterValue(char c);
   void meet(std::string_view key);
   void keep(std::string_view bytes);
