@@ -6,6 +6,7 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
 #include <cstring>
@@ -83,6 +84,13 @@ base::SecretText receive(int socket) {
 }
 
 }  // namespace
+
+void stateCapabilities(AgentRequest& request) {
+  constexpr std::array kMayStandIn{AgentOp::renderEnv, AgentOp::runEnv, AgentOp::beginTaskSession,
+                                   AgentOp::taskSessionEnv};
+  if (std::find(kMayStandIn.begin(), kMayStandIn.end(), request.op) == kMayStandIn.end()) return;
+  request.payload["client"] = kHelperCapabilities;
+}
 
 AgentInfo readEndpoint(const std::filesystem::path& supportFolder) {
   std::optional<base::Files::Contents> contents;

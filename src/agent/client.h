@@ -5,6 +5,7 @@
 #include <optional>
 #include <stop_token>
 #include <string>
+#include <string_view>
 
 #include "agent/protocol.h"
 #include "base/error.h"
@@ -22,6 +23,11 @@ class ClientError : public base::Error {
  private:
   Case kind_;
 };
+
+/// What this helper program can do, in `payload["client"]` of the operations that may hand out a stand-in: it runs
+/// commands with one and ends it with them.
+inline constexpr std::string_view kHelperCapabilities = "local_proxy_v1";
+void stateCapabilities(AgentRequest& request);
 
 /// Reads "agent.json" of a support folder. Throws ClientError::unavailable when it is missing, not a regular file of
 /// this user, or does not decode.

@@ -18,6 +18,7 @@
 #include "agent/operations.h"
 #include "agent/owner_actions.h"
 #include "agent/protocol.h"
+#include "agent/stand_ins.h"
 #include "agent/task_sessions.h"
 #include "vault/vault.h"
 
@@ -52,6 +53,7 @@ class Handlers {
     KeyEnvFiles& keyFiles;
     Clipboard& clipboard;
     CopiedValue& copied;
+    const base::Clock& clock;
     /// Of minimumEnvironment.
     std::vector<std::string> minimum;
     /// Where a command runs when nothing else is said; may be empty.
@@ -60,6 +62,8 @@ class Handlers {
     std::filesystem::path supportFolder;
     /// Told after an operation changed the vault; may be absent.
     std::function<void()> onVaultMutated;
+    /// Absent where no calls can be routed.
+    proxy::LocalProxyBroker* localProxy = nullptr;
   };
   explicit Handlers(Ports ports) : ports_(std::move(ports)) {}
 
@@ -82,10 +86,32 @@ class Handlers {
   AgentResponse taskSessionEnv(Call& call);
   AgentResponse keyEnvFile(Call& call);
   AgentResponse keysNotServed(Call& call);
-  AgentResponse proxyNotServed(Call& call);
+  AgentResponse proxyUsage(Call& call);
+  AgentResponse proxyRunEnded(Call& call);
 
  private:
   AgentResponse runUnderSession(Call& call);
+  /// What of a task session is decided before the owner is asked.
+  struct SessionPlan;
+  std::optional<AgentResponse> planSession(Call& call, SessionPlan& plan, std::vector<std::string>& details);
+  AgentResponse beginPlanned(Call& call, SessionPlan plan, vault::ProxySplitRender split);
+  AgentResponse renderForCommand(Call& call, const vault::Project& environment,
+                                 const std::optional<std::string>& target);
+  AgentResponse renderRedacted(Call& call, const vault::Project& environment, const std::optional<std::string>& target);
+  /// The refusal of an environment that is not what it was when the owner was asked.
+  std::optional<AgentResponse> changedMeanwhile(const vault::Project& environment);
+  /// Whether the environment holds protected keys, which the question then tells; the plan's refusal comes first.
+  bool lookForKeys(Call& call, const vault::Project& environment, const std::optional<std::string>& target,
+                   StandInPlan& plan, OperationQuestion& question);
+  /// The controller sees every session, by the beginning of its id.
+  std::vector<TaskSessionInfo> sessionsOf(const Caller& caller);
+  /// A grant, and the port that it is good at.
+  struct StandIns {
+    proxy::IssuedProxyGrant grant;
+    std::uint16_t port = 0;
+  };
+  /// nullopt when the proxy stopped meanwhile. With `watch` for a command run.
+  std::optional<StandIns> issueStandIns(proxy::NewProxyGrant grant, const std::optional<proxy::ProxyRunWatch>& watch);
   void changed(const std::string& title, const std::string& body);
   /// What a capture saves, as the question and the access log say it.
   struct Captured {

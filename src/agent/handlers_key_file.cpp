@@ -27,16 +27,23 @@ std::vector<KeyEnvFiles::Key> keysOf(const TaskSessions::Snapshot& snapshot) {
     const std::size_t equals = text.find('=');
     if (text.starts_with('#') || equals == std::string_view::npos) continue;
     const std::string_view name = text.substr(0, equals);
-    if (std::find(kProviderKeyNames.begin(), kProviderKeyNames.end(), name) == kProviderKeyNames.end()) continue;
+    const bool isStandIn = snapshot.standIns.isStandIn(name), isBaseUrl = snapshot.standIns.isBaseUrl(name);
+    const bool isProviderKey =
+        std::find(kProviderKeyNames.begin(), kProviderKeyNames.end(), name) != kProviderKeyNames.end();
+    if (!isStandIn && !isBaseUrl && !isProviderKey) continue;
+    using Kind = KeyEnvFiles::Key::Kind;
+    const Kind kind = isBaseUrl ? Kind::address : isStandIn ? Kind::standIn : Kind::real;
     base::SecretText value = vault::envLineValue(text.substr(equals + 1));
-    if (!value.empty()) keys.push_back({std::string(name), std::move(value), !snapshot.proxyOnly});
+    if (!value.empty()) keys.push_back({std::string(name), std::move(value), kind});
   }
   return keys;
 }
 
 std::string namesOf(const std::vector<KeyEnvFiles::Key>& keys) {
   std::string names;
-  for (const KeyEnvFiles::Key& key : keys) names += (names.empty() ? "" : ", ") + key.name;
+  for (const KeyEnvFiles::Key& key : keys) {
+    if (key.kind == KeyEnvFiles::Key::Kind::real) names += (names.empty() ? "" : ", ") + key.name;
+  }
   return names;
 }
 
@@ -76,9 +83,11 @@ AgentResponse Handlers::keyEnvFile(Call& call) {
   const std::string id = request.taskSession.value_or("");
   const auto session = ports_.sessions.lookup(id, call.caller().identity);
   if (request.arg && !request.arg->starts_with('/')) throw KeyEnvFileError::notAbsolute();
+  const auto& lookupId = session.snapshot->proxyLookupId;
+  if (lookupId && !ports_.localProxy->isLive(*lookupId)) return proxyGrantEnded();
   const std::vector<KeyEnvFiles::Key> keys = keysOf(*session.snapshot);
   if (keys.empty()) throw KeyEnvFileError::noKeys();
-  const bool real = std::any_of(keys.begin(), keys.end(), [](const KeyEnvFiles::Key& key) { return key.real; });
+  const bool real = holdsReal(keys);
   if (real) {
     if (auto refusal = refusedCaller(CallerRule::mayReveal, call.caller())) return std::move(*refusal);
     if (session.info.expiresAt - session.info.startedAt > kRealKeySeconds) {

@@ -2,6 +2,7 @@
 
 #include "agent/command_words.h"
 #include "agent/handlers.h"
+#include "base/ids.h"
 #include "base/unicode.h"
 #include "vault/deployment_policy.h"
 #include "vault/run_control.h"
@@ -77,6 +78,63 @@ void leaveOutRunControl(vault::RenderedEnvironment& environment) {
 
 }  // namespace
 
+namespace {
+
+OperationQuestion readQuestion(Call& call, const vault::Project& environment) {
+  OperationQuestion question;
+  question.prompt.kind = OwnerApprovalPrompt::Kind::useEnvironment;
+  question.prompt.reason =
+      call.requester() + " wants to read every value of the environment '" + environment.name + "'";
+  question.prompt.subject = environment.name;
+  question.prompt.declaredTarget = declaredTarget(call.request());
+  question.details = {"Raw values leave sorvane: the program that asks gets them in the clear."};
+  question.environmentId = environment.id;
+  return question;
+}
+
+}  // namespace
+
+AgentResponse Handlers::renderForCommand(Call& call, const vault::Project& environment,
+                                         const std::optional<std::string>& target) {
+  OperationQuestion question = readQuestion(call, environment);
+  // What the caller says it will run; nobody here can hold it to that.
+  const auto told = call.request().payload.find("command");
+  auto words = told == call.request().payload.end() ? std::nullopt : decodeCommandWords(told->second);
+  if (words) question.commandWords = std::move(*words);
+  question.directory = call.request().directory;
+  StandInPlan standIns;
+  const bool keys = lookForKeys(call, environment, target, standIns, question);
+  if (standIns.refusal) return std::move(*standIns.refusal);
+  const bool raw = call.caller().allowReveal;
+  // Without raw values there is nothing to hand out but stand-ins.
+  if (!raw && !keys) return renderRedacted(call, environment, target);
+  if (!raw)
+    question.prompt.reason =
+        call.requester() + " wants stand-ins for the protected keys of the environment '" + environment.name + "'";
+  if (call.denied(question)) return AgentResponse::refused(std::string(kApprovalDenied));
+  if (auto refusal = changedMeanwhile(environment)) return std::move(*refusal);
+  vault::ProxySplitRender split = ports_.vault.renderForProxy(
+      environment.id, target, raw ? vault::RenderValues::deliver : vault::RenderValues::keysOnly,
+      call.access("agent_render_env"));
+  if (split.keys.empty() == keys) return proxyApprovalChanged();
+  std::optional<std::string> run;
+  StandInNames names;
+  if (keys) {
+    proxy::NewProxyGrant wanted = newGrant(call, split, standIns.ask, ports_.vault);
+    wanted.runId = run = base::randomUuid();
+    wanted.owner = standInOwner(*run);
+    wanted.until = ports_.clock.now() + std::chrono::seconds(ports_.localProxy->longestSessionSeconds());
+    const auto issued = issueStandIns(std::move(wanted), proxy::ProxyRunWatch{call.peer()});
+    if (!issued) return proxyUnavailable();
+    names = placeStandIns(split, issued->grant, issued->port);
+  }
+  leaveOutRunControl(split.rendered);
+  AgentResponse response = rendered(std::move(split.rendered));
+  response.proxyRun = std::move(run);
+  if (!names.baseUrls.empty()) response.publicNames = std::move(names.baseUrls);
+  return response;
+}
+
 AgentResponse Handlers::renderEnv(Call& call) {
   const auto records = ports_.vault.records();
   auto found = environmentOf(*records, call.caller(), environmentNameOf(call.request()));
@@ -84,36 +142,36 @@ AgentResponse Handlers::renderEnv(Call& call) {
   const vault::Project& environment = *found.environment;
   const auto target = declaredTarget(call.request());
   checkTargetsBeforeAsking(*records, environment, target);
-  const auto values = call.caller().allowReveal ? vault::RenderValues::deliver : vault::RenderValues::redact;
-  if (values == vault::RenderValues::deliver) {
-    OperationQuestion question;
-    question.prompt.kind = OwnerApprovalPrompt::Kind::useEnvironment;
-    question.prompt.reason =
-        call.requester() + " wants to read every value of the environment '" + environment.name + "'";
-    question.prompt.subject = environment.name;
-    question.prompt.declaredTarget = target;
-    question.details = {"Raw values leave sorvane: the program that asks gets them in the clear."};
-    question.environmentId = environment.id;
-    if (isForCommand(call.request())) {
-      // What the caller says it will run; nobody here can hold it to that.
-      const auto told = call.request().payload.find("command");
-      auto words = told == call.request().payload.end() ? std::nullopt : decodeCommandWords(told->second);
-      if (words) question.commandWords = std::move(*words);
-      question.directory = call.request().directory;
-    }
-    if (call.denied(question)) return AgentResponse::refused(std::string(kApprovalDenied));
-    const auto present = ports_.vault.records();
-    const vault::Project* const now = present->projectById(environment.id);
-    if (now == nullptr) return AgentResponse::refused("Environment unavailable");
-    if (!(*now == environment)) return AgentResponse::refused(std::string(kEnvironmentChanged));
-  }
   try {
-    auto delivered = ports_.vault.render(environment.id, target, values, call.access("agent_render_env"));
-    if (isForCommand(call.request())) leaveOutRunControl(delivered);
-    return rendered(std::move(delivered));
+    if (isForCommand(call.request())) return renderForCommand(call, environment, target);
+    if (!call.caller().allowReveal) return renderRedacted(call, environment, target);
+    // A protected key is refused before anybody is asked.
+    const auto looked =
+        ports_.vault.renderForProxy(environment.id, target, vault::RenderValues::redact, call.access(""));
+    if (!looked.keys.empty()) throw vault::ProtectionError::isProtected(looked.keys.front().variable);
+    if (call.denied(readQuestion(call, environment))) return AgentResponse::refused(std::string(kApprovalDenied));
+    if (auto refusal = changedMeanwhile(environment)) return std::move(*refusal);
+    return rendered(
+        ports_.vault.render(environment.id, target, vault::RenderValues::deliver, call.access("agent_render_env")));
   } catch (const vault::VaultError&) {
     return AgentResponse::refused(std::string(kEnvironmentUnavailable));
   }
+}
+
+AgentResponse Handlers::renderRedacted(Call& call, const vault::Project& environment,
+                                       const std::optional<std::string>& target) {
+  auto redacted =
+      ports_.vault.render(environment.id, target, vault::RenderValues::redact, call.access("agent_render_env"));
+  if (isForCommand(call.request())) leaveOutRunControl(redacted);
+  return rendered(std::move(redacted));
+}
+
+std::optional<AgentResponse> Handlers::changedMeanwhile(const vault::Project& environment) {
+  const auto present = ports_.vault.records();
+  const vault::Project* const now = present->projectById(environment.id);
+  if (now == nullptr) return AgentResponse::refused("Environment unavailable");
+  if (!(*now == environment)) return AgentResponse::refused(std::string(kEnvironmentChanged));
+  return std::nullopt;
 }
 
 namespace {
@@ -162,6 +220,7 @@ AgentResponse Handlers::getSecret(Call& call) {
   if (version == nullptr || version->status == vault::VersionStatus::purged) return noSecret(name);
   const auto& allowed = version->allowedDeploymentTargets;
   vault::checkDeploymentTargets({choice.environmentTarget, target, allowed});
+  ports_.vault.requireUnprotected(secret->id);
 
   OperationQuestion question;
   question.prompt.kind = OwnerApprovalPrompt::Kind::readSecret;

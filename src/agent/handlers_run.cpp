@@ -1,10 +1,12 @@
 #include <array>
 #include <charconv>
 #include <cstring>
+#include <set>
 
 #include "agent/command_words.h"
 #include "agent/handlers.h"
 #include "agent/task_sessions.h"
+#include "base/ids.h"
 #include "base/json_writer.h"
 #include "base/unicode.h"
 #include "vault/deployment_policy.h"
@@ -89,6 +91,7 @@ bool contains(const std::vector<std::string>& names, std::string_view name) {
 /// What a command gets of an environment: its variables, and what else a run needs of them.
 struct Delivered {
   std::vector<vault::RenderedVariable> variables;
+  StandInNames standIns;
   std::vector<std::string> runControlAllowed;
   std::vector<std::string> warnings;
 };
@@ -107,7 +110,8 @@ CommandRequest commandRequest(RunPlan plan, Delivered delivered, const std::vect
       continue;
     }
     taken.push_back(variable.name);
-    command.environment.push_back({variable.name, std::move(variable.value), true});
+    command.environment.push_back(
+        {variable.name, std::move(variable.value), !delivered.standIns.isBaseUrl(variable.name)});
   }
   for (const std::string& entry : minimum) {
     const std::size_t equals = entry.find('=');
@@ -123,6 +127,7 @@ CommandRequest commandRequest(RunPlan plan, Delivered delivered, const std::vect
 Delivered deliveredBy(const TaskSessions::Snapshot& snapshot) {
   Delivered delivered;
   delivered.runControlAllowed = snapshot.runControlAllowed;
+  delivered.standIns = snapshot.standIns;
   for (const base::SecretText& line : snapshot.lines) {
     const std::string_view text = line.view();
     const std::size_t equals = text.find('=');
@@ -152,6 +157,40 @@ AgentResponse answer(CommandRunner::Outcome outcome, std::vector<std::string> mi
   return response;
 }
 
+/// Stops what holds an environment's values once one of them becomes protected, or stops being so.
+class RunWatch {
+ public:
+  RunWatch(vault::Vault& vault, const std::string& environment)
+      : vault_(vault),
+        observer_(vault.observeProtection([source = source_, environment](const std::set<std::string>& environments) {
+          if (environments.contains(environment)) std::stop_source(source).request_stop();
+        })) {}
+  ~RunWatch() { vault_.stopObserving(observer_); }
+  RunWatch(const RunWatch&) = delete;
+  RunWatch& operator=(const RunWatch&) = delete;
+  std::stop_token token() const { return source_.get_token(); }
+
+ private:
+  vault::Vault& vault_;
+  const std::stop_source source_;
+  const vault::Vault::ObserverToken observer_;
+};
+
+/// Ends the run's grant with the run.
+struct RunGrant {
+  explicit RunGrant(proxy::LocalProxyBroker* with) : broker(with) {}
+  ~RunGrant() {
+    if (!lookupId.empty()) broker->end(lookupId);
+  }
+  RunGrant(const RunGrant&) = delete;
+  RunGrant& operator=(const RunGrant&) = delete;
+  proxy::LocalProxyBroker* broker;
+  std::string lookupId;
+};
+
+/// A command that is stopped at its limit may take this long to end.
+constexpr std::chrono::seconds kRunGrantSlack{10};
+
 OperationQuestion runQuestion(Call& call, const vault::Project& environment, const RunPlan& plan) {
   OperationQuestion question;
   question.prompt.kind = OwnerApprovalPrompt::Kind::useEnvironment;
@@ -179,6 +218,7 @@ AgentResponse Handlers::runUnderSession(Call& call) {
   const AgentRequest& request = call.request();
   const auto session = ports_.sessions.lookup(*request.taskSession, call.caller().identity);
   const TaskSessions::Snapshot& snapshot = *session.snapshot;
+  if (snapshot.proxyLookupId && !ports_.localProxy->isLive(*snapshot.proxyLookupId)) return proxyGrantEnded();
   const auto target = declaredTarget(request);
   const std::string name = environmentNameOf(request);
   if (!name.empty() && !sameEnvironmentName(session.info.environment, name)) return otherEnvironment(name);
@@ -201,6 +241,22 @@ AgentResponse Handlers::runUnderSession(Call& call) {
   return answer(ports_.runner.run(command, control), {});
 }
 
+bool Handlers::lookForKeys(Call& call, const vault::Project& environment, const std::optional<std::string>& target,
+                           StandInPlan& plan, OperationQuestion& question) {
+  vault::ProxySplitRender looked;
+  try {
+    looked = ports_.vault.renderForProxy(environment.id, target, vault::RenderValues::redact, call.access(""));
+  } catch (const vault::VaultError&) {
+    plan.refusal = AgentResponse::refused("Environment unavailable or audit write failed");
+    return false;
+  }
+  plan = planStandIns(call.request(), ports_.localProxy, looked.keys);
+  for (std::string& detail : standInDetails(ports_.localProxy, plan.ask, looked.keys)) {
+    question.details.push_back(std::move(detail));
+  }
+  return !looked.keys.empty();
+}
+
 AgentResponse Handlers::runEnv(Call& call) {
   if (call.request().taskSession) return runUnderSession(call);
   const auto records = ports_.vault.records();
@@ -213,24 +269,46 @@ AgentResponse Handlers::runEnv(Call& call) {
   }
   const auto target = declaredTarget(call.request());
   checkTargetsBeforeAsking(*records, environment, target);
-  if (call.denied(runQuestion(call, environment, plan))) return AgentResponse::refused(std::string(kApprovalDenied));
+  OperationQuestion question = runQuestion(call, environment, plan);
+  StandInPlan standIns;
+  const auto keys = lookForKeys(call, environment, target, standIns, question);
+  if (standIns.refusal) return std::move(*standIns.refusal);
+  const RunWatch watch(ports_.vault, environment.name);
+  if (call.denied(question)) return AgentResponse::refused(std::string(kApprovalDenied));
   const auto present = ports_.vault.records();
   const vault::Project* const now = present->projectById(environment.id);
   if (now == nullptr) return AgentResponse::refused("Environment unavailable");
   if (!(*now == environment)) return AgentResponse::refused(std::string(kEnvironmentChanged));
 
-  vault::RenderedEnvironment rendered;
+  vault::ProxySplitRender split;
   try {
-    rendered = ports_.vault.render(environment.id, target, vault::RenderValues::deliver, call.access("agent_run_env"));
+    split =
+        ports_.vault.renderForProxy(environment.id, target, vault::RenderValues::deliver, call.access("agent_run_env"));
   } catch (const vault::VaultError&) {
     return AgentResponse::refused("Environment unavailable or audit write failed");
   }
+  if (split.keys.empty() == keys) return proxyApprovalChanged();
+  RunGrant grant(ports_.localProxy);
+  StandInNames names;
+  if (keys) {
+    proxy::NewProxyGrant wanted = newGrant(call, split, standIns.ask, ports_.vault);
+    wanted.runId = base::randomUuid();
+    wanted.owner = standInOwner(*wanted.runId);
+    wanted.until = ports_.clock.now() + plan.limit + kRunGrantSlack;
+    const auto issued = issueStandIns(std::move(wanted), {});
+    if (!issued) return proxyUnavailable();
+    grant.lookupId = issued->grant.lookupId;
+    names = placeStandIns(split, issued->grant, issued->port);
+  }
+  vault::RenderedEnvironment& rendered = split.rendered;
   std::vector<std::string> missing = std::move(rendered.result.missing);
-  Delivered delivered{std::move(rendered.variables), std::move(rendered.runControlAllowed),
+  Delivered delivered{std::move(rendered.variables), std::move(names), std::move(rendered.runControlAllowed),
                       std::move(rendered.result.warnings)};
   const CommandRequest command = commandRequest(std::move(plan), std::move(delivered), ports_.minimum);
   CommandControl control;
-  const std::stop_callback stopped(call.withdrawn(), [&control] { control.stop(); });
+  const auto stop = [&control] { control.stop(); };
+  const std::stop_callback stopped(call.withdrawn(), stop);
+  const std::stop_callback nowProtected(watch.token(), stop);
   return answer(ports_.runner.run(command, control), std::move(missing));
 }
 

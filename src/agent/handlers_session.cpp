@@ -1,9 +1,13 @@
 #include <stdlib.h>
 #include <sys/stat.h>
 
+#include <algorithm>
+
 #include "agent/handlers.h"
 #include "agent/task_sessions.h"
+#include "base/ids.h"
 #include "base/unicode.h"
+#include "proxy/money.h"
 #include "vault/deployment_policy.h"
 
 namespace sorvane::agent {
@@ -36,6 +40,13 @@ OperationQuestion sessionQuestion(Call& call, const vault::Project& environment,
   return question;
 }
 
+/// Rounded up, so that 100 means that nothing is left.
+std::int64_t percentOf(proxy::Micros spent, proxy::Micros budget) {
+  if (budget <= 0) return 0;
+  const proxy::Micros hundredfold = proxy::multiplySaturating(spent, 100);
+  return hundredfold / budget + (hundredfold % budget > 0 ? 1 : 0);
+}
+
 AgentResponse sessionAnswer(std::vector<TaskSessionInfo> sessions) {
   AgentResponse response;
   response.ok = true;
@@ -43,12 +54,15 @@ AgentResponse sessionAnswer(std::vector<TaskSessionInfo> sessions) {
   return response;
 }
 
-/// The versions that the environment's bindings select.
-std::vector<vault::DeliveredVersion> deliveredBy(const vault::Records& records, const vault::Project& environment) {
+/// The versions that the environment's bindings select, without those of protected keys.
+std::vector<vault::DeliveredVersion> deliveredBy(const vault::Records& records, const vault::Project& environment,
+                                                 const std::vector<vault::ProxyRenderedKey>& keys) {
   std::vector<vault::DeliveredVersion> delivered;
   for (const vault::EnvBinding& binding : environment.bindings) {
     const vault::Secret* const secret = records.secretById(binding.secretId);
-    if (secret == nullptr) continue;
+    const bool isKey =
+        std::any_of(keys.begin(), keys.end(), [&](const auto& key) { return key.variable == binding.envVarName; });
+    if (secret == nullptr || isKey) continue;
     delivered.push_back({binding.envVarName, secret->id, binding.pinVersion.value_or(secret->currentVersion)});
   }
   return delivered;
@@ -59,6 +73,17 @@ AgentResponse repairFirst(vault::RenderResult result) {
   refused.warnings = std::move(result.warnings);
   refused.missing = std::move(result.missing);
   return refused;
+}
+
+/// Every variable is a protected key, so that nothing real is handed out.
+bool holdsOnlyKeys(const vault::ProxySplitRender& split, const vault::Project& environment) {
+  return !split.keys.empty() && split.keys.size() == environment.bindings.size();
+}
+
+AgentResponse tooLongForKeys(std::int64_t seconds) {
+  return AgentResponse::refused("The owner allows task sessions with protected keys for at most " +
+                                    std::to_string(seconds) + " seconds. Choose a shorter duration.",
+                                "invalid_duration");
 }
 
 base::SecretText redacted(const base::SecretText& line) {
@@ -88,80 +113,178 @@ std::optional<std::string> existingFolder(const std::string& path) {
   return std::string(resolved.get());
 }
 
-AgentResponse Handlers::beginTaskSession(Call& call) {
+struct Handlers::SessionPlan {
+  std::string epoch;
+  vault::Project environment;
+  std::int64_t seconds = 0;
+  TaskSessions::Snapshot snapshot;
+  proxy::ProxyAsk ask;
+};
+
+std::optional<AgentResponse> Handlers::planSession(Call& call, SessionPlan& plan, std::vector<std::string>& details) {
   const AgentRequest& request = call.request();
-  const std::string epoch = ports_.sessions.epoch();
+  plan.epoch = ports_.sessions.epoch();
   const auto records = ports_.vault.records();
   auto found = environmentOf(*records, call.caller(), environmentNameOf(request));
   if (found.refusal) return std::move(*found.refusal);
-  const vault::Project& environment = *found.environment;
-  const std::int64_t seconds = request.durationSeconds.value_or(0);
-  TaskSessions::checkDuration(seconds, false);
-  TaskSessions::Snapshot snapshot;
-  snapshot.directory = request.directory ? existingFolder(*request.directory) : environment.rootPath;
+  plan.environment = *found.environment;
+  plan.seconds = request.durationSeconds.value_or(0);
+  TaskSessions::checkDuration(plan.seconds, true);
+  TaskSessions::Snapshot& snapshot = plan.snapshot;
+  snapshot.directory = request.directory ? existingFolder(*request.directory) : plan.environment.rootPath;
   if (request.directory && !snapshot.directory) {
     return AgentResponse::refused("Project folder is missing. Choose an existing absolute directory.");
   }
   snapshot.deploymentTarget = declaredTarget(request);
-  snapshot.environmentId = environment.id;
-  checkTargetsBeforeAsking(*records, environment, snapshot.deploymentTarget);
+  snapshot.environmentId = plan.environment.id;
+  checkTargetsBeforeAsking(*records, plan.environment, snapshot.deploymentTarget);
+  // Hands out and logs nothing: only what is missing and what is protected is looked for.
+  vault::ProxySplitRender looked;
+  try {
+    looked = ports_.vault.renderForProxy(plan.environment.id, snapshot.deploymentTarget, vault::RenderValues::redact,
+                                         call.access(""));
+  } catch (const vault::VaultError&) {
+    TaskSessions::checkDuration(plan.seconds, false);
+    return AgentResponse::refused(std::string(kEnvironmentUnavailable));
+  }
+  snapshot.proxyOnly = holdsOnlyKeys(looked, plan.environment);
+  TaskSessions::checkDuration(plan.seconds, snapshot.proxyOnly);
+  StandInPlan standIns = planStandIns(request, ports_.localProxy, looked.keys);
+  if (standIns.refusal) return std::move(standIns.refusal);
+  plan.ask = std::move(standIns.ask);
+  if (!looked.keys.empty() && plan.seconds > ports_.localProxy->longestSessionSeconds()) {
+    return tooLongForKeys(ports_.localProxy->longestSessionSeconds());
+  }
   if (ports_.sessions.isFull()) throw TaskSessions::Failure(TaskSessions::Failure::Case::capacity);
-  // Hands out and logs nothing: only what is missing is looked for.
-  vault::RenderedEnvironment looked;
-  try {
-    looked =
-        ports_.vault.render(environment.id, snapshot.deploymentTarget, vault::RenderValues::redact, call.access(""));
-  } catch (const vault::VaultError&) {
-    return AgentResponse::refused(std::string(kEnvironmentUnavailable));
-  }
-  if (!looked.result.missing.empty()) return repairFirst(std::move(looked.result));
-  if (call.denied(sessionQuestion(call, environment, seconds, snapshot.directory))) {
-    return AgentResponse::refused(std::string(kApprovalDenied));
-  }
+  if (!looked.rendered.result.missing.empty()) return repairFirst(std::move(looked.rendered.result));
+  details = standInDetails(ports_.localProxy, plan.ask, looked.keys);
+  return std::nullopt;
+}
 
-  vault::RenderedEnvironment rendered;
+AgentResponse Handlers::beginTaskSession(Call& call) {
+  SessionPlan plan;
+  std::vector<std::string> details;
+  if (auto refusal = planSession(call, plan, details)) return std::move(*refusal);
+  const vault::Project& environment = plan.environment;
+  OperationQuestion question = sessionQuestion(call, environment, plan.seconds, plan.snapshot.directory);
+  question.details.insert(question.details.end(), details.begin(), details.end());
+  if (call.denied(question)) return AgentResponse::refused(std::string(kApprovalDenied));
+
+  vault::ProxySplitRender split;
   try {
-    rendered = ports_.vault.render(environment.id, snapshot.deploymentTarget, vault::RenderValues::deliver,
-                                   call.access("agent_begin_task_session"));
+    split = ports_.vault.renderForProxy(environment.id, plan.snapshot.deploymentTarget, vault::RenderValues::deliver,
+                                        call.access("agent_begin_task_session"));
   } catch (const vault::VaultError&) {
     return AgentResponse::refused(std::string(kEnvironmentUnavailable));
   }
-  if (!rendered.result.missing.empty()) return repairFirst(std::move(rendered.result));
+  if (!split.rendered.result.missing.empty()) return repairFirst(std::move(split.rendered.result));
   // A variable that was added while the owner was asked ends no session, but was not shown to them either.
   const auto present = ports_.vault.records();
   const vault::Project* const now = present->projectById(environment.id);
   if (now == nullptr || !(*now == environment)) return AgentResponse::refused(std::string(kEnvironmentChanged));
-  snapshot.lines = std::move(rendered.result.lines);
-  snapshot.runControlAllowed = std::move(rendered.runControlAllowed);
-  snapshot.delivered = deliveredBy(*present, environment);
+  // So does a key that became protected, or is no longer.
+  if (split.keys.empty() != details.empty() || holdsOnlyKeys(split, environment) != plan.snapshot.proxyOnly) {
+    return proxyApprovalChanged();
+  }
+  plan.snapshot.delivered = deliveredBy(*present, environment, split.keys);
+  return beginPlanned(call, std::move(plan), std::move(split));
+}
 
+AgentResponse Handlers::beginPlanned(Call& call, SessionPlan plan, vault::ProxySplitRender split) {
   TaskSessions::NewSession session;
+  session.id = base::randomUuid();
   session.owner = call.caller().identity;
   session.client = call.caller().label;
-  session.environment = environment.name;
-  session.durationSeconds = seconds;
-  session.snapshot = std::move(snapshot);
-  session.epoch = epoch;
+  session.environment = plan.environment.name;
+  session.durationSeconds = plan.seconds;
+  session.epoch = plan.epoch;
   session.audit = [&vault = ports_.vault, context = call.access(""),
-                   id = environment.id](std::string_view action) mutable {
+                   id = plan.environment.id](std::string_view action) mutable {
     context.tool = action;
     vault.log(context, id);
   };
-  TaskSessionInfo info = ports_.sessions.begin(std::move(session));
+  if (!split.keys.empty()) {
+    if (ports_.localProxy == nullptr) return proxyUnavailable();
+    proxy::NewProxyGrant grant = newGrant(call, split, plan.ask, ports_.vault);
+    grant.owner = standInOwner(session.id);
+    grant.taskSessionId = session.id;
+    grant.until = ports_.clock.now() + std::chrono::seconds(plan.seconds);
+    const auto issued = issueStandIns(std::move(grant), {});
+    if (!issued) return proxyUnavailable();
+    plan.snapshot.proxyLookupId = issued->grant.lookupId;
+    plan.snapshot.standIns = placeStandIns(split, issued->grant, issued->port);
+  }
+  plan.snapshot.lines = std::move(split.rendered.result.lines);
+  plan.snapshot.runControlAllowed = std::move(split.rendered.runControlAllowed);
+  const auto lookupId = plan.snapshot.proxyLookupId;
+  session.snapshot = std::move(plan.snapshot);
+  TaskSessionInfo info;
+  try {
+    info = ports_.sessions.begin(std::move(session));
+  } catch (const TaskSessions::Failure& failure) {
+    if (!lookupId) throw;
+    ports_.localProxy->end(*lookupId);
+    if (failure.kind() == TaskSessions::Failure::Case::cancelled) return proxyApprovalChanged();
+    throw;
+  }
+  info.proxy = summaryOf(ports_.localProxy, lookupId);
   AgentResponse response = sessionAnswer({info});
   response.value = base::SecretText(info.id);
-  response.warnings = std::move(rendered.result.warnings);
-  response.directory = environment.rootPath;
+  response.warnings = std::move(split.rendered.result.warnings);
+  response.directory = plan.environment.rootPath;
   return response;
 }
 
-AgentResponse Handlers::listTaskSessions(Call& call) {
-  if (call.caller().kind != Caller::Kind::controller) {
-    return sessionAnswer(ports_.sessions.list(call.caller().identity));
+std::vector<TaskSessionInfo> Handlers::sessionsOf(const Caller& caller) {
+  const bool isController = caller.kind == Caller::Kind::controller;
+  std::vector<TaskSessionInfo> sessions =
+      isController ? ports_.sessions.listAll() : ports_.sessions.list(caller.identity);
+  for (TaskSessionInfo& session : sessions) {
+    session.proxy = summaryOf(ports_.localProxy, session.proxyLookupId);
+    if (isController) session.id.resize(kShownIdCharacters);
   }
-  std::vector<TaskSessionInfo> sessions = ports_.sessions.listAll();
-  for (TaskSessionInfo& session : sessions) session.id.resize(kShownIdCharacters);
-  return sessionAnswer(std::move(sessions));
+  return sessions;
+}
+
+AgentResponse Handlers::listTaskSessions(Call& call) {
+  return sessionAnswer(sessionsOf(call.caller()));
+}
+
+AgentResponse Handlers::proxyUsage(Call& call) {
+  std::vector<TaskSessionInfo> sessions = sessionsOf(call.caller());
+  std::erase_if(sessions, [](const TaskSessionInfo& session) { return !session.proxy; });
+  AgentResponse response = sessionAnswer(std::move(sessions));
+  proxy::ProxyCallerUsage usage;
+  if (ports_.localProxy != nullptr) usage = ports_.localProxy->usageOf(call.caller().identity);
+  UsageStatus& status = response.usage.emplace();
+  status.percent = percentOf(usage.spentMicros, usage.budgetMicros);
+  status.used = proxy::dollarsOf(proxy::centsOf(usage.spentMicros));
+  status.allowance = proxy::dollarsOf(proxy::centsOf(usage.budgetMicros));
+  return response;
+}
+
+AgentResponse Handlers::proxyRunEnded(Call& call) {
+  const auto& request = call.request();
+  const auto named = request.payload.find("proxyRun");
+  const std::string run = named != request.payload.end() ? named->second : request.arg.value_or("");
+  // A run that is over already is what the caller wants; which runs others have is not told.
+  if (ports_.localProxy != nullptr && !run.empty()) ports_.localProxy->endRun(run, call.caller().identity);
+  AgentResponse response;
+  response.ok = true;
+  return response;
+}
+
+std::optional<Handlers::StandIns> Handlers::issueStandIns(proxy::NewProxyGrant grant,
+                                                          const std::optional<proxy::ProxyRunWatch>& watch) {
+  proxy::LocalProxyBroker& broker = *ports_.localProxy;
+  StandIns issued{watch ? broker.issueForRun(std::move(grant), *watch) : broker.issue(std::move(grant)), 0};
+  const auto port = broker.port();
+  if (!port) {
+    broker.end(issued.grant.lookupId);
+    return std::nullopt;
+  }
+  issued.port = *port;
+  return issued;
 }
 
 AgentResponse Handlers::endTaskSession(Call& call) {
@@ -184,16 +307,24 @@ AgentResponse Handlers::taskSessionEnv(Call& call) {
   const AgentRequest& request = call.request();
   const auto session =
       ports_.sessions.lookup(request.taskSession.value_or(request.arg.value_or("")), call.caller().identity);
-  const bool raw = call.caller().allowReveal || session.snapshot->proxyOnly;
+  const TaskSessions::Snapshot& snapshot = *session.snapshot;
+  if (snapshot.proxyLookupId && !ports_.localProxy->isLive(*snapshot.proxyLookupId)) return proxyGrantEnded();
+  const bool raw = call.caller().allowReveal;
   try {
     ports_.vault.logDelivery(call.access("agent_task_session_env"), session.snapshot->environmentId,
                              raw ? session.snapshot->delivered : std::vector<vault::DeliveredVersion>());
   } catch (const vault::VaultError&) {
     return AgentResponse::refused(std::string(kEnvironmentUnavailable));
   }
-  AgentResponse response = sessionAnswer({session.info});
+  TaskSessionInfo info = session.info;
+  info.proxy = summaryOf(ports_.localProxy, snapshot.proxyLookupId);
+  AgentResponse response = sessionAnswer({std::move(info)});
   std::vector<base::SecretText>& lines = response.lines.emplace();
-  for (const base::SecretText& line : session.snapshot->lines) lines.push_back(raw ? line.clone() : redacted(line));
+  for (const base::SecretText& line : snapshot.lines) {
+    const std::string_view name = line.view().substr(0, line.view().find('='));
+    const bool shown = raw || snapshot.standIns.isStandIn(name) || snapshot.standIns.isBaseUrl(name);
+    lines.push_back(shown ? line.clone() : redacted(line));
+  }
   response.directory = session.snapshot->directory;
   response.runControlAllowed = session.snapshot->runControlAllowed;
   return response;

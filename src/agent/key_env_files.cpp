@@ -144,8 +144,13 @@ KeyEnvFileError KeyEnvFileError::writeFailed(std::string_view action, const std:
           "could not " + std::string(action) + " " + path + " (errno " + std::to_string(number) + ")"};
 }
 
+bool holdsReal(const std::vector<KeyEnvFiles::Key>& keys) {
+  return std::any_of(keys.begin(), keys.end(),
+                     [](const KeyEnvFiles::Key& key) { return key.kind == KeyEnvFiles::Key::Kind::real; });
+}
+
 base::SecretText keyEnvFileText(const std::vector<KeyEnvFiles::Key>& keys, base::Date expiresAt) {
-  const bool real = std::any_of(keys.begin(), keys.end(), [](const KeyEnvFiles::Key& key) { return key.real; });
+  const bool real = holdsReal(keys);
   base::SecretText text(
       real ? "# sorvane compatibility .env: short-lived keys. Mint-mode lines hold a REAL provider key (limited, "
              "expiring, revocable); anything that can read this file can use it until then.\n"
@@ -262,8 +267,9 @@ KeyEnvFiles::Written KeyEnvFiles::write(const Place& place, const TaskSessionInf
     throw;
   }
   armTimer();
-  const bool real = std::any_of(keys.begin(), keys.end(), [](const Key& key) { return key.real; });
-  return {place.path, static_cast<std::int64_t>(keys.size()), session.expiresAt, place.warning, real};
+  const auto count =
+      std::count_if(keys.begin(), keys.end(), [](const Key& key) { return key.kind != Key::Kind::address; });
+  return {place.path, count, session.expiresAt, place.warning, holdsReal(keys)};
 }
 
 template <typename Ends>

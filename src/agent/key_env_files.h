@@ -60,7 +60,9 @@ class KeyEnvFiles {
   struct Key {
     std::string name;
     base::SecretText value;
-    bool real = true;  ///< a provider's own key, not a stand-in
+    /// A provider's own key, a stand-in for one, or the address that a stand-in is good at.
+    enum class Kind { real, standIn, address };
+    Kind kind = Kind::real;
   };
   struct Written {
     std::string path;
@@ -115,6 +117,9 @@ class KeyEnvFiles {
   // The last member: its thread is joined before the others go.
   base::DeadlineTimer timer_;
 };
+
+/// Whether one of them is a provider's own key.
+bool holdsReal(const std::vector<KeyEnvFiles::Key>& keys);
 
 /// The text of such a file.
 base::SecretText keyEnvFileText(const std::vector<KeyEnvFiles::Key>& keys, base::Date expiresAt);

@@ -1,6 +1,7 @@
 #include "agent/operations.h"
 
 #include "agent/handlers.h"
+#include "agent/stand_ins.h"
 #include "base/diagnostics.h"
 #include "base/unicode.h"
 #include "vault/deployment_policy.h"
@@ -33,8 +34,8 @@ const std::array<Operation, kOpCount> kOperations{{
     {AgentOp::keyRevoke, CallerRule::any, ApprovalRule::none, &Handlers::keysNotServed},
     {AgentOp::keyEnvelope, CallerRule::any, ApprovalRule::none, &Handlers::keysNotServed},
     {AgentOp::keyEnvFile, CallerRule::any, ApprovalRule::change, &Handlers::keyEnvFile},
-    {AgentOp::proxyUsage, CallerRule::any, ApprovalRule::none, &Handlers::proxyNotServed},
-    {AgentOp::proxyRunEnded, CallerRule::any, ApprovalRule::none, &Handlers::proxyNotServed},
+    {AgentOp::proxyUsage, CallerRule::any, ApprovalRule::none, &Handlers::proxyUsage},
+    {AgentOp::proxyRunEnded, CallerRule::any, ApprovalRule::none, &Handlers::proxyRunEnded},
 }};
 
 namespace {
@@ -78,6 +79,10 @@ AgentResponse perform(Handlers& handlers, Call& call) {
   if (auto refusal = refusedCaller(operation.caller, call.caller())) return std::move(*refusal);
   try {
     return (handlers.*operation.handler)(call);
+  } catch (const vault::ProtectionError& error) {
+    return AgentResponse::refused(error.sentence(), error.code());
+  } catch (const proxy::ProxyUnavailable&) {
+    return proxyUnavailable();
   } catch (const vault::DeploymentPolicyError& error) {
     return AgentResponse::refused(error.sentence(), "deployment_policy_refused");
   } catch (const TaskSessions::Failure& failure) {

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <array>
 #include <cstdint>
 #include <functional>
@@ -46,6 +48,8 @@ class Call {
   virtual std::string fingerprint(const base::SecretText& text) = 0;
   /// Stopped when the client is gone or the server stops; watching begins with the first call.
   virtual std::stop_token withdrawn() = 0;
+  /// The process at the other end of the connection; 0 when the system does not say.
+  virtual pid_t peer() const = 0;
 
  protected:
   Call(AgentRequest request, Caller caller) : request_(std::move(request)), caller_(std::move(caller)) {}

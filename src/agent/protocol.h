@@ -76,7 +76,7 @@ struct AgentRequest {
   ~AgentRequest();
 };
 
-/// The published spend of a proxy grant; filled once the proxy exists.
+/// The published spend of a proxy grant.
 struct ProxySessionSummary {
   std::string display;
   std::vector<std::string> providers;
@@ -93,6 +93,8 @@ struct TaskSessionInfo {
   base::Date startedAt;
   base::Date expiresAt;
   std::optional<ProxySessionSummary> proxy;
+  /// Of the session's grant; not on the wire.
+  std::optional<std::string> proxyLookupId{};
 };
 
 struct UsageStatus {

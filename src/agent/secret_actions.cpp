@@ -192,6 +192,7 @@ ActionPlan OwnerActionHandlers::secretRotate(const ActionArguments& arguments, A
 
 ActionPlan OwnerActionHandlers::secretReveal(const ActionArguments& arguments, ActionCall& call) {
   const Secret secret = secretNamed(arguments);
+  ports_.vault.requireUnprotected(secret.id);
   const std::int64_t version = versionOf(arguments, secret, secret.currentVersion);
   ActionPlan plan = asking(call, "read " + described(secret, version),
                            [this, id = secret.id, version, access = access(call, arguments)] {
@@ -206,6 +207,7 @@ ActionPlan OwnerActionHandlers::secretReveal(const ActionArguments& arguments, A
 
 ActionPlan OwnerActionHandlers::secretCopy(const ActionArguments& arguments, ActionCall& call) {
   const Secret secret = secretNamed(arguments);
+  ports_.vault.requireUnprotected(secret.id);
   const std::int64_t version = versionOf(arguments, secret, secret.currentVersion);
   if (!ports_.clipboard.available()) {
     throw ActionError(

@@ -37,11 +37,17 @@ AgentServer::AgentServer(Settings settings, Ports ports)
       grants_(ports.handlers.grants),
       sessions_(ports.handlers.sessions),
       keyFiles_(ports.handlers.keyFiles),
+      localProxy_(ports.handlers.localProxy),
       handlers_(std::move(ports.handlers)),
       approvals_(std::move(ports.approvals)),
       published_(ports.files, settings_.supportFolder / base::kEndpointName),
       sessionEnds_(sessions_.observeEnds(
-          [&keyFiles = keyFiles_](const std::vector<TaskSessionInfo>& ended) { keyFiles.sessionsEnded(ended); })) {
+          [&keyFiles = keyFiles_, proxy = localProxy_](const std::vector<TaskSessionInfo>& ended) {
+            for (const TaskSessionInfo& session : ended) {
+              if (session.proxyLookupId) proxy->end(*session.proxyLookupId);
+            }
+            keyFiles.sessionsEnded(ended);
+          })) {
   // Sessions do not outlive the application, and their files must not.
   keyFiles_.removeAll();
   if (settings_.watchEvery > std::chrono::milliseconds::zero()) {
@@ -124,12 +130,14 @@ void AgentServer::close() {
   std::error_code ignored;
   std::filesystem::remove(socketPath_, ignored);
   keyFiles_.removeAll();
+  if (localProxy_ != nullptr) localProxy_->endAll();
 }
 
 AgentInfo AgentServer::info() const {
   AgentInfo info;
   info.socketPath = socketPath_.string();
   info.capabilities.emplace(kCapabilities.begin(), kCapabilities.end());
+  if (localProxy_ != nullptr && localProxy_->port()) info.capabilities->emplace_back(kLocalProxyCapability);
   const base::Lock lock(mutex_);
   info.token = token_.clone();
   return info;

@@ -101,6 +101,7 @@ class AgentServer {
   GrantBook& grants_;
   TaskSessions& sessions_;
   KeyEnvFiles& keyFiles_;
+  proxy::LocalProxyBroker* const localProxy_;
   Handlers handlers_;
   Approvals approvals_;
   HangupWatch hangups_;

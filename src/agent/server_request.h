@@ -42,6 +42,7 @@ class ServerRequest : public Call {
   ApprovalResult ask(const OperationQuestion& question) override;
   std::stop_token withdrawn() override;
   std::string fingerprint(const base::SecretText& text) override;
+  pid_t peer() const override { return setting_.peer; }
 
  private:
   const std::vector<base::ProcessInfo>& processes();

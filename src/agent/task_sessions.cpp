@@ -124,8 +124,12 @@ TaskSessionInfo TaskSessions::begin(NewSession session) {
       throw Failure(error.sentence());
     }
     const auto duration = std::chrono::seconds(session.durationSeconds);
-    entry.info = {base::randomUuid(), std::move(session.client), std::move(session.environment), clock_.now(), {}, {}};
+    entry.info.id = session.id.empty() ? base::randomUuid() : std::move(session.id);
+    entry.info.client = std::move(session.client);
+    entry.info.environment = std::move(session.environment);
+    entry.info.startedAt = clock_.now();
     entry.info.expiresAt = entry.info.startedAt + duration;
+    entry.info.proxyLookupId = session.snapshot.proxyLookupId;
     entry.owner = std::move(session.owner);
     entry.snapshot = std::make_shared<const Snapshot>(std::move(session.snapshot));
     entry.deadline = clock_.instant() + duration;

@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "agent/protocol.h"
+#include "agent/stand_in_names.h"
 #include "base/deadline_timer.h"
 #include "base/error.h"
 #include "base/mutex.h"
@@ -50,6 +51,7 @@ class TaskSessions final : public vault::SessionRevoker {
     std::optional<std::string> deploymentTarget;
     std::optional<std::string> proxyLookupId;
     bool proxyOnly = false;  ///< every key is protected: the session holds stand-ins only
+    StandInNames standIns;
     std::string environmentId;
     std::vector<std::string> runControlAllowed;
     std::vector<vault::DeliveredVersion> delivered;  ///< for the access log of each use
@@ -59,6 +61,8 @@ class TaskSessions final : public vault::SessionRevoker {
   using Audit = std::function<void(std::string_view action)>;
 
   struct NewSession {
+    /// A random UUID; made by `begin` when empty.
+    std::string id;
     std::string owner;  ///< the caller's identity
     std::string client;
     std::string environment;

@@ -55,12 +55,13 @@ Application::Application(const Setting& setting, agent::ProcessHost& host, agent
     : lock_(setting.supportFolder / base::kLockName),
       stores_(setting.supportFolder, files_, setting.store),
       vault_(setting.supportFolder / base::kVaultName, {files_, stores_.inUse(), clock_, sessions_}),
+      proxy_({setting.supportFolder, files_, stores_.inUse(), vault_, clock_, notifier_, approver, {}}),
       grants_(setting.supportFolder / base::kGrantsName, files_, vault_),
       policy_(vault_),
       connections_(connectionSetting(setting), files_, vault_.settings()),
-      actions_(stateOf(setting, approver != nullptr), stores_, connections_),
+      actions_(stateOf(setting, approver != nullptr), stores_, connections_, proxy_),
       jobs_(clock_),
-      ownerActions_({vault_, grants_, policy_, jobs_, clipboard_, copied_, sessions_, actions_, clock_}),
+      ownerActions_({vault_, grants_, policy_, jobs_, clipboard_, copied_, sessions_, actions_, clock_, &proxy_}),
       runner_(host),
       keyFiles_(setting.supportFolder / base::kKeyFilesName, files_, clock_, runner_,
                 agent::minimumEnvironment(environ)),
@@ -74,10 +75,12 @@ Application::Application(const Setting& setting, agent::ProcessHost& host, agent
                                          keyFiles_,
                                          clipboard_,
                                          copied_,
+                                         clock_,
                                          agent::minimumEnvironment(environ),
                                          homeFolder(),
                                          setting.supportFolder,
-                                         {}},
+                                         {},
+                                         &proxy_.broker()},
                                         {approver,
                                          ownerPrompt_,
                                          [this] { return policy_.current().approval; },
@@ -96,6 +99,7 @@ Application::Application(const Setting& setting, agent::ProcessHost& host, agent
 
 bool Application::start() {
   if (!server_.start()) return false;
+  proxy_.start([this] { server_.republish(); });
   if (stores_.record().leaving && !vault_.storageFailure()) {
     jobs_.start("storeMove", [this](const agent::Jobs::Step&) {
       try {

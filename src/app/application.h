@@ -17,6 +17,7 @@
 #include "agent/server.h"
 #include "agent/task_sessions.h"
 #include "app/application_actions.h"
+#include "app/local_proxy.h"
 #include "app/options.h"
 #include "app/stores.h"
 #include "base/clock.h"
@@ -45,6 +46,7 @@ class Application {
   Application& operator=(const Application&) = delete;
   ~Application() {
     server_.stop();
+    proxy_.stop();
     sessions_.close();
   }
 
@@ -62,6 +64,10 @@ class Application {
   agent::TaskSessions sessions_{clock_};
   vault::Vault vault_;
 
+  // The local model proxy.
+  platform::FreedesktopNotifier notifier_;
+  LocalProxy proxy_;
+
   // Who may ask, and what the owner may do.
   agent::GrantStore grants_;
   agent::ApprovalPolicy policy_;
@@ -73,7 +79,6 @@ class Application {
   agent::OwnerActionHandlers ownerActions_;
 
   // The endpoint.
-  platform::FreedesktopNotifier notifier_;
   platform::AbsentOwnerPrompt ownerPrompt_;
   agent::CommandRunner runner_;
   agent::KeyEnvFiles keyFiles_;

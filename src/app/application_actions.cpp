@@ -1,5 +1,6 @@
 #include "app/application_actions.h"
 
+#include "agent/stand_ins.h"
 #include "base/json_writer.h"
 
 namespace sorvane::app {
@@ -28,6 +29,8 @@ std::string remainder(StoreKind leaving) {
 
 agent::ApplicationState ApplicationActions::state() {
   agent::ApplicationState state = state_;
+  if (proxy_.port()) state.capabilities.emplace_back(agent::kLocalProxyCapability);
+  for (std::string& notice : proxy_.notices()) state.notices.push_back(std::move(notice));
   if (const auto leaving = stores_.record().leaving; leaving && !stores_.inUse().isClosed()) {
     state.notices.push_back(remainder(*leaving));
   }

@@ -3,6 +3,7 @@
 #include <string>
 #include <vector>
 
+#include "agent/owner_proxy.h"
 #include "agent/vault_actions.h"
 #include "app/stores.h"
 #include "clients/connections.h"
@@ -12,8 +13,9 @@ namespace sorvane::app {
 /// ApplicationActions is the part of the owner's actions that stands above the agent room. Any thread.
 class ApplicationActions final : public agent::VaultActions {
  public:
-  ApplicationActions(agent::ApplicationState state, Stores& stores, clients::Connections& connections)
-      : state_(std::move(state)), stores_(stores), connections_(connections) {}
+  ApplicationActions(agent::ApplicationState state, Stores& stores, clients::Connections& connections,
+                     agent::OwnerProxy& proxy)
+      : state_(std::move(state)), stores_(stores), connections_(connections), proxy_(proxy) {}
 
   agent::ApplicationState state() override;
   agent::StoreState store() override;
@@ -34,6 +36,7 @@ class ApplicationActions final : public agent::VaultActions {
   const agent::ApplicationState state_;
   Stores& stores_;
   clients::Connections& connections_;
+  agent::OwnerProxy& proxy_;
 };
 
 }  // namespace sorvane::app

@@ -14,6 +14,7 @@
 #include "crypto/key.h"
 #include "platform/linux/process_host.h"
 #include "platform/linux/service_notice.h"
+#include "proxy/transport.h"
 
 namespace {
 
@@ -66,6 +67,7 @@ int run(const app::Options& options) {
 
 int main(int argc, char** argv) {
   base::hardenProcess();
+  proxy::clearOutboundEnvironment();
   const auto options = app::parseOptions(argc, argv);
   if (const int* const code = std::get_if<int>(&options)) return *code;
   try {

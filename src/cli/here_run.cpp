@@ -62,6 +62,17 @@ agent::Masker maskerOf(const std::vector<EnvLine>& variables, const agent::Agent
   return agent::Masker(values);
 }
 
+/// Tells sorvaned that the stand-ins of a run are not needed any more. It finds out by itself when it cannot be told.
+void endStandIns(Session& session, const std::string& run) {
+  agent::AgentRequest request;
+  request.op = agent::AgentOp::proxyRunEnded;
+  request.payload["proxyRun"] = run;
+  try {
+    session.send(std::move(request), false);
+  } catch (const base::Error&) {
+  }
+}
+
 }  // namespace
 
 int runHere(Session& session, const HereRun& given) {
@@ -75,9 +86,12 @@ int runHere(Session& session, const HereRun& given) {
   if (!given.mask) failToStart(command, become(command));
   const agent::Masker masker = maskerOf(variables, *response);
   variables.clear();
+  const std::optional<std::string> standIns = response->proxyRun;
   response.reset();
-  if (::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0) return runOnTerminal(command, masker);
-  return runOnPipes(command, masker);
+  const bool onTerminal = ::isatty(STDIN_FILENO) != 0 && ::isatty(STDOUT_FILENO) != 0;
+  const int code = onTerminal ? runOnTerminal(command, masker) : runOnPipes(command, masker);
+  if (standIns) endStandIns(session, *standIns);
+  return code;
 }
 
 }  // namespace sorvane::cli

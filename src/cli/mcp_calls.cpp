@@ -101,6 +101,7 @@ agent::AgentResponse McpServer::ask(agent::AgentRequest request, const std::stop
     const base::Lock lock(mutex_);
     request.requestor = requestor_;
   }
+  agent::stateCapabilities(request);
   try {
     return exchange_(std::move(request), withdrawal);
   } catch (const agent::ClientError& error) {

@@ -86,11 +86,23 @@ void writeSession(base::JsonWriter& out, const agent::TaskSessionInfo& session) 
       .field("environment", std::string_view(session.environment));
   out.field("client", std::string_view(session.client));
   out.field("startedAt", std::string_view(base::iso8601(session.startedAt)));
-  out.field("expiresAt", std::string_view(base::iso8601(session.expiresAt))).endObject();
+  out.field("expiresAt", std::string_view(base::iso8601(session.expiresAt)));
+  if (session.proxy) {
+    const agent::ProxySessionSummary& proxy = *session.proxy;
+    out.key("proxy").beginObject().field("display", std::string_view(proxy.display));
+    out.strings("providers", proxy.providers).key("spentCents").integer(proxy.spentCents);
+    out.key("budgetCents").integer(proxy.budgetCents).key("calls").integer(proxy.calls).endObject();
+  }
+  out.endObject();
 }
 
 std::string sessionLine(const agent::TaskSessionInfo& session) {
-  return session.id + ": environment " + session.environment + ", until " + base::iso8601(session.expiresAt);
+  std::string line =
+      session.id + ": environment " + session.environment + ", until " + base::iso8601(session.expiresAt);
+  if (!session.proxy) return line;
+  const auto cents = [](std::int64_t number) { return std::to_string(number) + (number == 1 ? " cent" : " cents"); };
+  line += ", its stand-in spent " + cents(session.proxy->spentCents) + " of " + cents(session.proxy->budgetCents);
+  return line;
 }
 
 void showSessions(const AgentResponse& response, Shown& shown) {
@@ -103,6 +115,22 @@ void showSessions(const AgentResponse& response, Shown& shown) {
   }
   shown.structured.endArray().endObject();
   if (shown.text.empty()) shown.line("No task session of this agent is alive. begin_task_session asks for one.");
+}
+
+void showUsage(const AgentResponse& response, Shown& shown) {
+  const agent::UsageStatus usage = response.usage.value_or(agent::UsageStatus());
+  base::JsonWriter& out = shown.open();
+  out.key("percent").integer(usage.percent).field("used", usage.used).field("allowance", usage.allowance);
+  shown.line("Used " + usage.used.value_or("$0.00") + " of " + usage.allowance.value_or("$0.00") + " (" +
+             std::to_string(usage.percent) + " percent).");
+  out.key("sessions").beginArray();
+  if (response.sessions) {
+    for (const auto& session : *response.sessions) {
+      writeSession(out, session);
+      shown.line(sessionLine(session));
+    }
+  }
+  out.endArray().endObject();
 }
 
 void showSession(const AgentResponse& response, Shown& shown) {
@@ -144,6 +172,8 @@ void show(Shape shape, const AgentResponse& response, Shown& shown) {
       return showSession(response, shown);
     case Shape::sessions:
       return showSessions(response, shown);
+    case Shape::usage:
+      return showUsage(response, shown);
     case Shape::clipboard:
       return showClipboard(response, shown);
     case Shape::report:

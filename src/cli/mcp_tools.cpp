@@ -24,6 +24,12 @@ constexpr Argument kTarget{"deploymentTarget", Kind::text, Place::payload, Need:
 constexpr Argument kTaskSession{"taskSession", Kind::text, Place::taskSession, Need::required,
                                 "Id of the task session, as begin_task_session returned it."};
 
+constexpr Argument kProxyBudget{"proxy_budget_cents", Kind::integer, Place::payload, Need::optional,
+                                "Where the environment holds a protected key: most cents that its stand-in may spend. "
+                                "The owner's usual budget when left out."};
+constexpr Argument kProxyModels{"proxy_models", Kind::words, Place::payload, Need::optional,
+                                "Where the environment holds a protected key: the only models its stand-in may call."};
+
 constexpr std::array kListSecrets{kEnvironment};
 constexpr std::array kRun{
     Argument{
@@ -37,13 +43,18 @@ constexpr std::array kRun{
              "Id of a task session, in place of an environment: the owner is then not asked again."},
     Argument{"timeoutSeconds", Kind::integer, Place::payload, Need::optional,
              "Seconds until the command is stopped, 1 to 3600; 120 when left out."},
-    kTarget};
+    kTarget,
+    kProxyBudget,
+    kProxyModels};
 constexpr std::array kBegin{
     kEnvironment,
     Argument{"durationSeconds", Kind::integer, Place::durationSeconds, Need::required,
-             "How long the session shall live, 60 to 86400 seconds. Ask for what the task needs."},
+             "How long the session shall live, 60 to 86400 seconds; up to 604800 where every key is protected. Ask for "
+             "what the task needs."},
     Argument{"directory", Kind::text, Place::directory, Need::optional, "Absolute path of the project's folder."},
-    kTarget};
+    kTarget,
+    kProxyBudget,
+    kProxyModels};
 constexpr std::array kEnd{kTaskSession};
 constexpr std::array kCreate{Argument{"name", Kind::text, Place::arg, Need::required, "Name of the new environment."}};
 constexpr std::array kDelete{Argument{"name", Kind::text, Place::arg, Need::required, "Name of the environment."}};
@@ -111,6 +122,15 @@ constexpr std::array kTools{
     Tool{"end_task_session", "End a task session",
          "Ends a task session and stops what still runs under it. Do this when the task is done.",
          AgentOp::endTaskSession, Shape::sentence, false, true, true, kEnd},
+    Tool{"proxy_usage",
+         "Show what stand-ins have spent",
+         "What the stand-ins for protected keys have spent of their budgets, for the task sessions of this agent.",
+         AgentOp::proxyUsage,
+         Shape::usage,
+         true,
+         false,
+         true,
+         {}},
     Tool{"create_environment", "Create an environment", "Creates an empty environment, after asking the owner.",
          AgentOp::createEnvironment, Shape::sentence, false, false, false, kCreate},
     Tool{"delete_environment", "Delete an environment",

@@ -24,7 +24,7 @@ struct Argument {
 };
 
 /// How a successful answer is shown to the agent.
-enum class Shape { environments, secrets, run, session, sessions, sentence, report, clipboard, value, pending };
+enum class Shape { environments, secrets, run, session, sessions, usage, sentence, report, clipboard, value, pending };
 
 /// One tool. `op` is absent for the one that is answered here.
 struct Tool {

@@ -92,6 +92,7 @@ agent::AgentResponse Session::send(agent::AgentRequest request, bool asks) {
     }
     request.token = endpoint_->token.clone();
     request.requestor = options_.requestor;
+    agent::stateCapabilities(request);
     if (asks && ::isatty(STDERR_FILENO) != 0) {
       std::fputs("Waiting for the owner's answer where sorvaned runs (Ctrl-C withdraws it) …\n", stderr);
     }

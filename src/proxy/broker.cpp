@@ -115,6 +115,10 @@ std::int64_t LocalProxyBroker::longestSessionSeconds() const {
   return state_->ports.options().limits.longestSessionSeconds;
 }
 
+std::int64_t LocalProxyBroker::budgetFor(const ProxyAsk& ask) const {
+  return ask.budgetCents ? *ask.budgetCents : state_->ports.options().limits.budgetCents;
+}
+
 std::optional<ProxyAskRefusal> LocalProxyBroker::refusedAsk(const ProxyAsk& ask) const {
   return refusalOf(ask, state_->ports.options().limits);
 }
@@ -214,6 +218,10 @@ void LocalProxyBroker::end(std::string_view lookupId) {
 
 void LocalProxyBroker::endOwner(std::string_view owner) {
   state_->ports.grants.endOwner(owner);
+}
+
+void LocalProxyBroker::endAll() {
+  state_->ports.grants.endAll();
 }
 
 void LocalProxyBroker::endCarrying(std::string_view secretId) {

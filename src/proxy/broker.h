@@ -123,6 +123,8 @@ class LocalProxyBroker {
   std::optional<std::uint16_t> port() const;
 
   std::int64_t longestSessionSeconds() const;
+  /// What a grant of this asking may spend, in cents.
+  std::int64_t budgetFor(const ProxyAsk& ask) const;
   /// Decides before the owner is asked; nullopt when the grant may be asked for.
   std::optional<ProxyAskRefusal> refusedAsk(const ProxyAsk& ask) const;
   /// Throws ProxyUnavailable when the server does not run or a key is not among the protected ones, base::Error with
@@ -139,6 +141,8 @@ class LocalProxyBroker {
   void end(std::string_view lookupId);
   void endOwner(std::string_view owner);
   void endCarrying(std::string_view secretId);
+  /// Ends every grant; the server goes on.
+  void endAll();
   /// A grant that the velocity stop paused goes on.
   void resume(std::string_view lookupId);
 

@@ -99,8 +99,13 @@ ProxyExchange::Refused ProxyExchange::checkHost() {
 
 ProxyExchange::Refused ProxyExchange::checkBrowser() {
   constexpr std::string_view fetch = "sec-fetch-";
+  // Node's own fetch sends "sec-fetch-mode: cors" and says who it is. A browser never sends this one alone, and its
+  // name begins with "Mozilla/" whatever a page does.
+  const std::string* const agent = head_.header("user-agent");
+  const bool isProgram = agent != nullptr && !agent->empty() && !agent->starts_with("Mozilla/");
   const bool marked = std::any_of(head_.headers.begin(), head_.headers.end(), [&](const ProxyHeader& header) {
     const std::string_view name = header.name;
+    if (isProgram && sameName(name, "sec-fetch-mode") && header.value == "cors") return false;
     return sameName(name, "origin") || sameName(name.substr(0, fetch.size()), fetch);
   });
   return marked ? Refused(refusal::browser()) : std::nullopt;

@@ -139,8 +139,9 @@ struct ProxySplitRender {
   std::map<std::string, ProxyProvider> adopt;
 };
 
-/// Whether a render hands values out, and is logged, or only tells what it would hold.
-enum class RenderValues { deliver, redact };
+/// Whether a render hands values out, and is logged, or only tells what it would hold; `keysOnly` hands out nothing but
+/// what the proxy stands in for.
+enum class RenderValues { deliver, keysOnly, redact };
 
 /// What stands in the place of a value that is not shown.
 inline constexpr std::string_view kRedacted = "‹redacted›";
@@ -249,6 +250,8 @@ class Vault {
   // Protected keys (vault_protection.cpp).
   /// What is protected, checked against what is stored.
   ProtectedKeys::Known protection();
+  /// Throws ProtectionError for a protected key, before anybody is asked about it.
+  void requireUnprotected(std::string_view secretId);
   /// The provider that the secret's value, its name or its variables tell; nullopt when none does.
   std::optional<ProxyProvider> recognisedProvider(std::string_view secretId);
   /// Ends the task sessions of every environment that delivers the key, by itself or inside another value.
@@ -283,8 +286,9 @@ class Vault {
   ObserverToken observeSecretChanges(std::function<void(const std::vector<std::string>& ids)> observer);
   ObserverToken observeSecretCreated(std::function<void(const std::string& id, const std::string& name)> observer);
   ObserverToken observeSecretRemoved(std::function<void(const std::string& id)> observer);
-  /// Told which secrets' protection changed; none when only the proxy's options did.
-  ObserverToken observeProtection(std::function<void(const std::set<std::string>& ids)> observer);
+  /// Told the names of the environments in which a value became protected or stopped being so; none when only the
+  /// proxy's options changed.
+  ObserverToken observeProtection(std::function<void(const std::set<std::string>& environments)> observer);
   void stopObserving(const ObserverToken& token);
 
   /// Called with a count before every write of a journalled change; a test throws from it, or ends the process there.
@@ -365,7 +369,7 @@ class Vault {
   /// Environments that deliver one of the values, by itself or inside another.
   std::set<std::string> environmentsDelivering(const Secret& secret) REQUIRES(lock_);
   /// Every version's value that can be read.
-  std::vector<base::SecretText> valuesOf(const Secret& secret) REQUIRES(lock_);
+  std::vector<base::SecretText> valuesOf(const Secret& secret);
   /// The keys of a render whose variables nobody remembered, or whose secrets were not protected yet.
   void adopt(const ProxySplitRender& split);
   /// Saves the edited settings when they differ.

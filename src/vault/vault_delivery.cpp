@@ -58,14 +58,14 @@ base::SecretText headerLine(std::string_view what, Date now) {
 
 ProxyRenderedKey keyOf(Deliverable& item, ProxyProvider provider, std::size_t position, RenderValues values) {
   ProxyRenderedKey key{item.binding->envVarName, item.secret->id, item.version->version, provider, {}, position};
-  if (values == RenderValues::deliver) key.value = std::move(item.value);
+  if (values != RenderValues::redact) key.value = std::move(item.value);
   return key;
 }
 
 void addLine(RenderedEnvironment& rendered, Deliverable& item, RenderValues values) {
   const std::string& name = item.binding->envVarName;
   base::SecretText line;
-  if (values == RenderValues::redact) {
+  if (values != RenderValues::deliver) {
     line.append(name);
     line.push_back('=');
     line.append(kRedacted);
@@ -168,7 +168,7 @@ ProxySplitRender Vault::renderForProxy(std::string_view projectId, const std::op
                                        RenderValues values, const AccessContext& context) {
   ProxySplitRender split;
   renderInto(split, projectId, requestedTarget, {values, KeySplit::split}, context);
-  if (values == RenderValues::deliver) adopt(split);
+  if (values != RenderValues::redact) adopt(split);
   return split;
 }
 
@@ -212,16 +212,16 @@ void Vault::renderInto(ProxySplitRender& split, std::string_view projectId,
     }
     split.adopt = holdBack.takeAdopted();
   }
-  if (kind.values == RenderValues::deliver && !readable.empty()) {
-    std::vector<AccessEvent> events;
-    for (const Deliverable* item : readable) {
-      AccessEvent& event = events.emplace_back(eventOf(context));
-      event.secretId = item->secret->id;
-      event.projectId = project->id;
-      event.version = item->version->version;
-    }
-    appendEvents(events);
+  std::vector<AccessEvent> events;
+  for (std::size_t i = 0; i < readable.size(); ++i) {
+    const bool leaves = providers[i] ? kind.values != RenderValues::redact : kind.values == RenderValues::deliver;
+    if (!leaves) continue;
+    AccessEvent& event = events.emplace_back(eventOf(context));
+    event.secretId = readable[i]->secret->id;
+    event.projectId = project->id;
+    event.version = readable[i]->version->version;
   }
+  if (!events.empty()) appendEvents(events);
   for (std::size_t i = 0; i < readable.size(); ++i) {
     if (providers[i]) {
       split.keys.push_back(keyOf(*readable[i], *providers[i], result.lines.size() + split.keys.size(), kind.values));

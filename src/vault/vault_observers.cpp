@@ -71,12 +71,12 @@ void Vault::Observers::removed(const std::string& id) {
   callEach(observers, id);
 }
 
-void Vault::Observers::protection(const std::set<std::string>& ids) {
+void Vault::Observers::protection(const std::set<std::string>& environments) {
   const auto observers = [this] {
     const base::Lock lock(lock_);
     return protection_;
   }();
-  callEach(observers, ids);
+  callEach(observers, environments);
 }
 
 }  // namespace sorvane::vault

@@ -19,7 +19,7 @@ class Vault::Observers {
   using Created = std::function<void(const std::string& id, const std::string& name)>;
   using Removed = std::function<void(const std::string& id)>;
 
-  using Protection = std::function<void(const std::set<std::string>& ids)>;
+  using Protection = std::function<void(const std::set<std::string>& environments)>;
 
   ObserverToken add(Protection observer) EXCLUDES(lock_);
   ObserverToken add(Changed observer) EXCLUDES(lock_);
@@ -30,7 +30,7 @@ class Vault::Observers {
   void changed(const std::vector<std::string>& ids) EXCLUDES(lock_);
   void created(const std::string& id, const std::string& name) EXCLUDES(lock_);
   void removed(const std::string& id) EXCLUDES(lock_);
-  void protection(const std::set<std::string>& ids) EXCLUDES(lock_);
+  void protection(const std::set<std::string>& environments) EXCLUDES(lock_);
 
  private:
   // A leaf: the tables are copied under it and the observers called without it.

@@ -133,6 +133,16 @@ ProtectedKeys::Known Vault::protection() {
   return protectedKeys_->verified();
 }
 
+void Vault::requireUnprotected(std::string_view secretId) {
+  const base::RecursiveLock lock(lock_);
+  const auto records = currentRecords();
+  const Secret* const secret = records->secretById(secretId);
+  const auto known = protectedKeys_->known();
+  if (secret != nullptr && known.settings->protectedSecrets.contains(secret->id)) {
+    throw ProtectionError::isProtected(secret->name);
+  }
+}
+
 std::optional<ProxyProvider> Vault::recognisedProvider(std::string_view secretId) {
   const base::RecursiveLock lock(lock_);
   const auto records = currentRecords();
@@ -184,7 +194,7 @@ void Vault::protectSecret(std::string_view secretId, ProxyProvider provider) {
     });
   }
   if (!environments.empty()) ports_.sessions.revoke(RevokeEnvironments{environments});
-  observers_->protection({std::string(secretId)});
+  observers_->protection(environments);
 }
 
 void Vault::unprotectSecret(std::string_view secretId) {
@@ -208,21 +218,21 @@ void Vault::unprotectSecret(std::string_view secretId) {
     });
   }
   if (!environments.empty()) ports_.sessions.revoke(RevokeEnvironments{environments});
-  observers_->protection({std::string(secretId)});
+  observers_->protection(environments);
 }
 
 void Vault::adopt(const ProxySplitRender& split) {
-  std::set<std::string> adopted;
+  bool adopted = false;
   {
     const base::RecursiveLock lock(lock_);
     editProtection([&](LocalProxySettings& settings) {
       for (const ProxyRenderedKey& key : split.keys) {
-        if (settings.protectedSecrets.try_emplace(key.secretId, key.provider).second) adopted.insert(key.secretId);
+        adopted |= settings.protectedSecrets.try_emplace(key.secretId, key.provider).second;
         settings.variables[split.rendered.environmentId].try_emplace(key.variable, key.provider);
       }
     });
   }
-  if (!adopted.empty()) observers_->protection(adopted);
+  if (adopted) observers_->protection({});
 }
 
 void Vault::setProxyOptions(const std::string& options) {
@@ -243,7 +253,7 @@ void Vault::confirmProtection() {
   observers_->protection({});
 }
 
-Vault::ObserverToken Vault::observeProtection(std::function<void(const std::set<std::string>& ids)> observer) {
+Vault::ObserverToken Vault::observeProtection(std::function<void(const std::set<std::string>& environments)> observer) {
   return observers_->add(std::move(observer));
 }
 

@@ -21,6 +21,8 @@ using namespace std::chrono_literals;
 using Case = KeyEnvFileError::Case;
 using Worktree = KeyEnvFiles::GitWorktree;
 
+using Kind = KeyEnvFiles::Key::Kind;
+
 class KeyFiles : public ::testing::Test {
  protected:
   void SetUp() override { fs::create_directories(tree() / "ignored"); }
@@ -37,11 +39,11 @@ class KeyFiles : public ::testing::Test {
     return *files_;
   }
   TaskSessionInfo session(const std::string& id = "SESSION") {
-    return {id, "Agent", "shop", clock_.now(), clock_.now() + 60s, {}};
+    return {id, "Agent", "shop", clock_.now(), clock_.now() + 60s, {}, {}};
   }
   std::string written(const fs::path& path, const std::string& id = "SESSION") {
     std::vector<KeyEnvFiles::Key> keys;
-    keys.push_back({"OPENAI_API_KEY", base::SecretText("sk-made-up key"), true});
+    keys.push_back({"OPENAI_API_KEY", base::SecretText("sk-made-up key"), Kind::real});
     return files_->write(files_->place(path.string(), id, Worktree::allow), session(id), keys).path;
   }
   std::optional<Case> placeFails(const fs::path& path, Worktree worktree = Worktree::refuse) {
@@ -96,7 +98,7 @@ TEST_F(KeyFiles, nothingThatIsThereIsOverwritten) {
   const auto place = files_->place(path.string(), "SESSION", Worktree::refuse);
   fs::create_symlink(elsewhere, path);
   std::vector<KeyEnvFiles::Key> keys;
-  keys.push_back({"OPENAI_API_KEY", base::SecretText("sk-made-up"), true});
+  keys.push_back({"OPENAI_API_KEY", base::SecretText("sk-made-up"), Kind::real});
   EXPECT_THROW(files_->write(place, session(), keys), KeyEnvFileError);
   EXPECT_FALSE(fs::exists(elsewhere));
   EXPECT_EQ(placeFails(folder_.path() / "missing/keys.env"), Case::writeFailed);
@@ -126,7 +128,7 @@ TEST_F(KeyFiles, aRestartDeletesWhatAnEarlierRunLeft) {
   begin();
   const fs::path path = written(folder_.path() / "keys.env"), managed = [&] {
     std::vector<KeyEnvFiles::Key> keys;
-    keys.push_back({"OPENAI_API_KEY", base::SecretText("sk-made-up"), false});
+    keys.push_back({"OPENAI_API_KEY", base::SecretText("sk-made-up"), Kind::standIn});
     return files_->write(files_->place({}, "SESSION", Worktree::refuse), session(), keys).path;
   }();
   EXPECT_EQ(managed, (records() / "SESSION.env").string());
@@ -146,14 +148,14 @@ TEST_F(KeyFiles, aRestartDeletesWhatAnEarlierRunLeft) {
 
 TEST_F(KeyFiles, theTextSaysWhetherItHoldsRealKeys) {
   std::vector<KeyEnvFiles::Key> keys;
-  keys.push_back({"OPENAI_API_KEY", base::SecretText("sk-made-up with \"quotes\""), false});
+  keys.push_back({"OPENAI_API_KEY", base::SecretText("sk-made-up with \"quotes\""), Kind::standIn});
   const base::Date until = clock_.now() + 60s;
   EXPECT_EQ(std::string(keyEnvFileText(keys, until).view()),
             "# sorvane compatibility .env: short-lived sorvane keys only, never real provider keys.\n"
             "# Deleted automatically at 2026-11-21T00:01:00Z, when a key is revoked or the task session ends, or when "
             "sorvane quits.\n"
             "OPENAI_API_KEY=\"sk-made-up with \\\"quotes\\\"\"\n");
-  keys.front().real = true;
+  keys.front().kind = Kind::real;
   EXPECT_TRUE(
       keyEnvFileText(keys, until)
           .view()

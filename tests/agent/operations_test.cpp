@@ -89,8 +89,8 @@ TEST_F(Operations, everyOperationIsRefusedToAStrangerAndWhatIsNotServedSaysSo) {
   for (const agent::Operation& row : agent::kOperations) {
     EXPECT_EQ(as("stranger", row.op, "KEY", "app").errorCode, "unauthorized") << word(row.op);
   }
-  for (const AgentOp op : {AgentOp::keyRequest, AgentOp::keyRequestStatus, AgentOp::keyList, AgentOp::keyRevoke,
-                           AgentOp::keyEnvelope, AgentOp::proxyUsage, AgentOp::proxyRunEnded}) {
+  for (const AgentOp op :
+       {AgentOp::keyRequest, AgentOp::keyRequestStatus, AgentOp::keyList, AgentOp::keyRevoke, AgentOp::keyEnvelope}) {
     const AgentResponse answer = ask(request(op, "KEY", "app"));
     EXPECT_FALSE(answer.ok) << word(op);
     EXPECT_TRUE(answer.errorCode) << word(op);

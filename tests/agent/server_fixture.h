@@ -208,15 +208,30 @@ class ServerFixture : public ::testing::Test {
 
   void begin(std::chrono::milliseconds watchEvery = std::chrono::milliseconds::zero()) {
     server_.reset();
-    agent::Handlers::Ports handlers{vault_,    grants_,        actions_,   runner_, notifier_,
-                                    sessions_, keyFiles_,      clipboard_, copied_, {"PATH=/bin", "LANG=C"},
-                                    "/",       folder_.path(), {}};
+    agent::Handlers::Ports handlers{vault_,
+                                    grants_,
+                                    actions_,
+                                    runner_,
+                                    notifier_,
+                                    sessions_,
+                                    keyFiles_,
+                                    clipboard_,
+                                    copied_,
+                                    clock_,
+                                    {"PATH=/bin", "LANG=C"},
+                                    "/",
+                                    folder_.path(),
+                                    {},
+                                    proxy()};
     agent::Approvals::Ports approvals{
         &provider_, system_, [this] { return policy_.load(); }, [this] { return approver_.load(); }, {}, clock_};
     server_ = std::make_unique<agent::AgentServer>(agent::AgentServer::Settings{folder_.path(), watchEvery},
                                                    agent::AgentServer::Ports{files_, handlers, approvals});
     ASSERT_TRUE(server_->start());
   }
+
+  /// The proxy of a test that has one.
+  virtual proxy::LocalProxyBroker* proxy() { return nullptr; }
 
   std::filesystem::path socketPath() const { return folder_.path() / base::kSocketName; }
   std::filesystem::path endpointPath() const { return folder_.path() / base::kEndpointName; }

@@ -99,10 +99,10 @@ TEST_F(Protected, protectingEndsTheSessionsThatDeliverTheKeyAndTellsObservers) {
   vault().bind(wrapping, {"URL", vault().createSecret(newSecret("U", "x" + std::string(kAnthropicKey))).id, {}, {}});
   revoker_.take();
   std::set<std::string> told;
-  vault().observeProtection([&](const std::set<std::string>& ids) { told = ids; });
+  vault().observeProtection([&](const std::set<std::string>& environments) { told = environments; });
   vault().protectSecret(key_, ProxyProvider::anthropic);
   EXPECT_EQ(revoker_.take(), (std::vector<Revocation>{RevokeEnvironments{{"Dev", "Wrapping"}}}));
-  EXPECT_EQ(told, std::set<std::string>{key_});
+  EXPECT_EQ(told, (std::set<std::string>{"Dev", "Wrapping"}));
   vault().unprotectSecret(key_);
   EXPECT_EQ(revoker_.take(), (std::vector<Revocation>{RevokeEnvironments{{"Dev"}}}));
   EXPECT_EQ(vault().reveal(key_, {}, {}, context_).value.view(), kAnthropicKey);
