@@ -22,6 +22,7 @@ base::SecretText jsonForm(std::string_view key, Slash slash) {
 }
 
 const char* findIn(std::string_view text, std::string_view needle) {
+  if (text.size() < needle.size()) return nullptr;
   return static_cast<const char*>(::memmem(text.data(), text.size(), needle.data(), needle.size()));
 }
 
