@@ -64,7 +64,9 @@ void LocalProxy::start(std::function<void()> onPort) {
     const base::Lock lock(following_);
     onPort_ = std::move(onPort);
   }
-  if (!ports_.vault.storageFailure()) follow();
+  if (ports_.vault.storageFailure()) return;
+  ledger_.look();
+  follow();
 }
 
 void LocalProxy::stop() {

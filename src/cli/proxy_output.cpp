@@ -139,7 +139,7 @@ void printProxyLimits(const Json& document) {
 void printProxyCalls(const Json& document, const std::string& by) {
   const Json all = document.value("totals", Json::object()).value("all", Json::object());
   if (!by.empty()) {
-    printTotals(document, by);
+    if (number(all, "calls") > 0) printTotals(document, by);
   } else if (!items(document, "calls").empty()) {
     std::vector<std::vector<std::string>> rows;
     for (const Json& call : items(document, "calls")) {

@@ -46,6 +46,8 @@ void LedgerWriter::write(std::vector<std::string> lines) {
   open();
   const auto room = static_cast<std::int64_t>(unwritten_.size());
   if (seal_ && (sinceCheck_ >= kRetentionCheckLines || seal_->count + room > kRetentionLines)) prune(room);
+  // Before the first line, so that a seal which is missing later was removed.
+  if (seal_ && !isSealed_ && now >= nextRenewal_) save(*seal_);
   std::string text;
   for (const std::string& line : unwritten_) text.append(line).push_back('\n');
   try {
@@ -84,6 +86,7 @@ bool LedgerWriter::save(const LedgerSeal& seal) {
   sealTrouble_.reset();
   nextRenewal_ = now + kSealRenewal;
   dirty_ = false;
+  isSealed_ = true;
   return true;
 }
 
@@ -143,9 +146,8 @@ void LedgerWriter::adopt(const std::optional<LedgerSeal>& sealed, const OpenLedg
     result.broken->noticed = ports_.clock.now();
     seal_->note(*result.broken);
   }
-  dirty_ = !sealed || result.broken || result.unsealed > 0;
-  // Before the first line, so that a seal which is missing later was removed.
-  if (!sealed) save(*seal_);
+  dirty_ = result.broken || result.unsealed > 0;
+  isSealed_ = sealed.has_value();
   sinceCheck_ = kRetentionCheckLines;
 }
 

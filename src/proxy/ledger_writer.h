@@ -73,6 +73,7 @@ class LedgerWriter {
   std::optional<LedgerSeal> seal_;
   std::vector<std::string> unwritten_;
   bool opened_ = false, dirty_ = false;
+  bool isSealed_ = false;  ///< there is a saved seal
   std::int64_t sinceCheck_ = 0;
   base::Instant nextOpening_{}, nextRenewal_{}, nextWrite_{};
   std::optional<std::string> fileTrouble_, sealTrouble_;

@@ -291,6 +291,17 @@ TEST_F(Ledger, aVaultThatDoesNotOpenKeepsNothingFromBeingRecorded) {
   EXPECT_EQ(decodeSeal(*settings_.seal)->count, 4);
 }
 
+TEST_F(Ledger, aLookAtNoLedgerLeavesNothingBehind) {
+  {
+    CallLedger ledger(path_, {files_, settings_, clock_});
+    ledger.look();
+    ledger.flush();
+    EXPECT_TRUE(ledger.notices().empty());
+  }
+  EXPECT_FALSE(settings_.seal);
+  EXPECT_FALSE(std::filesystem::exists(path_));
+}
+
 TEST_F(Ledger, theSealIsRenewedAtMostOnceASecondAndAtTheEnd) {
   CallLedger ledger(path_, {files_, settings_, clock_});
   for (int i = 1; i <= 20; ++i) {
