@@ -7,7 +7,6 @@
 #include <sys/socket.h>
 
 #include <algorithm>
-#include <array>
 #include <cerrno>
 
 namespace sorvane::proxy {
@@ -67,13 +66,8 @@ ProxyConnection::Read ProxyConnection::receive(std::span<char> into, std::size_t
 }
 
 bool ProxyConnection::hasUnread() const {
-  std::array<char, 1> byte{};
-  return peek(byte) > 0;
-}
-
-std::size_t ProxyConnection::peek(std::span<char> into) const {
-  const ssize_t got = ::recv(socket_.get(), into.data(), into.size(), MSG_PEEK | MSG_DONTWAIT);
-  return got > 0 ? static_cast<std::size_t>(got) : 0;
+  char byte = 0;
+  return ::recv(socket_.get(), &byte, 1, MSG_PEEK | MSG_DONTWAIT) > 0;
 }
 
 bool ProxyConnection::send(std::span<iovec> parts, double stall) {

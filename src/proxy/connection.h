@@ -40,8 +40,6 @@ class ProxyConnection {
   Read receive(std::span<char> into, std::size_t& size, Deadline deadline);
   /// Whether bytes have come that nobody has read.
   bool hasUnread() const;
-  /// Looks at what has come without reading it; how many bytes.
-  std::size_t peek(std::span<char> into) const;
   /// Writes all parts, in order. False when the client takes no more or makes no progress for `stall` seconds. The
   /// parts are changed.
   bool send(std::span<iovec> parts, double stall);

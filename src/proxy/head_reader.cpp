@@ -74,6 +74,15 @@ bool isAcceptableHop(std::string_view name, std::string_view value) {
 
 }  // namespace
 
+std::string_view targetIn(std::string_view bytes) {
+  if (bytes.starts_with("\r\n")) bytes.remove_prefix(2);
+  const std::string_view line = bytes.substr(0, bytes.find_first_of("\r\n"));
+  const std::size_t space = line.find(' ');
+  const std::size_t start = space == std::string_view::npos ? space : line.find_first_not_of(' ', space);
+  if (start == std::string_view::npos) return {};
+  return line.substr(start, line.find(' ', start) - start);
+}
+
 ProxyHeadReader::State ProxyHeadReader::feed(std::string_view bytes) {
   if (state_ != State::reading) return state_;
   buffer_.append(bytes);
@@ -136,7 +145,6 @@ ProxyHeadReader::Verdict ProxyHeadReader::requestLine(std::string_view line) {
   if (!isToken(method)) return Violation{400, "bad_method"};
   if (line.substr(second + 1) != "HTTP/1.1") return Violation{400, "bad_version"};
   if (!isPlainTarget(target)) return Violation{400, "bad_target"};
-  target_ = target;
   if (std::find(kMethods.begin(), kMethods.end(), method) == kMethods.end()) {
     return Violation{405, "method_not_allowed"};
   }

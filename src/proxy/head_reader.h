@@ -13,6 +13,10 @@ namespace sorvane::proxy {
 /// Bounds of a request's head. A client's own heads have one to two kilobytes.
 inline constexpr std::size_t kMaxRequestLineBytes = 8'192, kMaxHeadBytes = 32'768, kMaxHeaders = 100;
 
+/// What a first line names as its target, be the line whole, cut short or not well formed: what stands behind its first
+/// spaces. "" where nothing does yet.
+std::string_view targetIn(std::string_view bytes);
+
 /// ProxyHeadReader reads one request's head as its bytes arrive (grammar and codes: docs/proxy.md). It is strict where
 /// others guess: lines end with CR LF, nothing is folded, no name stands twice. What it answers depends on the bytes
 /// alone, not on the pieces they come in: the first violation in the order of the stream decides.
@@ -31,8 +35,10 @@ class ProxyHeadReader {
   ProxyRefusal refusal() const;
   /// What came behind the head; only when `finished`, until the reader goes.
   std::string_view rest() const { return std::string_view(buffer_).substr(scanned_); }
-  /// The target as far as the first line told it, for the form of a refusal; "" before.
-  std::string_view target() const { return target_; }
+  /// The target as far as the first line told it, for the form of a refusal.
+  std::string_view target() const { return targetIn(buffer_); }
+  /// Whether the first line, and with it the target, is whole.
+  bool hasFirstLine() const { return firstLineEnd_.has_value(); }
 
  private:
   struct Violation {
@@ -56,7 +62,6 @@ class ProxyHeadReader {
   std::optional<std::size_t> firstLineEnd_;  ///< behind the request line
   bool skippedLine_ = false;                 ///< the one empty line that may come before the request line
   bool transferEncoding_ = false;
-  std::string target_;
   ProxyRequestHead head_;
   Violation violation_;
   State state_ = State::reading;

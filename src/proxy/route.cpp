@@ -1,5 +1,6 @@
 #include "proxy/route.h"
 
+#include <algorithm>
 #include <array>
 
 namespace sorvane::proxy {
@@ -42,7 +43,10 @@ const ProxyRoute* routeOf(std::string_view path) {
 }
 
 ProxyDialect dialectOf(std::string_view path) {
-  return path == "/anthropic" || path.starts_with("/anthropic/") ? ProxyDialect::anthropic : ProxyDialect::openai;
+  constexpr std::string_view prefix = "/anthropic";
+  const std::string_view rest = path.substr(std::min(path.size(), prefix.size()));
+  const bool ends = rest.empty() || rest.front() == '/' || rest.front() == '?';
+  return path.starts_with(prefix) && ends ? ProxyDialect::anthropic : ProxyDialect::openai;
 }
 
 std::string_view baseUrlPath(ProxyProvider provider) {

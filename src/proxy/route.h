@@ -26,7 +26,7 @@ struct ProxyRoute {
 
 /// nullptr when nothing is served under the path. The query is not part of it.
 const ProxyRoute* routeOf(std::string_view path);
-/// The dialect in which an unknown path is refused: by its provider's prefix, else OpenAI's.
+/// The dialect in which an unknown path or target is refused: by its provider's prefix, else OpenAI's.
 ProxyDialect dialectOf(std::string_view path);
 
 /// What a client's base URL ends with behind the proxy's address: "/anthropic", "/openai/v1", "/openrouter/api/v1".

@@ -13,16 +13,12 @@ namespace sorvane::proxy {
 namespace {
 
 constexpr std::size_t kHeadPiece = 16'384, kBodyPiece = 262'144;
+// How long a connection that gets no place may take to name its path, which decides the form of the answer.
+constexpr double kBusyReadSeconds = 0.2;
 
 bool isJson(std::string_view contentType) {
   const std::size_t parameters = contentType.find(';');
   return sameName(trimmed(contentType.substr(0, parameters)), "application/json");
-}
-
-// Of a head that was not read: what the first bytes tell of the form its answer should have.
-ProxyDialect dialectOfBytes(std::string_view bytes) {
-  const std::size_t space = bytes.find(' ');
-  return space == std::string_view::npos ? ProxyDialect::openai : dialectOf(bytes.substr(space + 1));
 }
 
 }  // namespace
@@ -47,10 +43,21 @@ void ProxyExchange::run() {
 }
 
 void ProxyExchange::refuseBusy() {
-  std::array<char, 64> bytes{};
-  channel_.setDialect(dialectOfBytes({bytes.data(), connection_.peek(bytes)}));
+  readFirstLine();
+  channel_.setDialect(dialectOf(reader_.target()));
+  if (reader_.state() == ProxyHeadReader::State::finished) head_ = reader_.takeHead();
   channel_.refuse(refusal::busy());
   drain();
+}
+
+void ProxyExchange::readFirstLine() {
+  const Deadline deadline = std::min(headDeadline_, deadlineIn(kBusyReadSeconds));
+  std::array<char, kHeadPiece> piece;
+  while (reader_.state() == ProxyHeadReader::State::reading && !reader_.hasFirstLine()) {
+    std::size_t size = 0;
+    if (connection_.receive(piece, size, deadline) != ProxyConnection::Read::bytes) return;
+    reader_.feed({piece.data(), size});
+  }
 }
 
 bool ProxyExchange::readHead() {

@@ -19,7 +19,7 @@ class ProxyExchange {
 
   /// Reads, checks and answers the request.
   void run();
-  /// Answers that there is no place, without reading the request.
+  /// Answers that there is no place, without reading more of the request than its first line.
   void refuseBusy();
 
  private:
@@ -28,6 +28,8 @@ class ProxyExchange {
 
   /// False when the client left before its head was whole, or the connection was cut.
   bool readHead();
+  /// As far as it comes within a moment.
+  void readFirstLine();
   /// The first refusal of the checks in their order.
   Refused check();
 
