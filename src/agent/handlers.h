@@ -95,6 +95,8 @@ class Handlers {
   struct SessionPlan;
   std::optional<AgentResponse> planSession(Call& call, SessionPlan& plan, std::vector<std::string>& details);
   AgentResponse beginPlanned(Call& call, SessionPlan plan, vault::ProxySplitRender split);
+  /// Ends a grant that a change of access, or the client's going, has overtaken.
+  bool isStillGood(Call& call, const std::string& epoch, const proxy::IssuedProxyGrant& grant);
   AgentResponse renderForCommand(Call& call, const vault::Project& environment,
                                  const std::optional<std::string>& target);
   AgentResponse renderRedacted(Call& call, const vault::Project& environment, const std::optional<std::string>& target);

@@ -113,6 +113,7 @@ AgentResponse Handlers::renderForCommand(Call& call, const vault::Project& envir
         call.requester() + " wants stand-ins for the protected keys of the environment '" + environment.name + "'";
   if (call.denied(question)) return AgentResponse::refused(std::string(kApprovalDenied));
   if (auto refusal = changedMeanwhile(environment)) return std::move(*refusal);
+  const std::string epoch = ports_.sessions.epoch();
   vault::ProxySplitRender split = ports_.vault.renderForProxy(
       environment.id, target, raw ? vault::RenderValues::deliver : vault::RenderValues::keysOnly,
       call.access("agent_render_env"));
@@ -126,6 +127,7 @@ AgentResponse Handlers::renderForCommand(Call& call, const vault::Project& envir
     wanted.until = ports_.clock.now() + std::chrono::seconds(ports_.localProxy->longestSessionSeconds());
     const auto issued = issueStandIns(std::move(wanted), proxy::ProxyRunWatch{call.peer()});
     if (!issued) return proxyUnavailable();
+    if (!isStillGood(call, epoch, issued->grant)) return proxyApprovalChanged();
     names = placeStandIns(split, issued->grant, issued->port);
   }
   leaveOutRunControl(split.rendered);

@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include <array>
 #include <charconv>
 #include <cstring>
@@ -241,6 +243,16 @@ AgentResponse Handlers::runUnderSession(Call& call) {
   return answer(ports_.runner.run(command, control), {});
 }
 
+bool Handlers::isStillGood(Call& call, const std::string& epoch, const proxy::IssuedProxyGrant& grant) {
+  // What changed before the grant existed could not end it.
+  if (ports_.localProxy->isLive(grant.lookupId) && ports_.sessions.epoch() == epoch &&
+      !call.withdrawn().stop_requested()) {
+    return true;
+  }
+  ports_.localProxy->end(grant.lookupId);
+  return false;
+}
+
 bool Handlers::lookForKeys(Call& call, const vault::Project& environment, const std::optional<std::string>& target,
                            StandInPlan& plan, OperationQuestion& question) {
   vault::ProxySplitRender looked;
@@ -273,13 +285,14 @@ AgentResponse Handlers::runEnv(Call& call) {
   StandInPlan standIns;
   const auto keys = lookForKeys(call, environment, target, standIns, question);
   if (standIns.refusal) return std::move(*standIns.refusal);
-  const RunWatch watch(ports_.vault, environment.name);
+  const RunWatch watch(ports_.vault, environment.id);
   if (call.denied(question)) return AgentResponse::refused(std::string(kApprovalDenied));
   const auto present = ports_.vault.records();
   const vault::Project* const now = present->projectById(environment.id);
   if (now == nullptr) return AgentResponse::refused("Environment unavailable");
   if (!(*now == environment)) return AgentResponse::refused(std::string(kEnvironmentChanged));
 
+  const std::string epoch = ports_.sessions.epoch();
   vault::ProxySplitRender split;
   try {
     split =
@@ -295,8 +308,10 @@ AgentResponse Handlers::runEnv(Call& call) {
     wanted.runId = base::randomUuid();
     wanted.owner = standInOwner(*wanted.runId);
     wanted.until = ports_.clock.now() + plan.limit + kRunGrantSlack;
-    const auto issued = issueStandIns(std::move(wanted), {});
+    // This process is there as long as the run is, which ends the grant itself.
+    const auto issued = issueStandIns(std::move(wanted), proxy::ProxyRunWatch{::getpid()});
     if (!issued) return proxyUnavailable();
+    if (!isStillGood(call, epoch, issued->grant)) return proxyApprovalChanged();
     grant.lookupId = issued->grant.lookupId;
     names = placeStandIns(split, issued->grant, issued->port);
   }

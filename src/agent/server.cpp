@@ -40,19 +40,30 @@ AgentServer::AgentServer(Settings settings, Ports ports)
       localProxy_(ports.handlers.localProxy),
       handlers_(std::move(ports.handlers)),
       approvals_(std::move(ports.approvals)),
-      published_(ports.files, settings_.supportFolder / base::kEndpointName),
-      sessionEnds_(sessions_.observeEnds(
-          [&keyFiles = keyFiles_, proxy = localProxy_](const std::vector<TaskSessionInfo>& ended) {
-            for (const TaskSessionInfo& session : ended) {
-              if (session.proxyLookupId) proxy->end(*session.proxyLookupId);
-            }
-            keyFiles.sessionsEnded(ended);
-          })) {
+      published_(ports.files, settings_.supportFolder / base::kEndpointName) {
+  observeSessions();
   // Sessions do not outlive the application, and their files must not.
   keyFiles_.removeAll();
   if (settings_.watchEvery > std::chrono::milliseconds::zero()) {
     endpointWatch_ = std::jthread([this](const std::stop_token& stop) { watchEndpoint(stop); });
   }
+}
+
+void AgentServer::observeSessions() {
+  sessionObservers_.push_back(sessions_.observeEnds([this](const std::vector<TaskSessionInfo>& ended) {
+    for (const TaskSessionInfo& session : ended) {
+      if (session.proxyLookupId) localProxy_->end(*session.proxyLookupId);
+    }
+    keyFiles_.sessionsEnded(ended);
+  }));
+  if (localProxy_ == nullptr) return;
+  // The stand-ins of commands end with the access that they were made for, too.
+  sessionObservers_.push_back(sessions_.observeRevocations([this](const vault::Revocation& revocation) {
+    const auto* const some = std::get_if<vault::RevokeEnvironments>(&revocation);
+    return some != nullptr ? localProxy_->endEnvironments(some->names) : localProxy_->endAll();
+  }));
+  sessionObservers_.push_back(
+      sessions_.observeOwnerEnds([this](const std::string& owner) { localProxy_->endCaller(owner); }));
 }
 
 AgentServer::~AgentServer() {
@@ -61,7 +72,7 @@ AgentServer::~AgentServer() {
   connections_.dropSilent();
   connections_.waitUntilNone();
   waitUntilIdle(Waiting::everyone);
-  sessions_.stopObserving(sessionEnds_);
+  for (const auto& token : sessionObservers_) sessions_.stopObserving(token);
 }
 
 bool AgentServer::start() {

@@ -76,6 +76,7 @@ class AgentServer {
  private:
   struct ConnectionStart;
 
+  void observeSessions();
   std::optional<std::string> open() REQUIRES(lifecycle_);
   void close() REQUIRES(lifecycle_);
   AgentInfo info() const;
@@ -116,7 +117,7 @@ class AgentServer {
   std::thread acceptThread_ GUARDED_BY(lifecycle_);
   bool wanted_ GUARDED_BY(lifecycle_) = false;
 
-  const TaskSessions::ObserverToken sessionEnds_;
+  std::vector<TaskSessions::ObserverToken> sessionObservers_;
 
   // Guarded. A leaf: nothing is called while it is held.
   mutable base::Mutex mutex_;

@@ -225,12 +225,15 @@ void TaskSessions::revoke(const vault::Revocation& revocation) {
 
 void TaskSessions::endOf(std::string_view owner) {
   std::vector<Entry> ended;
+  std::vector<std::function<void(const std::string&)>> observers;
   {
     const base::Lock lock(lock_);
     epoch_ = base::randomUuid();
     ended = take([&](const Entry& entry) { return entry.owner == owner; });
+    for (const auto& [token, observer] : ownerObservers_) observers.push_back(observer);
   }
   finish(std::move(ended));
+  for (const auto& observer : observers) observer(std::string(owner));
 }
 
 void TaskSessions::endAll() {
@@ -303,10 +306,16 @@ TaskSessions::ObserverToken TaskSessions::observeRevocations(std::function<void(
   return token;
 }
 
+TaskSessions::ObserverToken TaskSessions::observeOwnerEnds(std::function<void(const std::string&)> observer) {
+  const base::Lock lock(lock_);
+  return ownerObservers_.emplace(base::randomUuid(), std::move(observer)).first->first;
+}
+
 void TaskSessions::stopObserving(const ObserverToken& token) {
   const base::Lock lock(lock_);
   endObservers_.erase(token);
   revocationObservers_.erase(token);
+  ownerObservers_.erase(token);
 }
 
 }  // namespace sorvane::agent

@@ -117,6 +117,8 @@ class TaskSessions final : public vault::SessionRevoker {
   using ObserverToken = std::string;
   ObserverToken observeEnds(std::function<void(const std::vector<TaskSessionInfo>&)> observer);
   ObserverToken observeRevocations(std::function<void(const vault::Revocation&)> observer);
+  /// Told the identity of a caller whose permission changed, after its sessions ended.
+  ObserverToken observeOwnerEnds(std::function<void(const std::string& owner)> observer);
   void stopObserving(const ObserverToken& token);
 
  private:
@@ -151,6 +153,7 @@ class TaskSessions final : public vault::SessionRevoker {
   std::string epoch_ GUARDED_BY(lock_);
   std::map<std::string, std::function<void(const std::vector<TaskSessionInfo>&)>> endObservers_ GUARDED_BY(lock_);
   std::map<std::string, std::function<void(const vault::Revocation&)>> revocationObservers_ GUARDED_BY(lock_);
+  std::map<std::string, std::function<void(const std::string&)>> ownerObservers_ GUARDED_BY(lock_);
   // The last member: its thread is joined before the others go.
   base::DeadlineTimer timer_;
 };

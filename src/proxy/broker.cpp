@@ -220,6 +220,25 @@ void LocalProxyBroker::endOwner(std::string_view owner) {
   state_->ports.grants.endOwner(owner);
 }
 
+void LocalProxyBroker::State::endLive(const std::function<bool(const Live&)>& ends) {
+  std::vector<std::string> ids;
+  {
+    const base::Lock lock(mutex);
+    for (const auto& [id, grant] : live) {
+      if (ends(grant)) ids.emplace_back(id);
+    }
+  }
+  for (const std::string& id : ids) ports.grants.end(id);
+}
+
+void LocalProxyBroker::endCaller(std::string_view caller) {
+  state_->endLive([&](const State::Live& grant) { return grant.caller == caller; });
+}
+
+void LocalProxyBroker::endEnvironments(const std::set<std::string>& names) {
+  state_->endLive([&](const State::Live& grant) { return names.contains(grant.environmentName); });
+}
+
 void LocalProxyBroker::endAll() {
   state_->ports.grants.endAll();
 }

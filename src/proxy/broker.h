@@ -6,6 +6,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <string_view>
 #include <utility>
@@ -141,6 +142,9 @@ class LocalProxyBroker {
   void end(std::string_view lookupId);
   void endOwner(std::string_view owner);
   void endCarrying(std::string_view secretId);
+  void endCaller(std::string_view caller);
+  /// Ends the grants made for environments of these names.
+  void endEnvironments(const std::set<std::string>& names);
   /// Ends every grant; the server goes on.
   void endAll();
   /// A grant that the velocity stop paused goes on.

@@ -53,6 +53,7 @@ struct LocalProxyBroker::State {
   /// Starts or stops the server as the protected keys want it now.
   void converge();
 
+  void endLive(const std::function<bool(const Live&)>& ends);
   void watchRun(const std::string& runId, pid_t helper);
   void endRunOf(std::string_view runId);
   /// Forgets a grant that ended; returns the watch of its run when that was the run's last.

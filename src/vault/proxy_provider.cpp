@@ -69,6 +69,21 @@ std::optional<ProxyProvider> providerByShape(std::string_view value) {
   return std::nullopt;
 }
 
+bool isDistinctShape(std::string_view value) {
+  constexpr std::array<std::string_view, 5> kDistinct{"sk-ant-", "sk-or-", "sk-proj-", "sk-svcacct-", "sk-admin-"};
+  return providerByShape(value) && std::any_of(kDistinct.begin(), kDistinct.end(), [&](std::string_view beginning) {
+           return value.starts_with(beginning);
+         });
+}
+
+bool holdsKeyShape(std::string_view value) {
+  for (std::size_t at = value.find("sk-"); at != std::string_view::npos; at = value.find("sk-", at + 1)) {
+    const auto* const end = std::find_if_not(value.begin() + at, value.end(), isKeyCharacter);
+    if (static_cast<std::size_t>(end - (value.begin() + at)) >= kShortestKey) return true;
+  }
+  return false;
+}
+
 std::optional<ProxyProvider> providerByName(std::string_view name) {
   std::string lower(name);
   std::transform(lower.begin(), lower.end(), lower.begin(),

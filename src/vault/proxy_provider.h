@@ -18,6 +18,10 @@ std::optional<ProxyProvider> proxyProviderOf(std::string_view word);
 /// The provider whose keys look like `value`, by the beginning that each provider gives to its keys; nullopt when it
 /// is no key of a known form.
 std::optional<ProxyProvider> providerByShape(std::string_view value);
+/// Whether the beginning is one provider's alone; the plain "sk-" is used by others, too.
+bool isDistinctShape(std::string_view value);
+/// Whether something of the form of a provider's key stands anywhere in `value`.
+bool holdsKeyShape(std::string_view value);
 /// The provider that the name of a variable or a secret tells, such as "ANTHROPIC_API_KEY" or "openai key"; nullopt
 /// when it names none, or more than one.
 std::optional<ProxyProvider> providerByName(std::string_view name);

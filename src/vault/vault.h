@@ -286,7 +286,7 @@ class Vault {
   ObserverToken observeSecretChanges(std::function<void(const std::vector<std::string>& ids)> observer);
   ObserverToken observeSecretCreated(std::function<void(const std::string& id, const std::string& name)> observer);
   ObserverToken observeSecretRemoved(std::function<void(const std::string& id)> observer);
-  /// Told the names of the environments in which a value became protected or stopped being so; none when only the
+  /// Told the ids of the environments in which a value became protected or stopped being so; none when only the
   /// proxy's options changed.
   ObserverToken observeProtection(std::function<void(const std::set<std::string>& environments)> observer);
   void stopObserving(const ObserverToken& token);
@@ -367,11 +367,16 @@ class Vault {
   // Protected keys (vault_protection.cpp).
   class HoldBack;
   /// Environments that deliver one of the values, by itself or inside another.
-  std::set<std::string> environmentsDelivering(const Secret& secret) REQUIRES(lock_);
-  /// Every version's value that can be read.
+  struct Delivering {
+    std::set<std::string> names, ids;
+  };
+  Delivering environmentsDelivering(const Secret& secret) REQUIRES(lock_);
+  /// Ends the sessions of the environments and tells observers. Without the lock.
+  void tellProtection(const Delivering& delivering);
+  /// Every version's value. Throws VaultError when the store holds one back.
   std::vector<base::SecretText> valuesOf(const Secret& secret);
-  /// The keys of a render whose variables nobody remembered, or whose secrets were not protected yet.
-  void adopt(const ProxySplitRender& split);
+  /// Remembers the variables of a render's keys, and protects those that are to become so.
+  Delivering adopt(const ProxySplitRender& split) REQUIRES(lock_);
   /// Saves the edited settings when they differ.
   void editProtection(const std::function<void(LocalProxySettings&)>& edit);
 

@@ -167,8 +167,13 @@ RenderedEnvironment Vault::render(std::string_view projectId, const std::optiona
 ProxySplitRender Vault::renderForProxy(std::string_view projectId, const std::optional<std::string>& requestedTarget,
                                        RenderValues values, const AccessContext& context) {
   ProxySplitRender split;
-  renderInto(split, projectId, requestedTarget, {values, KeySplit::split}, context);
-  if (values != RenderValues::redact) adopt(split);
+  Delivering delivering;
+  {
+    const base::RecursiveLock lock(lock_);
+    renderInto(split, projectId, requestedTarget, {values, KeySplit::split}, context);
+    if (values != RenderValues::redact && !split.keys.empty()) delivering = adopt(split);
+  }
+  if (!split.adopt.empty()) tellProtection(delivering);
   return split;
 }
 

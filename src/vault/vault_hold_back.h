@@ -29,10 +29,12 @@ class Vault::HoldBack {
  private:
   struct Carried {
     std::string secretId, variable;
+    std::int64_t version = 0;
   };
 
   /// Throws ProtectionError when what is stored cannot be relied on.
   void requireSettings();
+  bool mayBeProviderKey(const Secret& secret, std::string_view variable, std::string_view value) const;
   void carry(ProxyProvider provider, const Secret& secret, const EnvBinding& binding);
 
   Vault& vault_;

@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "vault/accounts.h"
 #include "vault/vault.h"
 #include "vault/vault_hold_back.h"
 #include "vault/vault_observers.h"
@@ -34,10 +35,15 @@ void Vault::HoldBack::requireSettings() {
 }
 
 void Vault::HoldBack::carry(ProxyProvider provider, const Secret& secret, const EnvBinding& binding) {
-  const auto [at, isFirst] = carried_.try_emplace(provider, Carried{secret.id, binding.envVarName});
-  if (!isFirst && at->second.secretId != secret.id) {
+  const std::int64_t version = binding.pinVersion.value_or(secret.currentVersion);
+  const auto [at, isFirst] = carried_.try_emplace(provider, Carried{secret.id, binding.envVarName, version});
+  if (!isFirst && (at->second.secretId != secret.id || at->second.version != version)) {
     throw ProtectionError::twoKeys(provider, at->second.variable, binding.envVarName);
   }
+}
+
+bool Vault::HoldBack::mayBeProviderKey(const Secret& secret, std::string_view variable, std::string_view value) const {
+  return providerByName(variable) || providerByName(secret.name) || holdsKeyShape(value);
 }
 
 std::optional<ProxyProvider> Vault::HoldBack::providerOf(const Project& project, const EnvBinding& binding,
@@ -53,7 +59,7 @@ std::optional<ProxyProvider> Vault::HoldBack::providerOf(const Project& project,
     return variable == environment->second.end() ? std::nullopt : std::optional(variable->second);
   }();
   const bool isKnown = isProtected != settings.protectedSecrets.end();
-  if (!isKnown && !remembered && !shape && !providerByName(binding.envVarName)) return std::nullopt;
+  if (!isKnown && !remembered && !mayBeProviderKey(secret, binding.envVarName, value)) return std::nullopt;
   const std::optional<ProxyProvider> known = isKnown ? std::optional(isProtected->second) : remembered;
   requireSettings();
   if (!known) return std::nullopt;
@@ -83,7 +89,13 @@ void Vault::HoldBack::requireFree(const Secret& secret, std::string_view value) 
   if (known_.state == ProtectionState::none) return;
   const auto& protectedSecrets = known_.settings->protectedSecrets;
   if (protectedSecrets.contains(secret.id)) throw ProtectionError::isProtected(secret.name);
-  if (providerByShape(value) || providerByName(secret.name)) requireSettings();
+  bool mayBe = mayBeProviderKey(secret, secret.name, value);
+  for (const Project* const project : records_.projectsUsing(secret.id)) {
+    for (const EnvBinding& binding : project->bindings) {
+      mayBe |= binding.secretId == secret.id && mayBeProviderKey(secret, binding.envVarName, value);
+    }
+  }
+  if (mayBe) requireSettings();
   requireNoneInside(value);
 }
 
@@ -92,37 +104,47 @@ std::vector<base::SecretText> Vault::valuesOf(const Secret& secret) {
   for (const SecretVersion& version : secret.versions) {
     if (version.status == VersionStatus::purged) continue;
     try {
-      values.push_back(readValue(secret, version.version));
-    } catch (const VaultError&) {
-      // What cannot be read now cannot be looked for either; it may be readable the next time.
+      values.push_back(ports_.store.read(accountOf(secret.id, version.version)));
+    } catch (const SecretStoreError& error) {
+      // A value that is gone cannot be given away; one that the store holds back cannot be looked for.
+      if (error.kind() == SecretStoreError::Case::notFound) continue;
+      throw VaultError(sentence::keychainDenied(version.version, secret.name));
     }
   }
   return values;
 }
 
-std::set<std::string> Vault::environmentsDelivering(const Secret& secret) {
+Vault::Delivering Vault::environmentsDelivering(const Secret& secret) {
   const auto records = currentRecords();
   const std::vector<base::SecretText> needles = valuesOf(secret);
   std::map<std::pair<std::string, std::int64_t>, bool> holds;
-  const auto holdsKey = [&](const Secret& other, std::int64_t version) REQUIRES(lock_) {
+  const auto mayHoldKey = [&](const Secret& other, std::int64_t version) {
     const auto [at, isNew] = holds.try_emplace({other.id, version}, false);
     if (!isNew) return at->second;
     try {
       at->second = standsAny(needles, readValue(other, version).view());
     } catch (const VaultError&) {
+      at->second = true;  // in doubt its sessions end
     }
     return at->second;
   };
-  std::set<std::string> names;
+  Delivering delivering;
   for (const Project& project : records->projects) {
-    for (const EnvBinding& binding : project.bindings) {
+    const bool delivers = std::any_of(project.bindings.begin(), project.bindings.end(), [&](const EnvBinding& binding) {
       const Secret* const bound = records->secretById(binding.secretId);
-      if (bound == nullptr || names.contains(project.name)) continue;
-      const std::int64_t version = binding.pinVersion.value_or(bound->currentVersion);
-      if (bound->id == secret.id || holdsKey(*bound, version)) names.insert(project.name);
-    }
+      return bound != nullptr &&
+             (bound->id == secret.id || mayHoldKey(*bound, binding.pinVersion.value_or(bound->currentVersion)));
+    });
+    if (!delivers) continue;
+    delivering.names.insert(project.name);
+    delivering.ids.insert(project.id);
   }
-  return names;
+  return delivering;
+}
+
+void Vault::tellProtection(const Delivering& delivering) {
+  if (!delivering.names.empty()) ports_.sessions.revoke(RevokeEnvironments{delivering.names});
+  observers_->protection(delivering.ids);
 }
 
 ProtectedKeys::Known Vault::protection() {
@@ -148,30 +170,32 @@ std::optional<ProxyProvider> Vault::recognisedProvider(std::string_view secretId
   const auto records = currentRecords();
   const Secret* const secret = records->secretById(secretId);
   if (secret == nullptr) throw VaultError(std::string(sentence::kUnknownSecret));
-  if (const auto shape = providerByShape(readValue(*secret, secret->currentVersion).view())) return shape;
-  if (const auto named = providerByName(secret->name)) return named;
-  std::optional<ProxyProvider> found;
+  const base::SecretText value = readValue(*secret, secret->currentVersion);
+  std::set<ProxyProvider> told;
+  const auto tell = [&](std::optional<ProxyProvider> provider) {
+    if (provider) told.insert(*provider);
+  };
+  if (isDistinctShape(value.view())) tell(providerByShape(value.view()));
+  tell(providerByName(secret->name));
   for (const Project* const project : records->projectsUsing(secret->id)) {
     for (const EnvBinding& binding : project->bindings) {
-      if (binding.secretId != secret->id) continue;
-      const auto named = providerByName(binding.envVarName);
-      if (named && found && *named != *found) return std::nullopt;
-      if (named) found = named;
+      if (binding.secretId == secret->id) tell(providerByName(binding.envVarName));
     }
   }
-  return found;
+  // What contradicts itself is for the owner to say.
+  return told.size() == 1 ? std::optional(*told.begin()) : std::nullopt;
 }
 
 void Vault::editProtection(const std::function<void(LocalProxySettings&)>& edit) {
   const auto before = protectedKeys_->known();
+  if (before.state == ProtectionState::removed) throw ProtectionError::settingsRemoved();
   LocalProxySettings settings = *before.settings;
   edit(settings);
-  if (settings == *before.settings && before.state == ProtectionState::present) return;
-  protectedKeys_->save(settings);
+  if (!(settings == *before.settings)) protectedKeys_->save(settings);
 }
 
 void Vault::protectSecret(std::string_view secretId, ProxyProvider provider) {
-  std::set<std::string> environments;
+  Delivering delivering;
   {
     const base::RecursiveLock lock(lock_);
     const auto records = currentRecords();
@@ -183,7 +207,7 @@ void Vault::protectSecret(std::string_view secretId, ProxyProvider provider) {
     if (shape && *shape != provider) {
       throw VaultError(sentence::otherProvidersKey(secret->name, shownName(*shape), shownName(provider)));
     }
-    environments = environmentsDelivering(*secret);
+    delivering = environmentsDelivering(*secret);
     editProtection([&](LocalProxySettings& settings) {
       settings.protectedSecrets.insert_or_assign(secret->id, provider);
       for (const Project* const project : records->projectsUsing(secret->id)) {
@@ -193,18 +217,20 @@ void Vault::protectSecret(std::string_view secretId, ProxyProvider provider) {
       }
     });
   }
-  if (!environments.empty()) ports_.sessions.revoke(RevokeEnvironments{environments});
-  observers_->protection(environments);
+  tellProtection(delivering);
 }
 
 void Vault::unprotectSecret(std::string_view secretId) {
-  std::set<std::string> environments;
+  Delivering delivering;
   {
     const base::RecursiveLock lock(lock_);
     const auto records = currentRecords();
     const Secret* const secret = records->secretById(secretId);
     if (secret == nullptr) throw VaultError(std::string(sentence::kUnknownSecret));
-    for (const Project* const project : records->projectsUsing(secret->id)) environments.insert(project->name);
+    for (const Project* const project : records->projectsUsing(secret->id)) {
+      delivering.names.insert(project->name);
+      delivering.ids.insert(project->id);
+    }
     editProtection([&](LocalProxySettings& settings) {
       settings.protectedSecrets.erase(secret->id);
       for (const Project* const project : records->projectsUsing(secret->id)) {
@@ -217,22 +243,21 @@ void Vault::unprotectSecret(std::string_view secretId) {
                     [&](const auto& item) { return item.second.empty() || !records->projectById(item.first); });
     });
   }
-  if (!environments.empty()) ports_.sessions.revoke(RevokeEnvironments{environments});
-  observers_->protection(environments);
+  tellProtection(delivering);
 }
 
-void Vault::adopt(const ProxySplitRender& split) {
-  bool adopted = false;
-  {
-    const base::RecursiveLock lock(lock_);
-    editProtection([&](LocalProxySettings& settings) {
-      for (const ProxyRenderedKey& key : split.keys) {
-        adopted |= settings.protectedSecrets.try_emplace(key.secretId, key.provider).second;
-        settings.variables[split.rendered.environmentId].try_emplace(key.variable, key.provider);
-      }
-    });
-  }
-  if (adopted) observers_->protection({});
+Vault::Delivering Vault::adopt(const ProxySplitRender& split) {
+  Delivering delivering;
+  const auto records = currentRecords();
+  editProtection([&](LocalProxySettings& settings) {
+    for (const ProxyRenderedKey& key : split.keys) {
+      settings.variables[split.rendered.environmentId].try_emplace(key.variable, key.provider);
+      if (!split.adopt.contains(key.variable)) continue;
+      settings.protectedSecrets.try_emplace(key.secretId, key.provider);
+      if (const Secret* const secret = records->secretById(key.secretId)) delivering = environmentsDelivering(*secret);
+    }
+  });
+  return delivering;
 }
 
 void Vault::setProxyOptions(const std::string& options) {
