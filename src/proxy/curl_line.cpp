@@ -4,6 +4,7 @@
 #include <openssl/ssl.h>
 #include <sys/socket.h>
 
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <exception>
@@ -50,14 +51,23 @@ CURLcode resultOf(CURLM* multi) {
   return message != nullptr && message->msg == CURLMSG_DONE ? message->data.result : CURLE_ABORTED_BY_CALLBACK;
 }
 
-enum class ClientSocket { quiet, talks, gone };
+enum class ClientSocket { open, talksOn, gone };
 
-ClientSocket look(int socket) {
-  char byte = 0;
-  const ssize_t got = ::recv(socket, &byte, 1, MSG_PEEK | MSG_DONTWAIT);
-  if (got > 0) return ClientSocket::talks;
-  if (got == 0) return ClientSocket::gone;
-  return errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR ? ClientSocket::quiet : ClientSocket::gone;
+/// So much that a client sends behind its request is read and dropped, so that its end can be seen behind it.
+constexpr std::size_t kMostDropped = 262'144;
+
+/// Looks whether the client is still there. A client that only closed its sending half cannot be told from one that
+/// is gone, and counts as gone.
+ClientSocket look(int socket, std::size_t& dropped) {
+  std::array<char, 4'096> bytes{};
+  while (dropped < kMostDropped) {
+    const ssize_t got = ::recv(socket, bytes.data(), bytes.size(), MSG_DONTWAIT);
+    if (got == 0) return ClientSocket::gone;
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) return errno == EAGAIN || errno == EWOULDBLOCK ? ClientSocket::open : ClientSocket::gone;
+    dropped += static_cast<std::size_t>(got);
+  }
+  return ClientSocket::talksOn;
 }
 
 }  // namespace
@@ -76,7 +86,8 @@ struct CurlLine::Call {
   bool sentEarlier = false;
   Ended ended = Ended::no;
   bool watchesClient = true;
-  std::exception_ptr thrown{};  ///< by the receiver
+  std::size_t droppedBytes = 0;  ///< that the client sent behind its request
+  std::exception_ptr thrown{};   ///< by the receiver
 };
 
 void CurlLine::FreeEasy::operator()(void* easy) const {
@@ -139,6 +150,8 @@ void CurlLine::setUp() {
   curl_easy_setopt(easy, CURLOPT_SUPPRESS_CONNECT_HEADERS, 1L);
   curl_easy_setopt(easy, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
   curl_easy_setopt(easy, CURLOPT_NOSIGNAL, 1L);
+  // A call that ends while a name is looked up does not wait for the resolver.
+  curl_easy_setopt(easy, CURLOPT_QUICK_EXIT, 1L);
   curl_easy_setopt(easy, CURLOPT_CONNECTTIMEOUT_MS, kConnectMilliseconds);
   curl_easy_setopt(easy, CURLOPT_MAXAGE_CONN, kConnectionAgeSeconds);
   curl_easy_setopt(easy, CURLOPT_TCP_KEEPALIVE, 1L);
@@ -215,13 +228,27 @@ UpstreamResult CurlLine::run(const UpstreamRequest& request, UpstreamReceiver& r
 
 void CurlLine::drive(Call& call, const UpstreamWatch& watch) {
   // Once it is sent it is paid for.
-  if (call.watchesClient && look(watch.client) == ClientSocket::gone) call.ended = Ended::hungUp;
+  if (call.watchesClient) lookAtClient(call, watch.client);
   if (watch.stop.stop_requested()) call.ended = Ended::stopped;
   while (call.ended == Ended::no) {
     int running = 0;
     if (curl_multi_perform(multi_.get(), &running) != CURLM_OK || running == 0) return;
     if (call.headGiven) call.receiver.quiet();
     wait(call, watch);
+  }
+}
+
+void CurlLine::lookAtClient(Call& call, int client) {
+  switch (look(client, call.droppedBytes)) {
+    case ClientSocket::open:
+      break;
+    case ClientSocket::talksOn:
+      // It would wake every wait; from now on its end is seen by writing to it.
+      call.watchesClient = false;
+      break;
+    case ClientSocket::gone:
+      call.ended = Ended::hungUp;
+      break;
   }
 }
 
@@ -234,10 +261,7 @@ void CurlLine::wait(Call& call, const UpstreamWatch& watch) {
   if (watch.stop.stop_requested()) {
     call.ended = Ended::stopped;
   } else if (client.revents != 0) {
-    // A client that goes on talking would wake every wait; from then on its end is seen by writing to it.
-    const ClientSocket socket = look(watch.client);
-    if (socket == ClientSocket::gone) call.ended = Ended::hungUp;
-    if (socket == ClientSocket::talks) call.watchesClient = false;
+    lookAtClient(call, watch.client);
   }
 }
 

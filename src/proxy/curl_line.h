@@ -41,6 +41,7 @@ class CurlLine {
   bool prepare(const UpstreamRequest& request, Call& call);
   void drive(Call& call, const UpstreamWatch& watch);
   void wait(Call& call, const UpstreamWatch& watch);
+  void lookAtClient(Call& call, int client);
   UpstreamResult outcome(Call& call) const;
   bool anySent(const Call& call) const;
   long sentBytes() const;

@@ -63,7 +63,8 @@ class UpstreamReceiver {
 /// What ends a call from this side.
 struct UpstreamWatch {
   std::stop_token stop;
-  int client = -1;  ///< a socket whose other end may hang up; -1: none
+  /// A socket whose other end may hang up; what comes from there is read and dropped. -1: none.
+  int client = -1;
 };
 
 struct UpstreamResult {
