@@ -11,6 +11,9 @@ namespace {
 /// The event that tells usage is far smaller; a longer one is not held back.
 constexpr std::size_t kMostHeldBytes = 64 * 1024;
 constexpr std::string_view kEventStream = "text/event-stream";
+/// The data of the event behind the last of OpenAI's form, with the space and the line end around it.
+constexpr std::string_view kDone = "[DONE]";
+constexpr std::size_t kMostLead = kDone.size() + 2;
 
 bool isEventStream(std::string_view contentType) {
   return contentType.size() >= kEventStream.size() &&
@@ -100,13 +103,18 @@ struct AnswerMeter::State {
     const bool whole = scan.complete();
     const bool drop = whole && mayDrop && report.isUsageAlone();
     whole ? report.commit() : report.discard();
+    if (lead.find(kDone) <= 1) report.ended();
+    lead.clear();
     scan.restart();
     eventBytes = 0;
     mayDrop = terms->dropsUsageEvent;
     return drop;
   }
   EventLines::Taken takeEvent(std::string_view bytes) {
-    const auto taken = lines.take(bytes, [this](std::string_view data) { scan.feed(data); });
+    const auto taken = lines.take(bytes, [this](std::string_view data) {
+      lead.append(data.substr(0, kMostLead - lead.size()));
+      scan.feed(data);
+    });
     eventBytes += taken.bytes;
     mayDrop = mayDrop && !report.hasChoice() && eventBytes <= kMostHeldBytes;
     return taken;
@@ -123,6 +131,7 @@ struct AnswerMeter::State {
   bool events = false;
   bool mayDrop = false;  ///< the event that is being read may be the one to take out
   std::size_t eventBytes = 0;
+  std::string lead;  ///< how the event's data begins
   std::string held;  ///< the beginning of an event that may have to be taken out
   std::string out;
 };

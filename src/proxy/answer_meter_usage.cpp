@@ -47,6 +47,7 @@ constexpr std::array kChatPaths{
     AnswerPath{kRoot, "choices", Slot::choices, kChoices},
     AnswerPath{kChoices, "[]", Slot::choice, kChoice},
     AnswerPath{kChoice, "delta", Slot::text, kNoPlace},
+    AnswerPath{kChoice, "finish_reason", Slot::stopReason, kNoPlace},
     AnswerPath{kUsage, "prompt_tokens", Slot::prompt, kNoPlace},
     AnswerPath{kUsage, "completion_tokens", Slot::output, kNoPlace},
     AnswerPath{kUsage, "prompt_tokens_details", Slot::none, kPrompt},
@@ -61,6 +62,7 @@ constexpr std::array kChatPaths{
     AnswerPath{kCosts, "upstream_inference_cost", Slot::upstreamCost, kNoPlace},
 };
 constexpr std::array kResponsesPaths{
+    AnswerPath{kRoot, "type", Slot::type, kNoPlace},
     AnswerPath{kRoot, "response", Slot::none, kMessage},
     AnswerPath{kMessage, "usage", Slot::usage, kUsage},
     AnswerPath{kRoot, "usage", Slot::usage, kUsage},
@@ -77,8 +79,6 @@ constexpr std::array kResponsesPaths{
     AnswerPath{kWrites, "ttl_12h_tokens", Slot::write12h, kNoPlace},
 };
 
-/// What a service tier costs that the book has no factor for: what the dearest known tier does.
-constexpr std::int64_t kUnpricedTier = 2 * kFactorOne;
 /// Counts are taken for this when they are above it.
 constexpr std::int64_t kMostCount = 1'000'000'000'000;
 
@@ -113,6 +113,28 @@ void add(ProxyUsage& into, const ProxyUsage& more) {
                            &ProxyUsage::cacheWrite1hTokens, &ProxyUsage::outputTokens}) {
     into.*field += more.*field;
   }
+}
+
+std::int64_t promptOf(const ProxyUsage& usage) {
+  return usage.inputTokens + usage.cacheReadTokens + usage.cacheWrite5mTokens + usage.cacheWrite1hTokens +
+         usage.cacheWrite30mTokens + usage.cacheWrite12hTokens;
+}
+
+/// Rounded up.
+Micros microsOfNanos(std::int64_t nanos) {
+  constexpr std::int64_t kNanosPerMicro = 1'000;
+  return std::min(nanos / kNanosPerMicro + (nanos % kNanosPerMicro > 0 ? 1 : 0), kMostChargeMicros);
+}
+
+/// The events of a response behind which nothing is used.
+bool isTerminal(std::string_view event) {
+  return event == "response.completed" || event == "response.incomplete" || event == "response.failed" ||
+         event == "response.cancelled";
+}
+
+/// Tiers that cost no more than the book's own rates.
+bool isOrdinaryTier(std::string_view tier) {
+  return tier == "default" || tier == "standard" || tier == "scale" || tier == "flex" || tier == "batch";
 }
 
 template <typename T>
@@ -157,7 +179,7 @@ void AnswerReport::word(AnswerSlot slot, std::string_view token) {
   } else if (slot == Slot::region) {
     document_.region = token;
   } else if (slot == Slot::stopReason) {
-    document_.stopped = true;
+    ++document_.stops;
   }
 }
 
@@ -207,8 +229,14 @@ void AnswerReport::commit() {
   take(told_.speed, seen.speed);
   take(told_.region, seen.region);
   told_.hasUsage = told_.hasUsage || seen.hasUsage;
+  told_.stops += seen.stops;
   finished_ = finished_ || isFinal();
   discard();
+}
+
+void AnswerReport::ended() {
+  const bool counted = says(told_.counts, Slot::prompt) && says(told_.counts, Slot::output);
+  finished_ = finished_ || (terms_.operation == ProxyOperation::chatCompletions && told_.hasUsage && counted);
 }
 
 void AnswerReport::discard() {
@@ -221,12 +249,14 @@ bool AnswerReport::isFinal() const {
   switch (terms_.operation) {
     case ProxyOperation::messages: {
       const std::string_view type = document_.type ? std::string_view(*document_.type) : "";
-      const bool last = !inEvents_ || (type == "message_delta" && document_.stopped);
+      const bool last = !inEvents_ || (type == "message_delta" && document_.stops > 0);
       return output && (type == "message_stop" || (document_.hasUsage && last));
     }
     case ProxyOperation::chatCompletions:
+      // Some hosts tell what was used so far with every event.
+      return output && document_.hasUsage && (!inEvents_ || document_.emptyChoices || told_.stops >= terms_.choices);
     case ProxyOperation::responses:
-      return output && document_.hasUsage;
+      return output && document_.hasUsage && (!inEvents_ || isTerminal(document_.type.value_or("")));
     case ProxyOperation::embeddings:
       return document_.hasUsage;
   }
@@ -259,6 +289,8 @@ ProxyUsage AnswerReport::usageOf(const AnswerCounts& counts) const {
 }
 
 PriceScale AnswerReport::scale() const {
+  // The book has the usual host's price, and another may have answered.
+  if (terms_.provider == ProxyProvider::openrouter) return terms_.scale;
   const PriceRates& rates = *terms_.rates;
   PriceScale scale = terms_.unsaid;
   if (told_.region) {
@@ -269,8 +301,8 @@ PriceScale AnswerReport::scale() const {
     if (word == "auto") return terms_.scale.tier;
     const std::int64_t* const factor = factorOf(rates.factors, word);
     if (factor != nullptr) return *factor;
-    // At Anthropic a tier is capacity that was paid for before; elsewhere "priority" costs more than the book knows.
-    return word == "priority" && terms_.provider != ProxyProvider::anthropic ? kUnpricedTier : kFactorOne;
+    // At Anthropic a tier is capacity that was paid for before; elsewhere it may cost more than the book knows.
+    return isOrdinaryTier(word) || terms_.provider == ProxyProvider::anthropic ? kFactorOne : kUnpricedTier;
   };
   if (told_.serviceTier) scale.tier = tierOf(*told_.serviceTier);
   if (told_.speed) scale.tier = tierOf(*told_.speed);
@@ -280,10 +312,9 @@ PriceScale AnswerReport::scale() const {
 std::optional<Micros> AnswerReport::reportedCost() const {
   if (terms_.provider != ProxyProvider::openrouter || !told_.costNanos) return std::nullopt;
   // With the owner's own key at the host, the cost is OpenRouter's fee and the host bills the rest.
-  const std::int64_t upstream = told_.byok.value_or(false) ? told_.upstreamNanos.value_or(0) : 0;
-  constexpr std::int64_t kNanosPerMicro = 1'000;
-  const std::int64_t nanos = addSaturating(*told_.costNanos, upstream);
-  return std::min(nanos / kNanosPerMicro + (nanos % kNanosPerMicro > 0 ? 1 : 0), kMostChargeMicros);
+  const bool hostBills = told_.byok.value_or(false);
+  if (hostBills && !told_.upstreamNanos) return std::nullopt;
+  return microsOfNanos(addSaturating(*told_.costNanos, hostBills ? *told_.upstreamNanos : 0));
 }
 
 CallCharge AnswerReport::finalCharge() const {
@@ -296,7 +327,12 @@ CallCharge AnswerReport::finalCharge() const {
     charge.chargedMicros = addSaturating(charge.chargedMicros, priceOf(*terms_.rates, compaction, scale()));
     add(charge.usage, compaction);
   }
-  if (charge.usage.reportedMicros) charge.chargedMicros = *charge.usage.reportedMicros;
+  if (charge.usage.reportedMicros) {
+    charge.chargedMicros = *charge.usage.reportedMicros;
+  } else if (told_.costNanos) {
+    // A fee beside a bill that was not told, for which the book stands.
+    charge.chargedMicros = addSaturating(charge.chargedMicros, microsOfNanos(*told_.costNanos));
+  }
   charge.chargedMicros = std::min(charge.chargedMicros, kMostChargeMicros);
   charge.discrepancy = charge.chargedMicros > terms_.worstMicros;
   return charge;
@@ -306,7 +342,7 @@ CallCharge AnswerReport::estimate() const {
   CallCharge charge;
   charge.estimated = true;
   charge.usage = usageOf(told_.counts);
-  const bool promptSeen = says(told_.counts, Slot::prompt);
+  const bool promptSeen = says(told_.counts, Slot::prompt) && promptOf(charge.usage) > 0;
   const bool nothingSeen = !promptSeen && textBytes_ == 0;
   // An answer that is no stream tells nothing of itself before its end.
   if (nothingSeen || !inEvents_ || terms_.mayCompact) {
@@ -330,7 +366,15 @@ CallCharge AnswerReport::estimate() const {
 }
 
 CallCharge AnswerReport::charge(int status, CallEnd end) const {
-  if (finished_) return finalCharge();
+  if (finished_) {
+    CallCharge charge = finalCharge();
+    // Every prompt has tokens, so a report of none tells nothing.
+    if (status < 400 && promptOf(charge.usage) == 0 && charge.chargedMicros < terms_.worstMicros) {
+      charge.chargedMicros = terms_.worstMicros;
+      charge.estimated = true;
+    }
+    return charge;
+  }
   if (status >= 400 && !told_.hasUsage) return {};
   // Without its last report, an answer that came whole is known no better than one that was cut.
   static_cast<void>(end);

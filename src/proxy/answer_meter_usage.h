@@ -28,6 +28,8 @@ class AnswerReport final : public AnswerSink {
   void expectEvents() { inEvents_ = true; }
   /// A document was read whole.
   void commit();
+  /// The stream's own mark of its end was read.
+  void ended();
   /// What it held does not count.
   void discard();
   /// The document holds usage and an empty list of choices, and nothing else of an answer.
@@ -50,7 +52,8 @@ class AnswerReport final : public AnswerSink {
     std::optional<std::int64_t> costNanos, upstreamNanos;
     std::optional<bool> byok;
     std::optional<std::string> type, serviceTier, speed, region;
-    bool stopped = false, hasUsage = false, inUsage = false, hasChoice = false, emptyChoices = false, hasError = false;
+    std::int64_t stops = 0;  ///< reasons why the model stopped, one for each choice
+    bool hasUsage = false, inUsage = false, hasChoice = false, emptyChoices = false, hasError = false;
   };
   void word(AnswerSlot slot, std::string_view token);
   void count(AnswerSlot slot, std::string_view token);

@@ -26,7 +26,8 @@ struct BodyFacts {
 
   // Input beyond the body's own text.
   bool outside = false;        ///< something that is not in the body: an earlier answer, a file, an address
-  std::int64_t images = 0;     ///< that are in the body
+  std::int64_t images = 0;     ///< in the body or by address
+  bool file = false;           ///< a file among the parts of a message
   std::size_t imageBytes = 0;  ///< of their data, which is no text
   bool cacheControl = false, timeToLive = false;
 
@@ -36,7 +37,7 @@ struct BodyFacts {
 
   std::optional<std::string> serviceTier, speed, region;
   enum class Thinking { unsaid, off, on };
-  Thinking thinking = Thinking::unsaid;
+  Thinking thinking = Thinking::unsaid;  ///< on where one field says on and another off
 
   // Where a request for usage goes.
   std::size_t firstMember = 0;            ///< behind the outermost brace
@@ -54,6 +55,7 @@ struct BodyFacts {
   void unsupport(std::string what) {
     if (!unsupported) unsupported = std::move(what);
   }
+  void think(bool on) { thinking = on || thinking == Thinking::on ? Thinking::on : Thinking::off; }
   void misshape(std::string_view field) {
     if (!malformed) malformed = std::string(field);
   }

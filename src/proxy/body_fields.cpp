@@ -4,7 +4,6 @@
 #include <span>
 #include <utility>
 
-#include "base/unicode.h"
 #include "proxy/body_facts.h"
 
 namespace sorvane::proxy {
@@ -108,22 +107,27 @@ void modalities(BodyReader& reader, BodyFacts& facts, std::string_view field) {
 
 void thinking(BodyReader& reader, BodyFacts& facts, std::string_view) {
   if (takeNull(reader)) return;
-  facts.thinking = BodyFacts::Thinking::on;
+  bool on = true;
   reader.object([&](std::string_view key) {
     if (key != "type") return reader.skip();
-    if (reader.string().value_or("") == "disabled") facts.thinking = BodyFacts::Thinking::off;
+    on = reader.string().value_or("") != "disabled";
   });
+  facts.think(on);
 }
 
 void effort(BodyReader& reader, BodyFacts& facts, std::string_view) {
   if (takeNull(reader)) return;
-  facts.thinking = reader.string().value_or("") == "none" ? BodyFacts::Thinking::off : BodyFacts::Thinking::on;
+  facts.think(reader.string().value_or("") != "none");
 }
 
-void reasoning(BodyReader& reader, BodyFacts& facts, std::string_view field) {
+void reasoning(BodyReader& reader, BodyFacts& facts, std::string_view) {
   if (takeNull(reader)) return;
-  facts.thinking = BodyFacts::Thinking::on;
-  reader.object([&](std::string_view key) { key == "effort" ? effort(reader, facts, field) : reader.skip(); });
+  bool on = true;
+  reader.object([&](std::string_view key) {
+    if (key != "effort") return reader.skip();
+    on = reader.string().value_or("") != "none";
+  });
+  facts.think(on);
 }
 
 /// Compaction is told by the type of an edit, which begins with "compact" in every version.
@@ -168,9 +172,30 @@ void retention(BodyReader& reader, BodyFacts& facts, std::string_view) {
   facts.timeToLive = reader.string().value_or("") != "in_memory" || facts.timeToLive;
 }
 
+/// Without the cost that the answer tells, a call is only known by the book.
 void usageField(BodyReader& reader, BodyFacts& facts, std::string_view) {
   facts.hasUsageField = true;
-  reader.skip();
+  bool included = false;
+  reader.object([&](std::string_view key) {
+    if (key != "include") return reader.skip();
+    included = reader.boolean().value_or(false);
+  });
+  if (!included) facts.unsupport("the field `usage` without `include` set to true");
+}
+
+/// Passes only what chooses among hosts without a word about their prices.
+void routing(BodyReader& reader, BodyFacts& facts, std::string_view field) {
+  if (takeNull(reader)) return;
+  constexpr std::array<std::string_view, 3> kHarmless{"data_collection", "require_parameters", "zdr"};
+  if (reader.kind() != Kind::object) facts.misshape(field);
+  reader.object([&](std::string_view key) {
+    if (takeNull(reader)) return;
+    const auto value = reader.boolean();
+    const bool harmless = key == "allow_fallbacks"
+                              ? value == false
+                              : std::find(kHarmless.begin(), kHarmless.end(), key) != kHarmless.end();
+    if (!harmless) facts.unsupport("the field `provider." + shownWord(key) + "`");
+  });
 }
 
 /// Tools that the client itself runs; every other runs at the provider's, at a price of its own.
@@ -286,7 +311,7 @@ constexpr std::array kChatFields{
 constexpr std::array kOpenRouterFields{
     Field{"models", refusedIfAny},  Field{"plugins", refusedIfAny}, Field{"preset", refused},
     Field{"usage", usageField},     Field{"reasoning", reasoning},  Field{"include_reasoning", plain},
-    Field{"image_config", refused}, Field{"route", refused},        Field{"provider", plain},
+    Field{"image_config", refused}, Field{"route", refused},        Field{"provider", routing},
     Field{"transforms", plain},     Field{"session_id", plain},     Field{"top_k", plain},
     Field{"min_p", plain},          Field{"top_a", plain},          Field{"repetition_penalty", plain},
     Field{"cache_control", plain},
@@ -348,12 +373,6 @@ Take takeOf(std::span<const Field> fields, std::string_view name) {
 
 }  // namespace
 
-std::string shownWord(std::string_view word) {
-  constexpr std::size_t kMostShown = 64;
-  const std::string_view shown = base::prefixOfWholeCharacters(word, kMostShown);
-  return base::escapedForDisplay(shown) + (shown.size() < word.size() ? "…" : "");
-}
-
 BodyFacts factsOf(const ProxyRoute& route, BodyReader& reader) {
   BodyFacts facts;
   const std::span<const Field> fields = fieldsOf(route.operation);
@@ -366,6 +385,11 @@ BodyFacts factsOf(const ProxyRoute& route, BodyReader& reader) {
     if (!facts.unknownField) facts.unknownField = std::string(name);
     reader.skip();
   });
+  if (route.provider == ProxyProvider::openrouter) {
+    // Which host answers is not known here, nor what it makes of a word that turns thinking off or of a file.
+    if (facts.thinking == BodyFacts::Thinking::off) facts.think(true);
+    if (facts.file) facts.unsupport("content of the type \"file\"");
+  }
   facts.cacheControl = reader.metCacheControl();
   facts.timeToLive = facts.timeToLive || reader.metTimeToLive();
   return facts;

@@ -11,8 +11,9 @@ namespace {
 /// How a block of content counts.
 enum class Counts {
   text,      ///< its bytes
-  image,     ///< in the body: the bound of an image; else as outside
+  image,     ///< the bound of an image; by address as outside too
   document,  ///< in the body as text: its bytes; else as outside, since pages are read as images too
+  file,      ///< as outside
   outside,
   refused
 };
@@ -39,9 +40,8 @@ constexpr std::array kAnthropicBlocks{
     BlockKind{"container_upload", Counts::refused},
 };
 constexpr std::array kOpenAiBlocks{
-    BlockKind{"text", Counts::text},           BlockKind{"refusal", Counts::text},
-    BlockKind{"image_url", Counts::image},     BlockKind{"file", Counts::outside},
-    BlockKind{"input_audio", Counts::refused},
+    BlockKind{"text", Counts::text}, BlockKind{"refusal", Counts::text},        BlockKind{"image_url", Counts::image},
+    BlockKind{"file", Counts::file}, BlockKind{"input_audio", Counts::refused},
 };
 constexpr std::array kResponsesBlocks{
     BlockKind{"message", Counts::text},          BlockKind{"input_text", Counts::text},
@@ -79,15 +79,19 @@ void count(Counts counts, const Block& block, BodyFacts& facts) {
     case Counts::text:
       return;
     case Counts::image:
-      if (!block.inBody) {
-        facts.outside = true;
-        return;
-      }
       ++facts.images;
-      facts.imageBytes += block.dataBytes;
+      if (block.inBody) {
+        facts.imageBytes += block.dataBytes;
+      } else {
+        facts.outside = true;
+      }
       return;
     case Counts::document:
       facts.outside = facts.outside || !block.isText;
+      return;
+    case Counts::file:
+      facts.file = true;
+      facts.outside = true;
       return;
     case Counts::outside:
       facts.outside = true;
@@ -148,7 +152,7 @@ template <std::size_t N>
 void readOpenAiBlock(const std::array<BlockKind, N>& kinds, void (*read)(BodyReader&, BodyFacts&), BodyReader& reader,
                      BodyFacts& facts) {
   Block block;
-  bool fileId = false;
+  bool fileId = false, id = false, encrypted = false;
   reader.object([&](std::string_view key) {
     if (key == "type") {
       block.type = reader.string();
@@ -167,11 +171,19 @@ void readOpenAiBlock(const std::array<BlockKind, N>& kinds, void (*read)(BodyRea
     } else if (key == "file_id") {
       fileId = fileId || reader.kind() != BodyReader::Kind::null;
       reader.skip();
+    } else if (key == "id") {
+      id = reader.kind() != BodyReader::Kind::null;
+      reader.skip();
+    } else if (key == "encrypted_content") {
+      encrypted = reader.kind() != BodyReader::Kind::null;
+      reader.skip();
     } else {
       reader.skip();
     }
   });
-  if (fileId) facts.outside = true;
+  // Reasoning that is only named is looked up by the provider.
+  const bool looksUp = block.type == "reasoning" && id && !encrypted;
+  if (fileId || looksUp) facts.outside = true;
   if (block.hasRole && !block.type) return;
   count(block.type ? countsOf(kinds, *block.type) : Counts::outside, block, facts);
 }

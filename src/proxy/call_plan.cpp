@@ -45,10 +45,14 @@ std::optional<std::int64_t> worstFactor(const PriceFactors& factors, std::string
   return std::max(*factor, kFactorOne);
 }
 
-/// The service tier at worst. Where the body leaves it open, the owner's settings at OpenAI choose.
-std::optional<std::int64_t> tierFactor(ProxyProvider provider, const PriceRates& rates, const BodyFacts& facts) {
+/// The service tier at worst. Where the body leaves it open, the owner's settings at OpenAI choose, and may choose one
+/// that the book has no factor for. Embeddings have no tiers.
+std::optional<std::int64_t> tierFactor(const ProxyRoute& route, const PriceRates& rates, const BodyFacts& facts) {
   const std::string_view tier = facts.serviceTier ? std::string_view(*facts.serviceTier) : "auto";
-  if (tier == "auto") return provider == ProxyProvider::openai ? dearestOf(rates.factors) : kFactorOne;
+  if (tier == "auto") {
+    const bool open = route.provider == ProxyProvider::openai && route.operation != ProxyOperation::embeddings;
+    return open ? std::max(dearestOf(rates.factors), kUnpricedTier) : kFactorOne;
+  }
   if (tier == "default" || tier == "standard" || tier == "standard_only" || tier == "scale") return kFactorOne;
   return worstFactor(rates.factors, tier);
 }
@@ -65,15 +69,16 @@ std::optional<std::int64_t> regionFactor(const PriceRates& rates, const BodyFact
 }
 
 /// The scale at worst, or what has no price.
-std::variant<PriceScale, std::string> scaleOf(ProxyProvider provider, const PriceRates& rates, const BodyFacts& facts) {
-  const auto tier = tierFactor(provider, rates, facts);
+std::variant<PriceScale, std::string> scaleOf(const ProxyRoute& route, const PriceRates& rates,
+                                              const BodyFacts& facts) {
+  const auto tier = tierFactor(route, rates, facts);
   if (!tier) return "the service tier \"" + shownWord(*facts.serviceTier) + "\" of this model";
   const auto speed = speedFactor(rates, facts);
   if (!speed) return "the speed \"" + shownWord(*facts.speed) + "\" of this model";
   const auto region = regionFactor(rates, facts);
   if (!region) return "the region \"" + shownWord(*facts.region) + "\" of this model";
-  const std::int64_t spread = provider == ProxyProvider::openrouter ? kRouteSpread : kFactorOne;
-  return PriceScale{std::max(*tier, *speed), *region * spread / kFactorOne};
+  const std::int64_t spread = route.provider == ProxyProvider::openrouter ? kRouteSpread : kFactorOne;
+  return PriceScale{std::max(*tier, *speed), *region * spread / kFactorOne, spread};
 }
 
 /// What the body itself asked for.
@@ -83,7 +88,7 @@ PriceScale unsaidScale(const PriceRates& rates, const BodyFacts& facts) {
     return factor == nullptr ? kFactorOne : std::max(*factor, kFactorOne);
   };
   return {std::max(asked(rates.factors, facts.serviceTier), asked(rates.factors, facts.speed)),
-          asked(rates.regions, facts.region)};
+          asked(rates.regions, facts.region), kFactorOne};
 }
 
 TokenBounds boundsOf(const ProxyRoute& route, const PriceRates& rates, const BodyFacts& facts, std::size_t bodyBytes) {
@@ -166,7 +171,7 @@ std::variant<CallPlan, ProxyRefusal> planCall(const ProxyRoute& route, std::stri
   const PriceEntry* const entry = prices.find(route.provider, *facts.model, rules.at);
   if (entry == nullptr) return refusal::modelNotPriced(*facts.model);
   if (auto problem = unpricedPart(route, facts, rules.refuseUnknownFields)) return std::move(*problem);
-  auto scale = scaleOf(route.provider, *entry->rates, facts);
+  auto scale = scaleOf(route, *entry->rates, facts);
   if (const auto* const unpriced = std::get_if<std::string>(&scale)) return refusal::operationNotSupported(*unpriced);
 
   auto terms = std::make_shared<CallPlan::Terms>();
@@ -179,7 +184,9 @@ std::variant<CallPlan, ProxyRefusal> planCall(const ProxyRoute& route, std::stri
   terms->bounds = boundsOf(route, *entry->rates, facts, body.size());
   terms->worstMicros = worstOf(*entry->rates, terms->bounds, terms->scale);
   if (terms->worstMicros > kMostChargeMicros) return refusal::requestExceedsLimit();
-  terms->mayThinkUnseen = mayThinkUnseen(*entry->rates, facts);
+  // What was predicted and not taken is output too, and no byte of the answer shows it.
+  terms->mayThinkUnseen = facts.prediction || mayThinkUnseen(*entry->rates, facts);
+  terms->choices = facts.choices;
   terms->longWrites = facts.timeToLive;
 
   CallPlan plan;

@@ -3,7 +3,18 @@
 #include <string>
 #include <utility>
 
+#include "base/unicode.h"
 #include "proxy/body_facts.h"
+
+namespace sorvane::proxy {
+
+std::string shownWord(std::string_view word) {
+  constexpr std::size_t kMostShown = 64;
+  const std::string_view shown = base::prefixOfWholeCharacters(word, kMostShown);
+  return base::escapedForDisplay(shown) + (shown.size() < word.size() ? "…" : "");
+}
+
+}  // namespace sorvane::proxy
 
 namespace sorvane::proxy::refusal {
 namespace {
@@ -81,6 +92,17 @@ ProxyRefusal requestExceedsLimit() {
       "This request could cost more than any single call may. Nothing was sent. Lower its limit of output tokens or "
       "its number of choices.",
       {}};
+}
+
+ProxyRefusal requestExceedsBudget(Micros worst, Micros budget) {
+  return {402,
+          Kind::spendLimit,
+          "request_exceeds_limit",
+          "This request could cost up to " + dollarsOf(centsOf(worst)) +
+              ", which is more than the whole budget of this sorvane key (" + dollarsOf(budget / kMicrosPerCent) +
+              "). Nothing was sent. Set a smaller limit of output tokens or shorten the request, or ask the user for a "
+              "higher budget in sorvane.",
+          {}};
 }
 
 }  // namespace sorvane::proxy::refusal

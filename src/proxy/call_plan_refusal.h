@@ -4,6 +4,7 @@
 #include <string_view>
 
 #include "proxy/body_reader.h"
+#include "proxy/money.h"
 #include "proxy/refusal.h"
 
 /// What planCall refuses with, each a whole sentence that says that nothing was sent and what to do.
@@ -19,5 +20,7 @@ ProxyRefusal modelNotPriced(std::string_view model);
 ProxyRefusal operationNotSupported(std::string_view what);
 ProxyRefusal maxTokensRequired(std::string_view field);
 ProxyRefusal requestExceedsLimit();
+/// Also "request_exceeds_limit": alone, the request could cost more than the whole budget.
+ProxyRefusal requestExceedsBudget(Micros worst, Micros budget);
 
 }  // namespace sorvane::proxy::refusal

@@ -8,6 +8,9 @@
 
 namespace sorvane::proxy {
 
+/// What a service tier costs that the book has no factor for: what the dearest known tier does.
+inline constexpr std::int64_t kUnpricedTier = 2 * kFactorOne;
+
 /// What an answer is priced by.
 struct CallPlan::Terms {
   ProxyProvider provider = ProxyProvider::anthropic;
@@ -17,6 +20,7 @@ struct CallPlan::Terms {
   PriceScale scale;    ///< the dearest that may apply
   PriceScale unsaid;   ///< holds where an answer does not say what it was served with
   Micros worstMicros = 0;
+  std::int64_t choices = 1;      ///< answers to one call, each with an end of its own
   bool mayThinkUnseen = false;   ///< output tokens may be spent that no byte of the answer shows
   bool mayCompact = false;       ///< the provider may first sum the conversation up, at a cost of its own
   bool longWrites = false;       ///< the body names a time to live, so unsplit cache writes cost the dearer rate

@@ -6,6 +6,7 @@
 
 #include "base/diagnostics.h"
 #include "proxy/call_plan.h"
+#include "proxy/call_plan_refusal.h"
 #include "proxy/echo_mask.h"
 #include "proxy/upstream_answer.h"
 #include "proxy/upstream_failure.h"
@@ -81,7 +82,8 @@ class LocalProxyForwarder::Call {
   const base::Date at_;
   const base::Instant begun_;
   AnswerMeter meter_;
-  bool open_ = true;  ///< neither settled nor released
+  bool open_ = true;       ///< neither settled nor released
+  bool recorded_ = false;  ///< or handed to the log, which may have failed
   CallCharge charge_;
 };
 
@@ -97,12 +99,15 @@ LocalProxyForwarder::Call::Call(const Parts& parts, const ProxyForwardRequest& r
       meter_(plan_) {}
 
 LocalProxyForwarder::Call::~Call() {
-  if (!open_) return;
-  // Only where the call ended in an exception: the worst that it may have cost is held against it.
-  parts_.meter.settle(request_.grant->lookupId, reservation_, plan_.worstMicros);
+  if (!open_ && recorded_) return;
+  // Only where the call ended in an exception: what is open is settled at the worst that it may have cost.
   try {
-    charge_.chargedMicros = plan_.worstMicros;
-    record(CallOutcome::failed, 0);
+    if (open_) {
+      charge_ = {};
+      charge_.chargedMicros = plan_.worstMicros;
+      parts_.meter.settle(request_.grant->lookupId, reservation_, plan_.worstMicros);
+    }
+    if (!recorded_) record(CallOutcome::failed, 0);
   } catch (const std::exception&) {
     base::diagnose("proxy", "A call could not be recorded: memory is short.");
   }
@@ -110,19 +115,19 @@ LocalProxyForwarder::Call::~Call() {
 
 void LocalProxyForwarder::Call::settle(CallEnd end) {
   if (!open_) return;
-  open_ = false;
   charge_ = meter_.charge(end);
   const std::string& grant = request_.grant->lookupId;
   // First, so that no call is admitted in between.
   if (charge_.discrepancy) parts_.meter.exhaust(grant);
   parts_.meter.settle(grant, reservation_, charge_.chargedMicros);
+  open_ = false;
   slot_.giveBack();
 }
 
 void LocalProxyForwarder::Call::release() {
   if (!open_) return;
-  open_ = false;
   parts_.meter.release(request_.grant->lookupId, reservation_);
+  open_ = false;
   slot_.giveBack();
 }
 
@@ -187,6 +192,7 @@ void LocalProxyForwarder::Call::record(CallOutcome outcome, int status) {
   record.priceSource = plan_.priceSource;
   record.priceVersion = plan_.priceVersion;
   record.discrepancy = charge_.discrepancy;
+  recorded_ = true;
   parts_.log.record(record);
 }
 
@@ -214,6 +220,10 @@ void LocalProxyForwarder::admit(ProxyForwardRequest& request) {
       {.models = grant.limits.models, .refuseUnknownFields = parts_.refuseUnknownFields(), .at = parts_.clock.now()});
   if (const auto* const refused = std::get_if<ProxyRefusal>(&planned)) return request.client.refuse(*refused);
   CallPlan& plan = std::get<CallPlan>(planned);
+  // No wait and no other call's end would let it in.
+  if (plan.worstMicros > grant.limits.budgetMicros) {
+    return request.client.refuse(refusal::requestExceedsBudget(plan.worstMicros, grant.limits.budgetMicros));
+  }
   const ProxyReservation reservation = parts_.meter.reserve(grant.lookupId, plan.worstMicros);
   if (const auto refused = refusalOf(reservation)) return request.client.refuse(*refused);
   Call(parts_, request, std::move(plan), std::get<Admitted>(reservation).id, slot).run(credential->second);

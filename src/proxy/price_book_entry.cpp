@@ -21,9 +21,9 @@ Wide tokensTimes(std::int64_t tokens, Rate rate) {
   return static_cast<Wide>(std::clamp<std::int64_t>(tokens, 0, kMostTokens)) * rate;
 }
 
-/// Rounded up; `fees` are not scaled.
+/// Rounded up; `fees` are scaled by neither tier nor region.
 Wide microsOf(Wide units, Wide fees, const PriceScale& scale) {
-  const Wide total = units * scale.tier * scale.region + fees * kUnitsPerNano * kScaleOne;
+  const Wide total = units * scale.tier * scale.region + fees * kUnitsPerNano * scale.fees * kFactorOne;
   const Wide one = kUnitsPerMicro * kScaleOne;
   return (total + one - 1) / one;
 }

@@ -69,6 +69,7 @@ struct PriceEntry {
 /// The factors that a call is priced with, as thousandths.
 struct PriceScale {
   std::int64_t tier = kFactorOne, region = kFactorOne;
+  std::int64_t fees = kFactorOne;  ///< of what is not counted in tokens
 };
 /// What reported use costs, rounded up to a micro and at most kMostChargeMicros. Counts must not be negative.
 Micros priceOf(const PriceRates& rates, const ProxyUsage& usage, const PriceScale& scale);

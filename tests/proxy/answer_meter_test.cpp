@@ -138,9 +138,11 @@ std::vector<Answer> answers() {
   ProxyUsage told = tokens(10, 0, 5);
   told.reportedMicros = 15;
   const CallPlan routed = planOf(kRouter, R"({"model":"x-ai/grok-4.3","max_tokens":1000,"stream":true})");
+  const CallPlan many =
+      planOf(kRouter, R"({"model":"x-ai/grok-4.3","max_tokens":1000,"user":")" + std::string(10'000, 'x') + "\"}");
   add("a cost that is told is charged, rounded up", routed,
       ": PROCESSING\n\n" +
-          data(R"({"choices":[{"delta":{"content":"Hi"}}],"usage":{"prompt_tokens":10,)"
+          data(R"({"choices":[{"delta":{"content":"Hi"},"finish_reason":"stop"}],"usage":{"prompt_tokens":10,)"
                R"("completion_tokens":5,"cost":1.41e-05,"cost_details":{"upstream_inference_cost":9}}})"),
       kEvents, charge(15, told));
   told.reportedMicros = 19'950'000;
@@ -148,6 +150,37 @@ std::vector<Answer> answers() {
       R"({"choices":[{}],"usage":{"prompt_tokens":10,"completion_tokens":5,"cost":0.95,"is_byok":true,)"
       R"("cost_details":{"upstream_inference_cost":19}}})",
       kJson, charge(19'950'000, told, false, /*discrepancy=*/true));
+  // twice (10,000 x 1.25 + 500 x 2.5) where no cost is told; the fee of 0.00095 beside it where the host's bill is not
+  add("a cost that is not told is the dearest host's", many,
+      R"({"choices":[{}],"usage":{"prompt_tokens":10000,"completion_tokens":500}})", kJson,
+      charge(27'500, tokens(10'000, 0, 500)));
+  add("a bill that is not told is the dearest host's", many,
+      R"({"choices":[{}],"usage":{"prompt_tokens":10000,"completion_tokens":500,"cost":0.00095,"is_byok":true,)"
+      R"("cost_details":{"upstream_inference_cost":null}}})",
+      kJson, charge(28'450, tokens(10'000, 0, 500)));
+  // twice (1,000 x 2 + 100 x 8), within what an open tier reserves
+  add("a tier that the book does not know is the dearest", chat("gpt-4.1"),
+      R"({"service_tier":"fast","usage":{"prompt_tokens":1000,"completion_tokens":100},"choices":[{}]})", kJson,
+      charge(5'600, tokens(1'000, 0, 100)));
+  const std::string so = R"("usage":{"prompt_tokens":1000,"completion_tokens":1}})";
+  add("a usage before the end is what was used so far", chat("gpt-4.1"),
+      data(R"({"choices":[{"delta":{}}],)" + so) +
+          data(R"({"choices":[{"delta":{}}],"usage":{"prompt_tokens":1000,"completion_tokens":100}})") + data("[DONE]"),
+      kEvents, charge(2'800, tokens(1'000, 0, 100)));
+  add("without an end it is an estimate", chat("gpt-4.1"), data(R"({"choices":[{"delta":{}}],)" + so), kEvents,
+      charge(2'008, tokens(1'000, 0, 1), /*estimated=*/true));
+  // the other answer of two is still being written
+  add("one end of two is none", chat("gpt-4.1", R"(,"n":2)"),
+      data(R"({"choices":[{"delta":{},"finish_reason":"stop"}],)" + so), kEvents,
+      charge(2'008, tokens(1'000, 0, 1), /*estimated=*/true));
+  const CallPlan thinks = planOf(kResponses, R"({"model":"gpt-5","max_output_tokens":1000,"stream":true})");
+  // 100 x 1.25 + 1,000 x 10
+  add("a response's usage counts with its last event", thinks,
+      data(R"({"type":"response.in_progress","response":{"usage":{"input_tokens":100,"output_tokens":1}}})"), kEvents,
+      charge(10'125, tokens(100, 0, 1), /*estimated=*/true));
+  add("a prompt of no tokens is no report", chat("gpt-4.1"),
+      R"({"choices":[{}],"usage":{"prompt_tokens":0,"completion_tokens":0}})", kJson,
+      charge(chat("gpt-4.1").worstMicros, {}, /*estimated=*/true));
   // 2,000 x 10 is more than the 1,000 that were asked for
   add("more than was reserved is a discrepancy", planOf(kMessages, R"({"model":"claude-sonnet-5","max_tokens":1})"),
       R"({"type":"message","usage":{"input_tokens":1,"output_tokens":2000}})", kJson,
@@ -216,7 +249,7 @@ TEST(AnswerMeter, aBrokenAnswerIsChargedByWhatWasSeen) {
   const CallPlan plain = planOf(kMessages, R"({"model":"claude-sonnet-4-6","max_tokens":1000})");
   const CallPlan thinking =
       planOf(kMessages, R"({"model":"claude-sonnet-4-6","max_tokens":1000,"thinking":{"type":"enabled"}})");
-  const CallPlan open = chat("gpt-4.1");
+  const CallPlan open = chat("gpt-4.1"), predicted = chat("gpt-4.1", R"(,"prediction":{"content":"abc"})");
   const std::string said = data(R"({"choices":[{"delta":{"content":"Hello, world"}}]})");
   const struct {
     const char* name;
@@ -235,8 +268,9 @@ TEST(AnswerMeter, aBrokenAnswerIsChargedByWhatWasSeen) {
       {"thinking is not seen", thinking, kStart + kHello, 17'175},
       {"an event that was cut does not count", plain, kStart.substr(0, kStart.size() - 4), plain.worstMicros},
       {"nothing was seen", plain, "", plain.worstMicros},
-      // input as reserved: (51 + 4,096) x 2, and 12 bytes x 8
-      {"without a report the input is what was reserved", open, said, (51 + 4'096) * 2 + 12 * 8},
+      // input as reserved: (51 + 4,096) x 2, and 12 bytes x 8; twice, for the open tier
+      {"without a report the input is what was reserved", open, said, 2 * ((51 + 4'096) * 2 + 12 * 8)},
+      {"a prediction that is not taken is not seen", predicted, said, predicted.worstMicros},
   };
   for (const auto& row : cases) {
     const CallCharge result = metered(row.plan, row.body, 11, kEvents, 200, CallEnd::broken).charge;

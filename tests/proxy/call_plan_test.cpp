@@ -67,21 +67,30 @@ TEST(CallPlan, theWorstCaseIsThatOfTheDearestRateThatMayApply) {
        R"({"model":"claude-sonnet-5","max_tokens":1000,"inference_geo":"global",
            "context_management":{"edits":[{"type":"compact_20260112"}]},"messages":"PAD"})",
        2'590'384},
-      // 5,096 x 2 + 3 x 1,000 x 8; the larger of two limits holds
-      {kChat, R"({"model":"gpt-4.1","max_tokens":1000,"max_completion_tokens":10,"n":3,"messages":"PAD"})", 34'192},
+      // twice (5,096 x 2 + 3 x 1,000 x 8): an open tier may be one that the book does not know; the larger of two
+      // limits holds
+      {kChat, R"({"model":"gpt-4.1","max_tokens":1000,"max_completion_tokens":10,"n":3,"messages":"PAD"})", 68'384},
+      {kChat, R"({"model":"gpt-4.1","max_tokens":1000,"service_tier":"auto","messages":"PAD"})", 36'384},
+      {kChat, R"({"model":"gpt-4.1","max_tokens":1000,"service_tier":"default","messages":"PAD"})", 18'192},
       // (5,096 x 2.5 + 1,000 x 5) x 2: the owner's settings may choose the fast tier
       {kChat, R"({"model":"gpt-6.1-terra","max_completion_tokens":1000,"messages":"PAD"})", 35'480},
       {kChat, R"({"model":"gpt-6.1-terra","max_completion_tokens":1000,"service_tier":"default","messages":"PAD"})",
        17'740},
       // flex is half the price, if it is what the call gets: 5,096 x 1.25 + 1,000 x 10
       {kResponses, R"({"model":"gpt-5","max_output_tokens":1000,"service_tier":"flex","input":"PAD"})", 16'370},
-      // 2,000,000 x 1.25 + 1,000 x 10
-      {kResponses, R"({"model":"gpt-5","max_output_tokens":1000,"previous_response_id":"r","input":"PAD"})", 2'510'000},
-      {kResponses, R"({"model":"gpt-5","max_output_tokens":1000,"input":[{"id":"PAD"}]})", 2'510'000},
+      // twice (2,000,000 x 1.25 + 1,000 x 10)
+      {kResponses, R"({"model":"gpt-5","max_output_tokens":1000,"previous_response_id":"r","input":"PAD"})", 5'020'000},
+      {kResponses, R"({"model":"gpt-5","max_output_tokens":1000,"input":[{"id":"PAD"}]})", 5'020'000},
+      {kResponses, R"({"model":"gpt-5","max_output_tokens":1000,"input":[{"type":"reasoning","id":"PAD"}]})",
+       5'020'000},
+      // in the body: twice (5,096 x 1.25 + 1,000 x 10)
+      {kResponses,
+       R"({"model":"gpt-5","max_output_tokens":1000,"input":[{"type":"reasoning","id":"PAD","encrypted_content":"e"}]})",
+       32'740},
       {kResponses,
        R"({"model":"gpt-5","max_output_tokens":1000,"input":[{"role":"user","content":[{"type":"input_image",
            "image_url":"https://example.test/PAD"}]}]})",
-       2'510'000},
+       5'020'000},
       // 5,096 x 0.02, rounded up
       {kEmbeddings, R"({"model":"text-embedding-3-small","input":["PAD"]})", 102},
       // twice (5,096 x 0.435 + 1,000 x 0.87)
@@ -141,6 +150,16 @@ TEST(CallPlan, whatCannotBePricedIsRefused) {
        "operation_not_supported"},
       {kRouter, R"({"model":"x-ai/grok-4.3","max_tokens":1,"models":["a"]})", 400, "operation_not_supported"},
       {kRouter, R"({"model":"x-ai/grok-4.3","max_tokens":1,"plugins":[{"id":"web"}]})", 400, "operation_not_supported"},
+      {kRouter, R"({"model":"x-ai/grok-4.3","max_tokens":1,"usage":{"include":false}})", 400,
+       "operation_not_supported"},
+      {kRouter, R"({"model":"x-ai/grok-4.3","max_tokens":1,"usage":null})", 400, "operation_not_supported"},
+      {kRouter, R"({"model":"x-ai/grok-4.3","max_tokens":1,"provider":{"order":["a"]}})", 400,
+       "operation_not_supported"},
+      {kRouter, R"({"model":"x-ai/grok-4.3","max_tokens":1,"provider":{"allow_fallbacks":true}})", 400,
+       "operation_not_supported"},
+      {kRouter, R"({"model":"x-ai/grok-4.3","max_tokens":1,"provider":7})", 400, "invalid_body"},
+      {kRouter, R"({"model":"x-ai/grok-4.3","max_tokens":1,"messages":[{"role":"user","content":[{"type":"file"}]}]})",
+       400, "operation_not_supported"},
       {kMessages, R"({"model":"claude-sonnet-5","max_tokens":1,"m\u0061x_tokens":9})", 400, "duplicate_key"},
       {kMessages, R"({"model":"claude-sonnet-5","max_tokens":1,"metadata":{"a":{"b":1,"b":1}}})", 400, "duplicate_key"},
       {kMessages, "{\"model\":\"claude-sonnet-5\",\"max_tokens\":1,\"a\":\"\xff\"}", 400, "invalid_body"},
@@ -201,7 +220,10 @@ TEST(CallPlan, usageIsAskedForWithoutRewritingTheBody) {
       {kResponses, R"({"stream":true,"max_output_tokens":1,"model":"gpt-5"})", nullptr},
       {kRouter, R"({"max_tokens":1,"model":"x-ai/grok-4.3"})",
        R"({"usage":{"include":true},"max_tokens":1,"model":"x-ai/grok-4.3"})"},
-      {kRouter, R"({"max_tokens":1,"model":"x-ai/grok-4.3","usage":{"include":true}})", nullptr},
+      {kRouter,
+       R"({"max_tokens":1,"model":"x-ai/grok-4.3","usage":{"include":true},)"
+       R"("provider":{"allow_fallbacks":false,"zdr":true,"data_collection":"deny"}})",
+       nullptr},
   };
   for (const auto& row : cases) {
     EXPECT_EQ(planOf(row.route, row.before).body, row.after == nullptr ? row.before : row.after);

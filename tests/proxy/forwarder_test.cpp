@@ -302,7 +302,7 @@ TEST(LocalProxyForwarder, refusesBeforeAnythingIsSent) {
     std::string code;
   };
   const Row rows[] = {
-      {"budget", [](ProxyLimits& limits) { limits.budgetMicros = 1; }, kMessages, 402, "spend_limit_reached"},
+      {"budget", [](ProxyLimits& limits) { limits.budgetMicros = 1; }, kMessages, 402, "request_exceeds_limit"},
       {"rate", [](ProxyLimits& limits) { limits.requestsPerMinute = 0; }, kMessages, 429, "rate_limited"},
       {"calls", [](ProxyLimits& limits) { limits.maxConcurrentCalls = 0; }, kMessages, 429, "rate_limited"},
       {"plan", [](ProxyLimits&) {}, R"({"model":"claude-nobody","max_tokens":1,"messages":[]})", 400,
@@ -491,6 +491,46 @@ TEST(LocalProxyForwarder, aReportAboveTheReservationStopsThePool) {
   EXPECT_EQ(next.refused->code, "spend_limit_reached");
 }
 
+/// A network that fails as no provider does.
+class ThrowingTransport final : public ProxyTransport {
+ public:
+  UpstreamResult send(const UpstreamRequest&, UpstreamReceiver& receiver, const UpstreamWatch&) override {
+    if (answers) {
+      receiver.head({.status = 200, .headers = {}, .contentLength = {}, .chunked = false});
+      receiver.body(R"({"usage":{"prompt_tokens":10,"completion_tokens":5}})", UpstreamPiece::last);
+    }
+    throw std::bad_alloc();
+  }
+  bool answers = false;
+};
+
+TEST(LocalProxyForwarder, aCallThatFailsWithinIsSettledOnceAndRecorded) {
+  Proxy proxy(TlsStub::answering(""));
+  ThrowingTransport transport;
+  LocalProxyForwarder forwarder{{.meter = proxy.meter,
+                                 .log = proxy.log,
+                                 .transport = transport,
+                                 .clock = proxy.clock,
+                                 .prices = [] { return shippedBook(); },
+                                 .refuseUnknownFields = [] { return false; }}};
+  const ProxyRoute& route = *routeOf("/openai/v1/chat/completions");
+  Micros spent = 0;
+  for (const bool answers : {false, true}) {
+    transport.answers = answers;
+    RecordingClient client;
+    const ProxyRequestHead head{
+        .method = "POST", .path = std::string(route.path), .query = {}, .headers = {}, .contentLength = 0};
+    forwarder.forward({proxy.grant, route, head, std::string(kChat), "req-1", client});
+    ASSERT_EQ(proxy.log.records.size(), answers ? 2u : 1u);
+    EXPECT_EQ(proxy.last().outcome, CallOutcome::failed);
+    EXPECT_EQ(proxy.last().chargedMicros, answers ? 60 : proxy.last().reservedMicros);
+    spent += proxy.last().chargedMicros;
+    EXPECT_EQ(proxy.spend().spentMicros, spent);
+    EXPECT_EQ(proxy.spend().reservedMicros, 0);
+    EXPECT_EQ(proxy.doubleSettled, 0);
+  }
+}
+
 TEST(LocalProxyForwarder, everyAnswerOfTheCorpusEndsClearlyAndIsCharged) {
   // What differs from a general proxy: a redirect is refused as well as not followed, and an answer whose first chunk
   // is malformed is refused while its head is still here.
@@ -524,7 +564,7 @@ TEST(LocalProxyForwarder, everyAnswerOfTheCorpusEndsClearlyAndIsCharged) {
     }
     // Only a usage of its own makes a call cheaper than its worst.
     const ProxyCallRecord& record = proxy.last();
-    const std::set<std::string> reported = {"usage-zero.http", "sse-usage-twice.http", "sse-multi-data.http"};
+    const std::set<std::string> reported = {"sse-usage-twice.http", "sse-multi-data.http"};
     EXPECT_TRUE(reported.contains(row[0]) || record.chargedMicros == record.reservedMicros) << record.chargedMicros;
     EXPECT_TRUE(row[0] != "sse-usage-twice.http" || record.chargedMicros == 60) << record.chargedMicros;
     EXPECT_EQ(proxy.spend().spentMicros, record.chargedMicros);
