@@ -247,16 +247,21 @@ void Vault::unprotectSecret(std::string_view secretId) {
 }
 
 Vault::Delivering Vault::adopt(const ProxySplitRender& split) {
-  Delivering delivering;
   const auto records = currentRecords();
   editProtection([&](LocalProxySettings& settings) {
     for (const ProxyRenderedKey& key : split.keys) {
       settings.variables[split.rendered.environmentId].try_emplace(key.variable, key.provider);
-      if (!split.adopt.contains(key.variable)) continue;
-      settings.protectedSecrets.try_emplace(key.secretId, key.provider);
-      if (const Secret* const secret = records->secretById(key.secretId)) delivering = environmentsDelivering(*secret);
+      if (split.adopt.contains(key.variable)) settings.protectedSecrets.try_emplace(key.secretId, key.provider);
     }
   });
+  Delivering delivering;
+  for (const ProxyRenderedKey& key : split.keys) {
+    const Secret* const secret = split.adopt.contains(key.variable) ? records->secretById(key.secretId) : nullptr;
+    if (secret == nullptr) continue;
+    Delivering more = environmentsDelivering(*secret);
+    delivering.names.merge(more.names);
+    delivering.ids.merge(more.ids);
+  }
   return delivering;
 }
 
