@@ -76,7 +76,7 @@ void VelocityStop::settle(std::string_view lookupId, const ReservationId& id, Mi
     for (const Slot& each : slots) {
       if (each.second > second - kWindow.count()) sum = addSaturating(sum, each.charged);
     }
-    if (sum <= limit) return;
+    if (sum < limit) return;
     setPause(found->second, Pause::asking);
     told = told_;
   }

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 #include <vector>
 
+#include "base/diagnostics.h"
 #include "base/ids.h"
 #include "base/json.h"
 #include "base/json_writer.h"
@@ -60,7 +61,14 @@ void saveLongSetting(SealedSettings& settings, std::string_view name, std::strin
     settings.save(name, names.view());
   }
   if (!before) return;
-  for (const std::string& part : partsOf(before->view())) settings.remove(part);
+  for (const std::string& part : partsOf(before->view())) {
+    try {
+      settings.remove(part);
+    } catch (const SettingError& error) {
+      // The new text holds by now; what stays behind is named nowhere.
+      base::diagnose("vault", "an old part of a setting could not be removed: " + error.sentence());
+    }
+  }
 }
 
 }  // namespace sorvane::vault

@@ -14,6 +14,7 @@ class SealedSettings;
 
 /// nullopt when the setting was never saved; throws SettingError::storage with `damaged` when a part is gone.
 std::optional<std::string> loadLongSetting(SealedSettings& settings, std::string_view name, const std::string& damaged);
+/// A failure leaves the earlier text; old parts that cannot be removed are said on standard error and no failure.
 void saveLongSetting(SealedSettings& settings, std::string_view name, std::string_view text);
 
 }  // namespace sorvane::vault

@@ -202,8 +202,11 @@ void ProtectedKeys::read() {
 }
 
 void ProtectedKeys::write(const LocalProxySettings& settings) {
-  const auto before = readStored().text;
-  const std::int64_t serial = serial_ + 1;
+  const Stored stored = readStored();
+  const auto& before = stored.text;
+  const auto decoded = before ? decode(*before) : std::nullopt;
+  // Above every number that was ever seen, so that nothing earlier that is put back can pass for these.
+  const std::int64_t serial = std::max({serial_, stored.leastSerial, decoded ? decoded->serial : 0}) + 1;
   const std::string text = encode(settings, serial);
   saveWitness(settings_, {before ? digestOf(*before) : std::string(), digestOf(text)});
   store_.store(kLocalProxySavedAccount, base::SecretText(kSavedMark));
@@ -214,11 +217,12 @@ void ProtectedKeys::write(const LocalProxySettings& settings) {
     settings_.remove(kLocalProxySetting);
     saveLongSetting(settings_, kLocalProxySetting, text);
   }
-  settings_.save(kLocalProxyAnchorSetting, std::to_string(serial));
-  saveWitness(settings_, {digestOf(text)});
+  // They are in force from here on, whatever becomes of the rest.
   serial_ = serial;
   known_ = {ProtectionState::present, std::make_shared<const LocalProxySettings>(settings)};
   wasRead_ = true;
+  settings_.save(kLocalProxyAnchorSetting, std::to_string(serial));
+  saveWitness(settings_, {digestOf(text)});
 }
 
 ProtectedKeys::Known ProtectedKeys::known() {

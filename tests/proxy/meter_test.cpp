@@ -237,20 +237,20 @@ class Velocity : public Meter {
   VelocityStop stop_{meter_, clock_};
 };
 
-TEST_F(Velocity, pausesOneGrantPastTheLimitOfAMinuteUntilTheOwnersYes) {
+TEST_F(Velocity, pausesOneGrantAtTheLimitOfAMinuteUntilTheOwnersYes) {
   spend(stop_, "a", 600'000);
   clock_.advance(std::chrono::seconds(60));
   spend(stop_, "a", 600'000);
   clock_.advance(std::chrono::seconds(59));
-  spend(stop_, "a", 400'000);
-  EXPECT_FALSE(stop_.isPaused("a")) << "exactly the limit is not above it";
+  spend(stop_, "a", 399'999);
+  EXPECT_FALSE(stop_.isPaused("a"));
   spend(stop_, "a", 1);
-  EXPECT_EQ(pauses_, std::vector<std::string>{"a 1000001"});
+  EXPECT_EQ(pauses_, std::vector<std::string>{"a 1000000"});
   EXPECT_EQ(asked(stop_, "a", 1), "wait 15");
   EXPECT_EQ(asked(stop_, "b", 1), "admitted");
   stop_.resume("a");
   EXPECT_EQ(asked(stop_, "a", 1), "admitted");
-  stop_.settle("a", last_, 1'000'000);
+  stop_.settle("a", last_, 999'999);
   EXPECT_EQ(pauses_.size(), 1U) << "the minute begins empty after a yes";
 }
 

@@ -204,6 +204,20 @@ TEST_F(Protected, theProviderIsToldByWhatAgrees) {
   EXPECT_EQ(vault().recognisedProvider(named), ProxyProvider::openrouter);
 }
 
+TEST_F(Protected, whatIsConfirmedIsNewerThanAllThatWasThereBefore) {
+  vault().protectSecret(key_, ProxyProvider::anthropic);
+  const auto read = [&](std::string_view name) { return std::string(memory_.read(setting(name)).view()); };
+  const std::string settings = read(kLocalProxySetting), witness = read(kLocalProxyWitnessSetting);
+  vault().protectSecret(plain_, ProxyProvider::openai);
+  memory_.remove(setting(kLocalProxySetting));
+  open();
+  ASSERT_EQ(vault().protection().state, ProtectionState::removed);
+  vault().confirmProtection();
+  memory_.store(setting(kLocalProxySetting), base::SecretText(settings));
+  memory_.store(setting(kLocalProxyWitnessSetting), base::SecretText(witness));
+  EXPECT_EQ(vault().protection().state, ProtectionState::removed);
+}
+
 /// Works until change `left` is reached, then fails every change.
 class FailingSettings final : public SealedSettings {
  public:
@@ -244,6 +258,7 @@ TEST_F(Protected, aSaveThatIsCutOffLeavesTheOldOrTheNewSettings) {
       } catch (const SettingError&) {
       }
       ProtectedKeys again(vault().settings(), memory_);
+      EXPECT_TRUE(*cut.known().settings == *again.known().settings) << "what is known is what holds";
       EXPECT_NE(again.known().state, ProtectionState::removed);
       EXPECT_TRUE(*again.known().settings == before || *again.known().settings == wanted);
       if (!failing.hasFailed()) break;
