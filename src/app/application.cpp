@@ -99,7 +99,11 @@ Application::Application(const Setting& setting, agent::ProcessHost& host, agent
 
 bool Application::start() {
   if (!server_.start()) return false;
-  proxy_.start([this] { server_.republish(); });
+  proxy_.start([this] { server_.republish(); },
+               [this] {
+                 const agent::Approver whose = policy_.current().approver;
+                 return whose == agent::Approver::any || whose == agent::Approver::terminal;
+               });
   if (stores_.record().leaving && !vault_.storageFailure()) {
     jobs_.start("storeMove", [this](const agent::Jobs::Step&) {
       try {

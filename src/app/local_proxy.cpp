@@ -8,8 +8,11 @@ namespace sorvane::app {
 namespace {
 
 constexpr std::string_view kNotUnderstood =
-    "The proxy's settings were made by another version of sorvane, so its usual limits hold. Look at `sorvane proxy "
-    "limits`.";
+    "The proxy's settings cannot be read by this version of sorvane, so programs get no stand-ins for protected keys. "
+    "Nothing was shared. Use the version of sorvane that saved them.";
+constexpr std::string_view kNotListening =
+    "The local proxy could not open its port, so programs get no stand-ins for protected keys. Nothing was shared. It "
+    "is tried again with every `sorvane proxy status`; if that does not help, start sorvaned anew.";
 
 proxy::TransportSettings transportSettings(const proxy::ProxyOptions& options) {
   return {SORVANE_VERSION, options.authorityPem, options.outboundProxy};
@@ -19,7 +22,7 @@ proxy::TransportSettings transportSettings(const proxy::ProxyOptions& options) {
 
 LocalProxy::LocalProxy(Ports ports)
     : ports_(std::move(ports)),
-      shelf_(ports_.supportFolder, ports_.files, ports_.store),
+      shelf_(ports_.supportFolder, ports_.files, ports_.store, ports_.clock),
       grants_(ports_.clock),
       budgets_({[this](const std::string& title, const std::string& body) { ports_.notifier.notify(title, body); },
                 [this](std::string_view lookupId) { return grants_.describe(lookupId); }}),
@@ -34,18 +37,18 @@ LocalProxy::LocalProxy(Ports ports)
       forwarder_({velocity_, ledger_, transport_, ports_.clock, [this] { return shelf_.book(); },
                   [this] { return options().refuseUnknownFields; }, ports_.origins}),
       server_({}, {grants_, forwarder_, owners_, ports_.clock}),
-      asker_(ports_.approver, ports_.notifier),
-      broker_({ports_.clock, grants_, velocity_, server_, processes_, [this] { return options(); },
-               [this](const proxy::VelocityQuestion& question, std::function<void(bool)> answer) {
-                 asker_.ask(question, std::move(answer));
-               }}) {
-  grants_.addHandler([this](std::string_view lookupId) { server_.cut(lookupId); });
+      asker_({ports_.approver, ports_.notifier,
+              [this](std::string_view lookupId) { return grants_.find(lookupId) != nullptr; }}),
+      broker_(brokerPorts()) {
   observers_ = {
       ports_.vault.observeProtection([this](const std::set<std::string>&) { follow(); }),
       ports_.vault.observeSecretChanges([this](const std::vector<std::string>& ids) {
         for (const std::string& id : ids) broker_.endCarrying(id);
       }),
-      ports_.vault.observeSecretRemoved([this](const std::string& id) { broker_.endCarrying(id); }),
+      ports_.vault.observeSecretRemoved([this](const std::string& id) {
+        broker_.endCarrying(id);
+        follow();
+      }),
   };
 }
 
@@ -54,12 +57,30 @@ LocalProxy::~LocalProxy() {
   stop();
 }
 
+proxy::LocalProxyBroker::Ports LocalProxy::brokerPorts() {
+  // Before the broker's own handler, which may wait for the watch of a process: nothing holds up the cut.
+  grants_.addHandler([this](std::string_view lookupId) {
+    server_.cut(lookupId);
+    asker_.withdraw(lookupId);
+  });
+  return {ports_.clock,
+          grants_,
+          velocity_,
+          server_,
+          processes_,
+          [this] { return options(); },
+          [this](const proxy::VelocityQuestion& question, std::function<void(bool)> answer) {
+            asker_.ask(question, std::move(answer));
+          }};
+}
+
 proxy::ProxyOptions LocalProxy::options() const {
   const base::Lock lock(mutex_);
   return options_;
 }
 
-void LocalProxy::start(std::function<void()> onPort) {
+void LocalProxy::start(std::function<void()> onPort, std::function<bool()> yesCounts) {
+  asker_.countYesWhen(std::move(yesCounts));
   {
     const base::Lock lock(following_);
     onPort_ = std::move(onPort);
@@ -75,38 +96,65 @@ void LocalProxy::stop() {
     onPort_ = {};
   }
   broker_.stop();
+  asker_.stop();
   ledger_.stop();
+}
+
+std::map<std::string, vault::ProxyProvider> LocalProxy::servable(std::vector<std::string>& notices) {
+  const auto protection = ports_.vault.protection();
+  if (protection.state == vault::ProtectionState::removed) {
+    notices.push_back(vault::ProtectionError::settingsRemoved().sentence());
+    return {};
+  }
+  const auto options = proxy::decodeOptions(protection.settings->options);
+  if (!options) {
+    notices.emplace_back(kNotUnderstood);
+    return {};
+  }
+  transport_.configure(transportSettings(*options));
+  {
+    const base::Lock lock(mutex_);
+    options_ = *options;
+  }
+  auto servable = protection.settings->protectedSecrets;
+  const auto records = ports_.vault.records();
+  std::erase_if(servable, [&](const auto& entry) { return records->secretById(entry.first) == nullptr; });
+  return servable;
 }
 
 void LocalProxy::follow() {
   const base::Lock following(following_);
   const auto before = broker_.port();
   std::vector<std::string> notices;
+  // What cannot be read, or configured, may have been narrowed: nothing is served then.
+  std::map<std::string, vault::ProxyProvider> wanted;
+  bool failed = false;
   try {
-    const auto protection = ports_.vault.protection();
-    if (protection.state == vault::ProtectionState::removed) {
-      notices.push_back(vault::ProtectionError::settingsRemoved().sentence());
-    }
-    auto options = proxy::decodeOptions(protection.settings->options);
-    if (!options) notices.emplace_back(kNotUnderstood);
-    {
-      const base::Lock lock(mutex_);
-      options_ = options.value_or(proxy::ProxyOptions{});
-    }
-    transport_.configure(transportSettings(this->options()));
-    broker_.serve(protection.settings->protectedSecrets);
+    wanted = servable(notices);
   } catch (const base::Error& error) {
+    failed = true;
     notices.push_back(error.sentence());
     base::diagnose("proxy", error.sentence());
+  }
+  broker_.serve(wanted);
+  if (!wanted.empty() && !broker_.port()) {
+    failed = true;
+    notices.emplace_back(kNotListening);
   }
   {
     const base::Lock lock(mutex_);
     notices_ = std::move(notices);
+    hasFailed_ = failed;
   }
   if (broker_.port() != before && onPort_) onPort_();
 }
 
 std::vector<std::string> LocalProxy::notices() {
+  const auto hasFailed = [&] {
+    const base::Lock lock(mutex_);
+    return hasFailed_;
+  };
+  if (hasFailed()) follow();
   std::vector<std::string> all;
   {
     const base::Lock lock(mutex_);

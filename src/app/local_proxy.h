@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -47,13 +48,17 @@ class LocalProxy final : public agent::OwnerProxy {
   LocalProxy& operator=(const LocalProxy&) = delete;
 
   proxy::LocalProxyBroker& broker() { return broker_; }
-  /// Serves what is protected now. `onPort` is called after the port came, went or changed.
-  void start(std::function<void()> onPort);
+  /// Serves what is protected now. `onPort` is called after the port came, went or changed; `yesCounts` says whether
+  /// the approver's yes counts by the owner's policy as it is then.
+  void start(std::function<void()> onPort, std::function<bool()> yesCounts);
   void stop();
 
   std::optional<std::uint16_t> port() override { return broker_.port(); }
   std::vector<proxy::ProxyGrantStatus> statuses() override { return broker_.statuses(); }
-  void resume(const std::string& lookupId) override { broker_.resume(lookupId); }
+  void resume(const std::string& lookupId) override {
+    broker_.resume(lookupId);
+    asker_.withdraw(lookupId);
+  }
   void end(const std::string& lookupId) override { broker_.end(lookupId); }
   std::vector<std::string> notices() override;
   proxy::CallLedger::Reading readLedger(const std::function<void(std::string_view line)>& take) override {
@@ -66,8 +71,11 @@ class LocalProxy final : public agent::OwnerProxy {
 
  private:
   proxy::ProxyOptions options() const;
+  proxy::LocalProxyBroker::Ports brokerPorts();
   /// After every change of what is protected, or of the options.
   void follow();
+  /// What may be served now: nothing, with the reason in `notices`, while the settings cannot be relied on.
+  std::map<std::string, vault::ProxyProvider> servable(std::vector<std::string>& notices);
 
   const Ports ports_;
   platform::LinuxPeerOwners owners_;
@@ -88,6 +96,7 @@ class LocalProxy final : public agent::OwnerProxy {
   mutable base::Mutex mutex_;
   proxy::ProxyOptions options_ GUARDED_BY(mutex_);
   std::vector<std::string> notices_ GUARDED_BY(mutex_);
+  bool hasFailed_ GUARDED_BY(mutex_) = false;  ///< to follow; tried again when the owner looks
   // Serialises following the vault.
   base::Mutex following_;
   std::function<void()> onPort_ GUARDED_BY(following_);

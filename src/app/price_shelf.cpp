@@ -10,6 +10,8 @@ namespace {
 constexpr std::size_t kMostBytes = 16 * 1024 * 1024;
 /// The vault's generations have names of their own; these files belong to none.
 constexpr std::string_view kPlace = "support-folder";
+/// How long after a failure a list is read again: every call asks for the book.
+constexpr std::chrono::seconds kReadAgain{10};
 
 std::string notTrusted(std::string_view name) {
   return "The price list " + std::string(name) +
@@ -17,22 +19,45 @@ std::string notTrusted(std::string_view name) {
          "`sorvane proxy prices`.";
 }
 
-}  // namespace
-
-std::optional<std::string> PriceShelf::read(std::string_view name) {
-  const auto contents = files_.read(folder_ / name, kMostBytes);
-  if (!contents) return std::nullopt;
-  const auto key = vault::readVaultKey(store_);
-  const auto text = key ? vault::openFile(*key, {kPlace, name}, contents->bytes) : std::nullopt;
-  if (text) return std::string(text->view());
-  notices_.push_back(notTrusted(name));
-  return std::nullopt;
+std::string notOpened(std::string_view name) {
+  return "The price list " + std::string(name) +
+         " cannot be opened while the vault's key cannot be read, so its prices are not used. Look whether the vault "
+         "opens; sorvane then reads the list by itself.";
 }
 
-void PriceShelf::keep(std::string_view name, const std::string& text) {
+}  // namespace
+
+void PriceShelf::read(Kept& kept) {
+  try {
+    const auto contents = files_.read(folder_ / kept.name, kMostBytes);
+    const auto key = contents ? vault::readVaultKey(store_) : std::nullopt;
+    if (contents && !key) {
+      kept.notice = notOpened(kept.name);
+      return;
+    }
+    kept.wasRead = true;
+    kept.notice.clear();
+    if (!contents) return;
+    const auto text = vault::openFile(*key, {kPlace, kept.name}, contents->bytes);
+    kept.notice = notTrusted(kept.name);
+    if (!text) return;
+    proxy::PriceBook alone;
+    const auto problem = text->empty() ? std::nullopt : alone.add(text->view());
+    kept.notice = problem.value_or("");
+    if (!problem) kept.text = text->view();
+  } catch (const base::Error& error) {
+    kept.notice = error.sentence();
+  }
+}
+
+void PriceShelf::set(Kept& kept, const std::string& text) {
+  load();
+  auto book = build(&kept == &openRouter_ ? text : openRouter_.text, &kept == &own_ ? text : own_.text);
   const auto key = vault::readVaultKey(store_);
   if (!key) throw base::Error("The vault does not open, so the prices were not kept. Nothing was changed.");
-  files_.writeAtomically(folder_ / name, vault::sealFile(*key, {kPlace, name}, text));
+  files_.writeAtomically(folder_ / kept.name, vault::sealFile(*key, {kPlace, kept.name}, text));
+  kept = {kept.name, text, {}, true};
+  book_ = std::move(book);
 }
 
 std::shared_ptr<const proxy::PriceBook> PriceShelf::build(const std::string& openRouter, const std::string& own) {
@@ -45,16 +70,15 @@ std::shared_ptr<const proxy::PriceBook> PriceShelf::build(const std::string& ope
 }
 
 void PriceShelf::load() {
-  if (book_) return;
-  try {
-    openRouter_ = read(kOpenRouterPricesName).value_or("");
-    own_ = read(kOwnPricesName).value_or("");
-    book_ = build(openRouter_, own_);
-  } catch (const base::Error& error) {
-    // A list that cannot be read now is no reason to stop every call: what came with the program still holds.
-    notices_.push_back(error.sentence());
-    book_ = build("", "");
-  }
+  if (book_ && openRouter_.wasRead && own_.wasRead) return;
+  const base::Instant now = clock_.instant();
+  if (book_ && now < readAgain_) return;
+  readAgain_ = now + kReadAgain;
+  // A list that cannot be read now is no reason to stop every call: the other one, and what came with the program,
+  // hold.
+  if (!openRouter_.wasRead) read(openRouter_);
+  if (!own_.wasRead) read(own_);
+  book_ = build(openRouter_.text, own_.text);
 }
 
 std::shared_ptr<const proxy::PriceBook> PriceShelf::book() {
@@ -66,33 +90,27 @@ std::shared_ptr<const proxy::PriceBook> PriceShelf::book() {
 std::string PriceShelf::own() {
   const base::Lock lock(mutex_);
   load();
-  return own_;
+  return own_.text;
 }
 
 void PriceShelf::setOwn(const std::string& prices) {
   const base::Lock lock(mutex_);
-  load();
-  auto book = build(openRouter_, prices);
-  keep(kOwnPricesName, prices);
-  own_ = prices;
-  book_ = std::move(book);
-  notices_.clear();
+  set(own_, prices);
 }
 
 void PriceShelf::setOpenRouter(const std::string& prices) {
   const base::Lock lock(mutex_);
-  load();
-  auto book = build(prices, own_);
-  keep(kOpenRouterPricesName, prices);
-  openRouter_ = prices;
-  book_ = std::move(book);
-  notices_.clear();
+  set(openRouter_, prices);
 }
 
 std::vector<std::string> PriceShelf::notices() {
   const base::Lock lock(mutex_);
   load();
-  return notices_;
+  std::vector<std::string> notices;
+  for (const Kept* const kept : {&openRouter_, &own_}) {
+    if (!kept->notice.empty()) notices.push_back(kept->notice);
+  }
+  return notices;
 }
 
 }  // namespace sorvane::app

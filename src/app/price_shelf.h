@@ -23,8 +23,9 @@ inline constexpr std::string_view kOwnPricesName = "proxy-prices-own.sealed";
 /// owner's own prices over both. Any thread.
 class PriceShelf {
  public:
-  PriceShelf(std::filesystem::path supportFolder, base::Files& files, vault::SecretStore& store)
-      : folder_(std::move(supportFolder)), files_(files), store_(store) {}
+  PriceShelf(std::filesystem::path supportFolder, base::Files& files, vault::SecretStore& store,
+             const base::Clock& clock)
+      : folder_(std::move(supportFolder)), files_(files), store_(store), clock_(clock) {}
 
   /// Never null.
   std::shared_ptr<const proxy::PriceBook> book();
@@ -39,20 +40,31 @@ class PriceShelf {
   std::vector<std::string> notices();
 
  private:
-  std::optional<std::string> read(std::string_view name) REQUIRES(mutex_);
-  void keep(std::string_view name, const std::string& text) REQUIRES(mutex_);
-  std::shared_ptr<const proxy::PriceBook> build(const std::string& openRouter, const std::string& own) REQUIRES(mutex_);
+  /// A list that is kept in a file.
+  struct Kept {
+    std::string_view name;
+    std::string text;      ///< in force; "" when there is none, or it cannot be used
+    std::string notice;    ///< why it cannot be used
+    bool wasRead = false;  ///< false while the file, or the key that it is sealed under, cannot be read
+  };
+  void read(Kept& kept) REQUIRES(mutex_);
+  /// Has `text` in force as this list, and keeps it.
+  void set(Kept& kept, const std::string& text) REQUIRES(mutex_);
+  /// Throws base::Error when one of the texts is no price list.
+  static std::shared_ptr<const proxy::PriceBook> build(const std::string& openRouter, const std::string& own);
   void load() REQUIRES(mutex_);
 
   // Constant after construction.
   const std::filesystem::path folder_;
   base::Files& files_;
   vault::SecretStore& store_;
+  const base::Clock& clock_;
   // Guarded. Held over the files, which it guards too.
   base::Mutex mutex_;
   std::shared_ptr<const proxy::PriceBook> book_ GUARDED_BY(mutex_);
-  std::string openRouter_ GUARDED_BY(mutex_), own_ GUARDED_BY(mutex_);
-  std::vector<std::string> notices_ GUARDED_BY(mutex_);
+  Kept openRouter_ GUARDED_BY(mutex_){kOpenRouterPricesName, {}, {}};
+  Kept own_ GUARDED_BY(mutex_){kOwnPricesName, {}, {}};
+  base::Instant readAgain_ GUARDED_BY(mutex_){};  ///< a list that could not be read is not tried before
 };
 
 }  // namespace sorvane::app

@@ -17,35 +17,84 @@ agent::OwnerApprovalPrompt promptOf(const proxy::VelocityQuestion& question) {
 
 }  // namespace
 
+void VelocityAsker::countYesWhen(std::function<bool()> yesCounts) {
+  const base::Lock lock(mutex_);
+  yesCounts_ = std::move(yesCounts);
+}
+
+void VelocityAsker::stop() {
+  std::jthread thread;
+  {
+    const base::Lock lock(mutex_);
+    yesCounts_ = {};
+    waiting_.clear();
+    thread.swap(thread_);
+  }
+  // Without the lock, which the thread takes; the destructor ends and joins it.
+}
+
+bool VelocityAsker::yesCounts() {
+  std::function<bool()> counts;
+  {
+    const base::Lock lock(mutex_);
+    counts = yesCounts_;
+  }
+  return counts && counts();
+}
+
 void VelocityAsker::ask(const proxy::VelocityQuestion& question, std::function<void(bool goOn)> answer) {
-  notifier_.notify("sorvane · agent calls paused",
-                   question.client + " spent " + proxy::dollarsOf(question.chargedCents) +
-                       " within a minute. Its calls wait for your answer, or for `sorvane proxy resume`.");
-  if (approver_ == nullptr) return;
+  const bool isAsked = ports_.approver != nullptr && yesCounts();
+  ports_.notifier.notify("sorvane · agent calls paused",
+                         question.client + " spent " + proxy::dollarsOf(question.chargedCents) +
+                             " within a minute. Its calls wait for " +
+                             (isAsked ? "your answer, or for `sorvane proxy resume`." : "`sorvane proxy resume`."));
+  if (!isAsked) return;
   const base::Lock lock(mutex_);
   waiting_.push_back({question, std::move(answer)});
   changed_.notify_all();
   if (!thread_.joinable()) thread_ = std::jthread([this](const std::stop_token& stop) { run(stop); });
 }
 
+void VelocityAsker::withdraw(std::string_view lookupId) {
+  std::optional<std::stop_source> standing;
+  {
+    const base::Lock lock(mutex_);
+    std::erase_if(waiting_, [&](const Waiting& waiting) { return waiting.question.lookupId == lookupId; });
+    if (standing_ && standing_->lookupId == lookupId) standing = standing_->withdrawn;
+  }
+  // Without the lock: it runs what whoever asks does then.
+  if (standing) standing->request_stop();
+}
+
 void VelocityAsker::run(const std::stop_token& stop) {
   while (!stop.stop_requested()) {
     Waiting next;
+    std::stop_source withdrawn;
     {
       base::Lock lock(mutex_);
       changed_.wait(lock.mutex(), stop, [this]() REQUIRES(mutex_) { return !waiting_.empty(); });
       if (waiting_.empty()) return;
       next = std::move(waiting_.front());
       waiting_.pop_front();
+      standing_ = {next.question.lookupId, withdrawn};
     }
-    agent::ApprovalContext context;
-    context.label = next.question.client;
-    context.callerIdentity = next.question.lookupId;
-    context.details = {"Its calls wait meanwhile. A no refuses them until you run `sorvane proxy resume`."};
-    context.withdrawn = stop;
-    const std::optional<bool> goOn = approver_->ask(promptOf(next.question), context);
-    if (goOn) next.answer(*goOn);
+    const std::stop_callback ending(stop, [&] { withdrawn.request_stop(); });
+    // A grant that ended before its question stood was not there to be withdrawn.
+    if (ports_.isLive(next.question.lookupId)) put(next, withdrawn);
+    const base::Lock lock(mutex_);
+    standing_.reset();
   }
+}
+
+void VelocityAsker::put(const Waiting& next, const std::stop_source& withdrawn) {
+  agent::ApprovalContext context;
+  context.label = next.question.client;
+  context.callerIdentity = next.question.lookupId;
+  context.details = {"Its calls wait meanwhile. A no refuses them until you run `sorvane proxy resume`."};
+  context.withdrawn = withdrawn.get_token();
+  const std::optional<bool> goOn = ports_.approver->ask(promptOf(next.question), context);
+  // A no counts from anywhere; a yes only by the policy as it is when it comes.
+  if (goOn && (!*goOn || yesCounts())) next.answer(*goOn);
 }
 
 }  // namespace sorvane::app
