@@ -3,12 +3,10 @@
 
 Installs the clients, at the versions that mcp/package-lock.json pins, into the folder of the build. Exits 77 when npm is
 missing."""
-import hashlib
 import json
 import os
 import pathlib
 import queue
-import shutil
 import subprocess
 import sys
 import threading
@@ -18,31 +16,12 @@ HERE = pathlib.Path(__file__).resolve().parent
 sys.path.insert(0, str(HERE.parent / "system"))
 sys.dont_write_bytecode = True
 from house import PROGRAMS, VALUE, House, words_of  # noqa: E402
+from npm import NPM, install  # noqa: E402
 
-NPM = shutil.which("npm")
 INSTALLED = PROGRAMS / "peers" / "mcp"
 NODE = INSTALLED / "node_modules" / ".bin" / "node"
 SORVANE = str(PROGRAMS / "sorvane")
-UNREACHABLE = ("ENOTFOUND", "EAI_AGAIN", "ECONNREFUSED", "ECONNRESET", "ETIMEDOUT", "ENETUNREACH", "E403", "E404", "E50")
 ERAS = {"handshake-v1": "2025-11-25", "handshake": "2025-11-25", "stateless": "2026-07-28", "auto": "2026-07-28"}
-
-
-def install():
-    """The pinned packages, once per lock file."""
-    digest = hashlib.sha256(b"".join((HERE / "mcp" / name).read_bytes() for name in ("package.json", "package-lock.json")))
-    mark = INSTALLED / "installed"
-    if not mark.is_file() or mark.read_text() != digest.hexdigest():
-        shutil.rmtree(INSTALLED, ignore_errors=True)
-        INSTALLED.mkdir(parents=True)
-        for name in ("package.json", "package-lock.json", ".npmrc"):
-            shutil.copy2(HERE / "mcp" / name, INSTALLED)
-        done = subprocess.run([NPM, "ci"], cwd=INSTALLED, capture_output=True, text=True, timeout=400)
-        if done.returncode != 0 and any(word in done.stderr for word in UNREACHABLE):
-            raise unittest.SkipTest("the registry of npm's packages cannot be reached: " + done.stderr[-400:])
-        if done.returncode != 0:
-            raise RuntimeError("npm ci failed:\n" + done.stderr[-4000:])
-        mark.write_text(digest.hexdigest())
-    shutil.copy2(HERE / "mcp" / "client.mjs", INSTALLED)
 
 
 class Peer:
@@ -90,7 +69,7 @@ class Peer:
 class OfficialClients(House):
     @classmethod
     def setUpClass(cls):
-        install()
+        install(HERE / "mcp", INSTALLED)
 
     def setUp(self):
         super().setUp()
