@@ -218,7 +218,7 @@ class OfficialClients(unittest.TestCase):
                 [call], [record] = self.settled()
                 self.assertEqual((record["outcome"], record["chargedMicros"]), ("clientAborted", record["reservedMicros"]))
             with self.subTest(kind=kind, what="has waited long enough"):
-                outcome = self.stage.call(kind, act, body(self.text("silent")), key=self.key, options={"timeout": 400})
+                outcome = self.stage.call(kind, act, body(self.text("silent")), key=self.key, options={"timeout": 4000})
                 self.assertEqual(outcome["error"]["class"], "APIConnectionTimeoutError")
                 [call], [record] = self.settled()
                 self.assertEqual(record["outcome"], "clientAborted")
@@ -294,7 +294,7 @@ class OfficialClients(unittest.TestCase):
                 self.stage.proxy.ask(act="end", lookupId=self.grants[-1]["lookupId"])
                 self.assertIn("error", self.stage.end(number))
                 self.assertEqual(self.settled()[1][0]["outcome"], "cut")
-                key = self.issue(callTimeoutSeconds=1)
+                key = self.issue(callTimeoutSeconds=4)
                 outcome = self.stage.call(kind, act, body(self.text("silent")), key=key)
                 self.assertEqual((outcome["error"]["class"], outcome["error"]["status"]),
                                  (class_of(kind, 504, "InternalServerError"), 504))

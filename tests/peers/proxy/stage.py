@@ -25,7 +25,7 @@ class Party:
             self._heard.put(json.loads(line))
         self._heard.put(None)
 
-    def heard(self, seconds=60):
+    def heard(self, seconds=120):
         message = self._heard.get(timeout=seconds)
         if message is None or "trouble" in message:
             raise AssertionError(f"{self._process.args[0]}: {message}")
