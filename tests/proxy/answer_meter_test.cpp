@@ -250,6 +250,7 @@ TEST(AnswerMeter, aBrokenAnswerIsChargedByWhatWasSeen) {
   const CallPlan thinking =
       planOf(kMessages, R"({"model":"claude-sonnet-4-6","max_tokens":1000,"thinking":{"type":"enabled"}})");
   const CallPlan open = chat("gpt-4.1"), predicted = chat("gpt-4.1", R"(,"prediction":{"content":"abc"})");
+  const CallPlan routed = planOf(kRouter, R"({"model":"x-ai/grok-4.3","max_tokens":1000,"reasoning_effort":"none"})");
   const std::string said = data(R"({"choices":[{"delta":{"content":"Hello, world"}}]})");
   const struct {
     const char* name;
@@ -270,6 +271,7 @@ TEST(AnswerMeter, aBrokenAnswerIsChargedByWhatWasSeen) {
       {"nothing was seen", plain, "", plain.worstMicros},
       // input as reserved: (51 + 4,096) x 2, and 12 bytes x 8; twice, for the open tier
       {"without a report the input is what was reserved", open, said, 2 * ((51 + 4'096) * 2 + 12 * 8)},
+      {"a host may think although it was told not to", routed, said, routed.worstMicros},
       {"a prediction that is not taken is not seen", predicted, said, predicted.worstMicros},
   };
   for (const auto& row : cases) {

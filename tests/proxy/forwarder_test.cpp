@@ -321,6 +321,16 @@ TEST(LocalProxyForwarder, refusesBeforeAnythingIsSent) {
     EXPECT_TRUE(proxy.log.records.empty()) << "nothing was forwarded";
     EXPECT_EQ(proxy.spend().reservedMicros, 0);
   }
+  // twice ((51 + 4,096) x 2 + 1,000 x 8), for the open tier
+  ProxyLimits limits = Proxy::ordinary();
+  limits.budgetMicros = 2 * kMicrosPerCent - 1;
+  Proxy small(TlsStub::answering(jsonAnswer("{}")), limits);
+  RecordingClient big;
+  small.call(big, R"({"model":"gpt-4.1","max_tokens":1000,"messages":[]})");
+  EXPECT_EQ(big.refused->message,
+            "This request could cost up to $0.04, which is more than the whole budget of this sorvane key ($0.01). "
+            "Nothing was sent. Set a smaller limit of output tokens or shorten the request, or ask the user for a "
+            "higher budget in sorvane.");
   Proxy proxy(TlsStub::answering(jsonAnswer("{}")));
   proxy.meter.close(kGrant);
   RecordingClient client;
