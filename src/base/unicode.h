@@ -58,4 +58,7 @@ std::size_t displayWidth(std::string_view text);
 /// read.
 std::string escapedForDisplay(std::string_view text);
 
+/// Appends the UTF-8 form of a code point, which must be one (no surrogate, at most U+10FFFF).
+void appendUtf8(std::string& out, char32_t character);
+
 }  // namespace sorvane::base

@@ -3,6 +3,7 @@
 #include <cstdint>
 #include <nlohmann/json.hpp>
 
+#include "base/unicode.h"
 #include "clients/toml_scan.h"
 
 namespace sorvane::clients::toml {
@@ -22,25 +23,6 @@ bool isForbidden(char c) {
   refuseDamaged(cursor.text, cursor.at, what);
 }
 
-void appendUtf8(std::string& out, std::uint32_t character) {
-  const auto tail = [&](int shift) { out += static_cast<char>(0x80 | ((character >> shift) & 0x3F)); };
-  if (character < 0x80) {
-    out += static_cast<char>(character);
-  } else if (character < 0x800) {
-    out += static_cast<char>(0xC0 | (character >> 6));
-    tail(0);
-  } else if (character < 0x10000) {
-    out += static_cast<char>(0xE0 | (character >> 12));
-    tail(6);
-    tail(0);
-  } else {
-    out += static_cast<char>(0xF0 | (character >> 18));
-    tail(12);
-    tail(6);
-    tail(0);
-  }
-}
-
 void readNumberedEscape(TomlCursor& cursor, std::size_t digits, std::string& out) {
   const std::string_view number = cursor.text.substr(cursor.at, digits);
   std::uint32_t character = 0;
@@ -50,7 +32,7 @@ void readNumberedEscape(TomlCursor& cursor, std::size_t digits, std::string& out
     refuse(cursor, "a string holds a broken escape");
   }
   cursor.at += digits;
-  appendUtf8(out, character);
+  base::appendUtf8(out, character);
 }
 
 /// A backslash at the end of a line takes the white space up to the next text with it.

@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <limits>
 
+#include "base/unicode.h"
 #include "proxy/body_text.h"
 
 namespace sorvane::proxy {
@@ -30,25 +31,6 @@ char32_t unitAt(std::string_view raw, std::size_t at) {
     unit = unit * 16 + static_cast<char32_t>(hexDigit(raw[at + digit]));
   }
   return unit;
-}
-
-void appendUtf8(std::string& out, char32_t character) {
-  const auto tail = [&](int shift) { out += static_cast<char>(0x80 | ((character >> shift) & 0x3F)); };
-  if (character < 0x80) {
-    out += static_cast<char>(character);
-  } else if (character < 0x800) {
-    out += static_cast<char>(0xC0 | (character >> 6));
-    tail(0);
-  } else if (character < 0x10000) {
-    out += static_cast<char>(0xE0 | (character >> 12));
-    tail(6);
-    tail(0);
-  } else {
-    out += static_cast<char>(0xF0 | (character >> 18));
-    tail(12);
-    tail(6);
-    tail(0);
-  }
 }
 
 char plainOf(char escape) {
@@ -89,7 +71,7 @@ std::optional<std::string> unescaped(std::string_view raw) {
         character = 0x10000 + ((character - 0xD800) << 10) + (low - 0xDC00);
         at += 6;
       }
-      appendUtf8(out, character);
+      base::appendUtf8(out, character);
     }
   }
   return out;
