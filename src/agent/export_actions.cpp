@@ -41,6 +41,8 @@ struct Count {
 ActionPlan OwnerActionHandlers::exportOne(const ActionArguments& arguments, ActionCall& call) {
   const vault::Project project = projectNamed(arguments);
   const vault::EnvExportFormat format = formatOf(arguments);
+  // What would be refused after the owner's yes is not asked for.
+  for (const vault::EnvBinding& binding : project.bindings) ports_.vault.requireUnprotected(binding.secretId);
   ActionPlan plan = asking(call, "export the environment " + project.name + ". Its values leave the vault in the clear",
                            [this, project, format, access = access(call, arguments)] {
                              auto rendered = ports_.vault.render(project.id, project.deploymentTarget,
@@ -62,6 +64,7 @@ ActionPlan OwnerActionHandlers::exportSecrets(const ActionArguments& arguments, 
   for (auto& [name, variable] : arguments.needPairs("selection")) {
     const vault::Secret* const secret = records->secretByName(name);
     if (secret == nullptr) throw ActionError("A selected secret no longer exists. Refresh the selection.");
+    ports_.vault.requireUnprotected(secret->id);
     selection.push_back({secret->id, variable});
     names += (names.empty() ? "" : ", ") + secret->name;
   }

@@ -154,6 +154,9 @@ AgentResponse withDocument(base::JsonWriter& writer);
 ActionPlan asking(const ActionCall& call, const std::string& phrase, std::function<AgentResponse()> run,
                   std::vector<std::string> details = {});
 
+/// One line for each of the proxy's stored options; one that says so when they cannot be read.
+std::vector<std::string> proxyLimitsInWords(const std::string& stored);
+
 /// Days of warning before an expiry when the owner set none.
 inline constexpr std::int64_t kDefaultRotationGraceDays = 14;
 

@@ -97,8 +97,13 @@ proxy::ProxyGrantStatus OwnerActionHandlers::grantNamed(const ActionArguments& a
 ActionPlan OwnerActionHandlers::proxyProtect(const ActionArguments& arguments, ActionCall& call) {
   const vault::Secret secret = secretNamed(arguments);
   const auto given = providerGiven(arguments);
-  return answer([this, secret, given, access = access(call, arguments)] {
-    const auto provider = given ? given : ports_.vault.recognisedProvider(secret.id);
+  const auto known = ports_.vault.protection();
+  const auto held = known.settings->protectedSecrets.find(secret.id);
+  const auto before = held == known.settings->protectedSecrets.end() ? std::nullopt : std::optional(held->second);
+  const auto run = [this, secret, given, before, access = access(call, arguments)] {
+    // One that is protected stays with its provider unless another one is named, which asks.
+    auto provider = given ? given : before;
+    if (!provider) provider = ports_.vault.recognisedProvider(secret.id);
     if (!provider) return providerUnclear(secret.name);
     ports_.vault.protectSecret(secret.id, *provider);
     ports_.vault.log(access);
@@ -106,7 +111,12 @@ ActionPlan OwnerActionHandlers::proxyProtect(const ActionArguments& arguments, A
     return withValue(base::SecretText("'" + secret.name + "' is protected as a key of " + maker +
                                       ". Programs get a stand-in for it, and only sorvane's local proxy sends it to " +
                                       maker + ". Task sessions that held the key were ended."));
-  });
+  };
+  if (!before || !given || *given == *before) return answer(run);
+  return asking(call, "protect a key as another provider's. Name: " + secret.name, run,
+                {"sorvane's local proxy sends the key to " + std::string(vault::shownName(*given)) +
+                     " from then on, in place of " + std::string(vault::shownName(*before)) + ".",
+                 "Task sessions that use it end."});
 }
 
 ActionPlan OwnerActionHandlers::proxyUnprotect(const ActionArguments& arguments, ActionCall& call) {
@@ -138,6 +148,10 @@ ActionPlan OwnerActionHandlers::proxyConfirm(const ActionArguments& arguments, A
     const vault::Secret* const secret = records->secretById(id);
     if (secret != nullptr) names += (names.empty() ? "" : ", ") + secret->name;
   }
+  std::vector<std::string> details{
+      names.empty() ? "No key is protected by them: every program that gets an environment gets its real keys."
+                    : "Keys that they protect: " + names + ". Every other key is delivered as it is."};
+  for (std::string& line : proxyLimitsInWords(known.settings->options)) details.push_back(std::move(line));
   return asking(
       call, "confirm the settings of protected keys as they are now",
       [this, access = access(call, arguments)] {
@@ -145,8 +159,7 @@ ActionPlan OwnerActionHandlers::proxyConfirm(const ActionArguments& arguments, A
         ports_.vault.log(access);
         return withValue(base::SecretText("The settings of protected keys hold as they are now."));
       },
-      {names.empty() ? "No key is protected by them: every program that gets an environment gets its real keys."
-                     : "Keys that they protect: " + names + ". Every other key is delivered as it is."});
+      std::move(details));
 }
 
 ActionPlan OwnerActionHandlers::proxyStatus(const ActionArguments&, ActionCall&) {

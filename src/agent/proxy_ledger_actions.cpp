@@ -8,8 +8,10 @@ namespace sorvane::agent {
 namespace {
 
 constexpr std::int64_t kDefaultCalls = 20;
-/// The owner's own prices fit into a request.
-constexpr std::size_t kMostPriceBytes = 60'000;
+/// The owner's own prices fit into a request, also when every one of their bytes is escaped there.
+constexpr std::size_t kMostPriceBytes = 32'000;
+/// The calls of one answer: a few megabytes of it.
+constexpr std::int64_t kMostCalls = 10'000;
 
 std::optional<std::string> given(const ActionArguments& arguments, std::string_view name) {
   const auto text = arguments.text(name);
@@ -20,7 +22,7 @@ std::optional<std::string> given(const ActionArguments& arguments, std::string_v
 struct Found {
   std::deque<std::string> last;
   proxy::LedgerTotals totals;
-  std::int64_t unreadable = 0;
+  std::int64_t accepted = 0, unreadable = 0;
 };
 
 Found find(OwnerProxy& proxy, const proxy::LedgerFilter& filter, std::size_t most, bool csv,
@@ -32,6 +34,7 @@ Found find(OwnerProxy& proxy, const proxy::LedgerFilter& filter, std::size_t mos
                   if (!record) ++found.unreadable;
                   if (!record || !filter.accepts(*record)) return;
                   found.totals.add(*record);
+                  ++found.accepted;
                   found.last.push_back(csv ? proxy::csvLine(*record) : proxy::encodeCall(*record));
                   if (found.last.size() > most) found.last.pop_front();
                 })
@@ -44,6 +47,10 @@ Found find(OwnerProxy& proxy, const proxy::LedgerFilter& filter, std::size_t mos
 }
 
 AgentResponse asCsv(const Found& found, std::vector<std::string> notices) {
+  if (found.accepted > static_cast<std::int64_t>(found.last.size())) {
+    notices.push_back("Only the newest " + std::to_string(found.last.size()) + " of " + std::to_string(found.accepted) +
+                      " calls are shown. Choose others with --since and --until.");
+  }
   base::SecretText text(proxy::csvHead());
   for (const std::string& line : found.last) text.append(line);
   AgentResponse response = withValue(std::move(text));
@@ -94,8 +101,8 @@ void write(base::JsonWriter& out, const proxy::PriceRow& row) {
 ActionPlan OwnerActionHandlers::proxyLedger(const ActionArguments& arguments, ActionCall&) {
   const std::string format = given(arguments, "format").value_or("json");
   if (format != "json" && format != "csv") throw ActionError("Choose json or csv as the format.");
-  const std::int64_t limit = arguments.integer("limit").value_or(format == "csv" ? INT64_MAX : kDefaultCalls);
-  if (limit < 0) throw ActionError("Choose a limit from 0.");
+  const std::int64_t limit = arguments.integer("limit").value_or(format == "csv" ? kMostCalls : kDefaultCalls);
+  if (limit < 0 || limit > kMostCalls) throw ActionError("Choose a limit from 0 to 10,000. Nothing was shown.");
   proxy::LedgerFilter filter;
   filter.since = arguments.date("since").value_or(std::nullopt);
   filter.until = arguments.date("until").value_or(std::nullopt);
@@ -144,7 +151,7 @@ ActionPlan OwnerActionHandlers::proxyPricesFetch(const ActionArguments& argument
 ActionPlan OwnerActionHandlers::proxyPricesOverride(const ActionArguments& arguments, ActionCall& call) {
   OwnerProxy& proxy = runningProxy();
   const std::string prices(call.value ? call.value->view() : std::string_view());
-  if (prices.size() > kMostPriceBytes) throw ActionError("Prices may be at most 60,000 bytes. Nothing was changed.");
+  if (prices.size() > kMostPriceBytes) throw ActionError("Prices may be at most 32,000 bytes. Nothing was changed.");
   std::vector<std::string> details{"Calls are charged by these prices, and budgets hold only as well as they do."};
   if (prices.empty()) {
     details = {"The prices that came with sorvane hold again."};

@@ -93,6 +93,13 @@ std::string secondsInWords(std::int64_t seconds) {
   return {};
 }
 
+constexpr const char *kBudget = "Budget of a session", *kCeiling = "The most that an agent may ask for",
+                     *kLongest = "Longest session", *kRate = "Requests a minute", *kBody = "Largest request in bytes",
+                     *kModels = "Allowed models", *kUnknown = "Unknown fields",
+                     *kVelocity = "A stand-in pauses when it spends this within a minute",
+                     *kAuthority = "Certificate authority that may vouch for providers, beside the system's",
+                     *kThrough = "Calls to providers go through";
+
 /// One line for each setting that allows more than before.
 class Widening {
  public:
@@ -111,30 +118,25 @@ class Widening {
 std::vector<std::string> widened(const ProxyOptions& now, const ProxyOptions& before) {
   const auto plain = [](std::int64_t number) { return std::to_string(number); };
   Widening found;
-  found.number("Budget of a session", now.limits.budgetCents, before.limits.budgetCents, proxy::dollarsOf);
-  found.number("The most that an agent may ask for", now.limits.budgetCeilingCents, before.limits.budgetCeilingCents,
-               proxy::dollarsOf);
-  found.number("Longest session", now.limits.longestSessionSeconds, before.limits.longestSessionSeconds,
-               secondsInWords);
-  found.number("Requests a minute", now.limits.requestsPerMinute, before.limits.requestsPerMinute, plain);
-  found.number("Largest request in bytes", now.limits.maxBodyBytes, before.limits.maxBodyBytes, plain);
+  found.number(kBudget, now.limits.budgetCents, before.limits.budgetCents, proxy::dollarsOf);
+  found.number(kCeiling, now.limits.budgetCeilingCents, before.limits.budgetCeilingCents, proxy::dollarsOf);
+  found.number(kLongest, now.limits.longestSessionSeconds, before.limits.longestSessionSeconds, secondsInWords);
+  found.number(kRate, now.limits.requestsPerMinute, before.limits.requestsPerMinute, plain);
+  found.number(kBody, now.limits.maxBodyBytes, before.limits.maxBodyBytes, plain);
   if (allowsMore(now.limits.models, before.limits.models)) {
-    found.add("Allowed models", inWords(now.limits.models), inWords(before.limits.models));
+    found.add(kModels, inWords(now.limits.models), inWords(before.limits.models));
   }
-  if (!now.refuseUnknownFields && before.refuseUnknownFields) found.add("Unknown fields", "passed on", "refused");
+  if (!now.refuseUnknownFields && before.refuseUnknownFields) found.add(kUnknown, "passed on", "refused");
   if (before.velocityCentsPerMinute &&
       now.velocityCentsPerMinute.value_or(INT64_MAX) > *before.velocityCentsPerMinute) {
-    found.add("A stand-in pauses when it spends this within a minute",
-              now.velocityCentsPerMinute ? proxy::dollarsOf(*now.velocityCentsPerMinute) : "never",
+    found.add(kVelocity, now.velocityCentsPerMinute ? proxy::dollarsOf(*now.velocityCentsPerMinute) : "never",
               proxy::dollarsOf(*before.velocityCentsPerMinute));
   }
   if (now.authorityPem && now.authorityPem != before.authorityPem) {
-    found.add("Certificate authority that may vouch for providers, beside the system's", "one that you give",
-              before.authorityPem ? "another one" : "none");
+    found.add(kAuthority, "one that you give", before.authorityPem ? "another one" : "none");
   }
   if (now.outboundProxy != before.outboundProxy) {
-    found.add("Calls to providers go through", now.outboundProxy.value_or("no proxy"),
-              before.outboundProxy.value_or("no proxy"));
+    found.add(kThrough, now.outboundProxy.value_or("no proxy"), before.outboundProxy.value_or("no proxy"));
   }
   return std::move(found).lines();
 }
@@ -182,6 +184,27 @@ void readOptions(const ActionArguments& arguments, ProxyOptions& options) {
 }
 
 }  // namespace
+
+std::vector<std::string> proxyLimitsInWords(const std::string& stored) {
+  const auto options = proxy::decodeOptions(stored);
+  if (!options) return {noLimits()};
+  std::vector<std::string> lines;
+  const auto add = [&](const char* what, const std::string& value) {
+    lines.push_back(std::string(what) + ": " + value + ".");
+  };
+  const proxy::ProxyDefaultLimits& limits = options->limits;
+  add(kBudget, proxy::dollarsOf(limits.budgetCents));
+  add(kCeiling, proxy::dollarsOf(limits.budgetCeilingCents));
+  add(kLongest, secondsInWords(limits.longestSessionSeconds));
+  add(kRate, std::to_string(limits.requestsPerMinute));
+  add(kBody, std::to_string(limits.maxBodyBytes));
+  add(kModels, inWords(limits.models));
+  add(kUnknown, options->refuseUnknownFields ? "refused" : "passed on");
+  add(kVelocity, options->velocityCentsPerMinute ? proxy::dollarsOf(*options->velocityCentsPerMinute) : "never");
+  add(kAuthority, options->authorityPem ? "one that these settings name" : "none");
+  add(kThrough, options->outboundProxy.value_or("no proxy"));
+  return lines;
+}
 
 ActionPlan OwnerActionHandlers::proxyLimitsGet(const ActionArguments&, ActionCall&) {
   return answer([this] {

@@ -70,6 +70,26 @@ TEST_F(ProxyActions, theProviderIsToldByTheKeyOrItsNamesAndElseMustBeSaid) {
   EXPECT_TRUE(asked_.empty()) << "to protect narrows";
 }
 
+TEST_F(ProxyActions, aProtectedKeyIsRedirectedOrExportedOnlyWithReason) {
+  makeProviderKeys();
+  vault().bind(idOf("app"), {"PROTECTED", vault().records()->secretByName("PROTECTED")->id, {}, {}});
+  EXPECT_TRUE(act({{"action", "proxyProtect"}, {"name", "PROTECTED"}}).ok);
+  for (const Payload& payload : {Payload{{"action", "exportOne"}, {"name", "app"}},
+                                 Payload{{"action", "exportSecrets"}, {"selection", R"([["PROTECTED","A"]])"}}}) {
+    EXPECT_FALSE(act(payload).ok);
+  }
+  EXPECT_TRUE(asked_.empty()) << "nobody is asked for what is refused anyway";
+  answer_ = ApprovalResult::denied;
+  EXPECT_FALSE(act({{"action", "proxyProtect"}, {"name", "PROTECTED"}, {"provider", "openrouter"}}).ok);
+  EXPECT_THAT(details_.at(0), HasSubstr("sends the key to OpenRouter from then on, in place of OpenAI."));
+  details_.clear();
+  EXPECT_FALSE(act({{"action", "proxyConfirm"}}).ok);
+  EXPECT_THAT(details_, ::testing::IsSupersetOf({std::string("Keys that they protect: PROTECTED. Every other key is "
+                                                             "delivered as it is."),
+                                                 std::string("Budget of a session: $5.00."),
+                                                 std::string("Calls to providers go through: no proxy.")}));
+}
+
 TEST_F(ProxyActions, toUnprotectSaysWhatFollows) {
   makeProviderKeys();
   const auto id = vault().records()->secretByName("PROTECTED")->id;
@@ -224,6 +244,8 @@ TEST_F(ProxyActions, theLedgerIsFilteredTotalledAndLimited) {
   const std::string text = value(csv);
   EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), 31);
   EXPECT_EQ(csv.warnings->size(), 2u);
+  const AgentResponse newest = act({{"action", "proxyLedger"}, {"format", "csv"}, {"limit", "3"}});
+  EXPECT_THAT(newest.warnings->back(), StartsWith("Only the newest 3 of 30 calls are shown."));
 }
 
 TEST_F(ProxyActions, ownPricesAreReadBeforeAnybodyIsAsked) {
