@@ -142,7 +142,7 @@ IssuedProxyGrant LocalProxyBroker::issueForRun(NewProxyGrant grant, const ProxyR
 
 IssuedProxyGrant LocalProxyBroker::State::issue(NewProxyGrant&& made, const std::string& poolKey) {
   const ProxyDefaultLimits defaults = ports.options().limits;
-  if (const auto refused = refusalOf(made.ask, defaults)) throw base::Error(refused->message);
+  if (const auto refused = refusalOf(made.ask, defaults)) throw ProxyAskError(refused->code);
   std::uint64_t since = 0;
   {
     const base::Lock lock(mutex);

@@ -94,7 +94,7 @@ struct VelocityQuestion {
 class LocalProxyBroker {
  public:
   /// What the broker works on; all outlive it. Whoever composes gives the meter to the forwarder and the grants to the
-  /// server, and registers the server's `cut` with the grants.
+  /// server, and registers the server's `cut` with the grants before the broker is made, so that it runs first.
   struct Ports {
     const base::Clock& clock;
     LocalProxyGrants& grants;
@@ -128,8 +128,8 @@ class LocalProxyBroker {
   std::int64_t budgetFor(const ProxyAsk& ask) const;
   /// Decides before the owner is asked; nullopt when the grant may be asked for.
   std::optional<ProxyAskRefusal> refusedAsk(const ProxyAsk& ask) const;
-  /// Throws ProxyUnavailable when the server does not run or a key is not among the protected ones, base::Error with
-  /// the refusal's message when the asking is refused by now, and what `audit` throws.
+  /// Throws ProxyUnavailable when the server does not run or a key is not among the protected ones, ProxyAskError when
+  /// the asking is refused by now or names a model that none of the grant's providers may use, and what `audit` throws.
   IssuedProxyGrant issue(NewProxyGrant grant);
   /// A grant for a command run: the run ends when the helper's process is gone, after kIdleRun without a call when that
   /// cannot be watched, at `until`, or with endRun. Grants of one run share one pool. When the helper is gone already,
@@ -158,6 +158,16 @@ class LocalProxyBroker {
  private:
   struct State;
   std::unique_ptr<State> state_;
+};
+
+/// A grant is not made for what was asked for, though the owner may have been asked. `code` is ProxyAskRefusal's.
+class ProxyAskError : public base::Error {
+ public:
+  explicit ProxyAskError(std::string code);
+  const std::string& code() const { return code_; }
+
+ private:
+  std::string code_;
 };
 
 /// The proxy does not run, so there is nothing to stand in.

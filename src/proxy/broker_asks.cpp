@@ -96,11 +96,22 @@ std::optional<ProxyAskRefusal> refusalOf(const ProxyAsk& ask, const ProxyDefault
   return std::nullopt;
 }
 
+ProxyAskError::ProxyAskError(std::string code)
+    : Error(
+          "The owner's limits do not allow what this stand-in was asked for, or not with the keys of this environment. "
+          "Nothing was shared. Ask for less, or ask the user to look at `sorvane proxy limits`."),
+      code_(std::move(code)) {}
+
 ProxyLimits limitsFor(const GrantedLimits& granted, const ProxyDefaultLimits& defaults) {
   ProxyLimits limits;
   limits.budgetMicros = multiplySaturating(granted.ask.budgetCents.value_or(defaults.budgetCents), kMicrosPerCent);
   limits.expiresAt = std::min(granted.until, granted.now + std::chrono::seconds(defaults.longestSessionSeconds));
   limits.models = modelsFor(granted, defaults.models);
+  for (const std::string& name : granted.ask.models.value_or(std::vector<std::string>{})) {
+    const bool allowed = std::any_of(limits.models->begin(), limits.models->end(),
+                                     [&](const auto& entry) { return contains(entry.second, name); });
+    if (!allowed) throw ProxyAskError(modelNotAllowed(name).code);
+  }
   limits.requestsPerMinute = static_cast<int>(defaults.requestsPerMinute);
   limits.maxBodyBytes = defaults.maxBodyBytes;
   limits.maxConcurrentCalls = kMaxConcurrentCalls;

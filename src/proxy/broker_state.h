@@ -22,6 +22,7 @@ struct GrantedLimits {
   const std::map<ProxyProvider, ProxyCredential>& credentials;
   base::Date now, until;
 };
+/// Throws ProxyAskError when a named model is allowed for none of the providers.
 ProxyLimits limitsFor(const GrantedLimits& granted, const ProxyDefaultLimits& defaults);
 /// nullopt when a grant may be asked for.
 std::optional<ProxyAskRefusal> refusalOf(const ProxyAsk& ask, const ProxyDefaultLimits& defaults);

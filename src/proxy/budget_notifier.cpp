@@ -1,5 +1,7 @@
 #include "proxy/budget_notifier.h"
 
+#include <algorithm>
+
 namespace sorvane::proxy {
 namespace {
 
@@ -60,8 +62,18 @@ void NotifyingProxyMeter::release(std::string_view lookupId, const ReservationId
 }
 
 void NotifyingProxyMeter::settle(std::string_view lookupId, const ReservationId& id, Micros charged) {
+  const auto before = inner_.spendOf(lookupId);
   inner_.settle(lookupId, id, charged);
-  tell(lookupId);
+  if (!before || inner_.spendOf(lookupId)) return tell(lookupId);
+  // The last call of a grant that ended: the meter forgot it with this, and the pool with the last of its grants.
+  const std::string key = poolKeyOf(lookupId);
+  auto last = inner_.spendOfPool(key);
+  if (!last) {
+    last = before;
+    last->spentMicros = addSaturating(last->spentMicros, std::max<Micros>(charged, 0));
+  }
+  if (!key.empty() && BudgetNotifier::worthSaying(*last)) notifier_.note(lookupId, key, *last);
+  forgetWithInner(lookupId);
 }
 
 void NotifyingProxyMeter::exhaust(std::string_view lookupId) {

@@ -178,7 +178,20 @@ TEST_F(Broker, refusesWhatTheOwnerDoesNotAllow) {
             "proxy_models_not_allowed: The owner does not allow the model m-3 for agents. Nothing was asked.");
   NewProxyGrant made = wanted();
   made.ask.budgetCents = 5'001;
-  EXPECT_THROW(broker_->issue(std::move(made)), base::Error);
+  const auto codeOf = [&](NewProxyGrant grant) -> std::string {
+    try {
+      broker_->issue(std::move(grant));
+    } catch (const ProxyAskError& error) {
+      EXPECT_EQ(std::string(error.what()).find("Nothing was asked."), std::string::npos);
+      return error.code();
+    }
+    return "";
+  };
+  EXPECT_EQ(codeOf(std::move(made)), "proxy_budget_above_ceiling");
+  NewProxyGrant other = wanted();
+  other.ask.models = {"m-1"};
+  other.credentials.erase(ProxyProvider::openai);
+  EXPECT_EQ(codeOf(std::move(other)), "proxy_models_not_allowed") << "the model of a provider without a key";
   EXPECT_TRUE(audit().empty());
 }
 

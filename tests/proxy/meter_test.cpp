@@ -215,6 +215,15 @@ TEST_F(Notices, tellOnceOfEachCaseOfAPool) {
   EXPECT_EQ(taken(), kNearly);
 }
 
+TEST_F(Notices, tellOfTheLastCallOfAGrantThatEnded) {
+  noticing_.open("a", "own", limits(5'000'000));
+  ASSERT_EQ(asked(noticing_, "a", 5'000'000), "admitted");
+  noticing_.close("a");
+  noticing_.settle("a", last_, 4'000'000);
+  EXPECT_EQ(taken().size(), 1u);
+  EXPECT_EQ(meter_.size().pools, 0u);
+}
+
 TEST_F(Notices, passOverABudgetOfNothingAndHoldNearTheLargest) {
   noticing_.open("a", "none", limits(0));
   spend(noticing_, "a", 0);
