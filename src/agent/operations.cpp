@@ -83,6 +83,9 @@ AgentResponse perform(Handlers& handlers, Call& call) {
     return AgentResponse::refused(error.sentence(), error.code());
   } catch (const proxy::ProxyUnavailable&) {
     return proxyUnavailable();
+  } catch (const proxy::ProxyAskError&) {
+    // The limits became narrower while the owner was asked.
+    return proxyApprovalChanged();
   } catch (const vault::DeploymentPolicyError& error) {
     return AgentResponse::refused(error.sentence(), "deployment_policy_refused");
   } catch (const TaskSessions::Failure& failure) {
