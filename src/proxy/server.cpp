@@ -9,17 +9,20 @@
 
 #include <array>
 #include <cerrno>
+#include <chrono>
+#include <thread>
 #include <vector>
 
 #include "base/diagnostics.h"
+#include "base/open_descriptors.h"
 #include "proxy/server_exchange.h"
 
 namespace sorvane::proxy {
 namespace {
 
 constexpr int kBacklog = 128;
-// How long accepting rests when the system has no descriptor left.
-constexpr int kAcceptPauseMilliseconds = 50;
+// How long accepting rests when the system lacks descriptors, memory or a network for the moment.
+constexpr std::chrono::milliseconds kAcceptPause{50};
 
 [[noreturn]] void cannotListen() {
   throw ProxyServerError("The local proxy could not listen on this computer. Nothing was shared. Try again.");
@@ -27,6 +30,14 @@ constexpr int kAcceptPauseMilliseconds = 50;
 
 TcpEnd endOf(const sockaddr_in& address) {
   return {ntohl(address.sin_addr.s_addr), ntohs(address.sin_port)};
+}
+
+sockaddr_in addressOf(const TcpEnd& end) {
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_addr.s_addr = htonl(end.address);
+  address.sin_port = htons(end.port);
+  return address;
 }
 
 template <typename Ask>
@@ -38,27 +49,35 @@ std::optional<TcpEnd> endBy(const Ask& ask, int socket) {
 }
 
 base::Descriptor openListener() {
-  base::Descriptor listener(::socket(AF_INET, SOCK_STREAM, 0));
+  base::Descriptor listener = base::openSocket(AF_INET, SOCK_STREAM);
   if (!listener) cannotListen();
-  ::fcntl(listener.get(), F_SETFD, FD_CLOEXEC);
   ::fcntl(listener.get(), F_SETFL, O_NONBLOCK);
 #ifdef SO_NOSIGPIPE
   const int on = 1;
   ::setsockopt(listener.get(), SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
 #endif
-  sockaddr_in address{};
-  address.sin_family = AF_INET;
-  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  if (::bind(listener.get(), reinterpret_cast<sockaddr*>(&address), sizeof address) != 0) cannotListen();
+  const sockaddr_in address = addressOf({INADDR_LOOPBACK, 0});
+  if (::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) cannotListen();
   if (::listen(listener.get(), kBacklog) != 0) cannotListen();
   return listener;
+}
+
+// The connection, not the listener, is what failed; the next one is asked for at once.
+bool wasTheConnections(int error) {
+  return error == EINTR || error == EAGAIN || error == EWOULDBLOCK || error == ECONNABORTED;
+}
+
+// The listener is none any more. Everything else is a lack that may pass.
+bool isFatal(int error) {
+  return error == EBADF || error == EINVAL || error == ENOTSOCK || error == EFAULT;
 }
 
 }  // namespace
 
 /// What one generation of the server holds: from a start to the stop that follows.
 struct LocalProxyServer::Listening {
-  base::Descriptor listener, wakeRead, wakeWrite;
+  base::Descriptor listener;
+  base::Pipe wake;
   // The last member: its threads are joined before the descriptors go.
   std::unique_ptr<ServerWorkers> workers;
 };
@@ -76,51 +95,67 @@ LocalProxyServer::~LocalProxyServer() {
 std::uint16_t LocalProxyServer::start() {
   const base::Lock lifecycle(lifecycle_);
   if (const auto open = port()) return *open;
+  // What is left of a generation whose listener broke.
+  end();
+  if (configuration_.checkPeerUID) checkOwnersAreTold();
   auto fresh = std::make_unique<Listening>();
   fresh->listener = openListener();
   const auto bound = endBy(::getsockname, fresh->listener.get());
-  std::array<int, 2> wake{};
-  if (!bound || ::pipe(wake.data()) != 0) cannotListen();
-  fresh->wakeRead.reset(wake[0]);
-  fresh->wakeWrite.reset(wake[1]);
-  for (const int end : wake) ::fcntl(end, F_SETFD, FD_CLOEXEC);
+  auto wake = base::openPipe();
+  if (!bound || !wake) cannotListen();
+  fresh->wake = std::move(*wake);
   throttle_.reset();
-  {
-    const base::Lock lock(lock_);
-    listening_ = true;
-    boundPort_ = bound->port;
-  }
   running_ = std::move(fresh);
   Listening& listening = *running_;
   const auto most = static_cast<std::size_t>(configuration_.maxConnections + configuration_.maxBusyAnswers + 1);
-  listening.workers = std::make_unique<ServerWorkers>(
-      most, ServerWorkers::Work{[this, &listening] { return next(listening); },
-                                [this](base::Descriptor socket) { serve(std::move(socket)); }});
+  publish(bound->port);
   try {
+    listening.workers = std::make_unique<ServerWorkers>(
+        most, ServerWorkers::Work{[this, &listening] { return next(listening); },
+                                  [this](base::Descriptor socket) { serve(std::move(socket)); }});
     listening.workers->start();
   } catch (const std::exception&) {
-    running_.reset();
-    const base::Lock lock(lock_);
-    listening_ = false;
-    boundPort_.reset();
+    publish(std::nullopt);
+    end();
     cannotListen();
   }
   return bound->port;
 }
 
+void LocalProxyServer::checkOwnersAreTold() {
+  // A listener that nobody else knows, and a connection to it that waits in its queue.
+  const base::Descriptor listener = openListener();
+  const base::Descriptor client = base::openSocket(AF_INET, SOCK_STREAM);
+  const auto here = endBy(::getsockname, listener.get());
+  if (!here || !client) cannotListen();
+  const sockaddr_in address = addressOf(*here);
+  if (::connect(client.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) cannotListen();
+  const auto there = endBy(::getsockname, client.get());
+  if (there && ports_.owners.ownerOf(*there, *here) == ::geteuid()) return;
+  throw ProxyServerError(
+      "The local proxy did not start, because this computer does not tell which user a connection comes from. Nothing "
+      "was shared. Allow sorvane to ask for it (on Linux: netlink sockets and the kernel module tcp_diag), then try "
+      "again.");
+}
+
 void LocalProxyServer::stop() {
   const base::Lock lifecycle(lifecycle_);
+  publish(std::nullopt);
+  end();
+}
+
+void LocalProxyServer::end() {
   if (running_ == nullptr) return;
-  {
-    const base::Lock lock(lock_);
-    listening_ = false;
-    boundPort_.reset();
-  }
   // Wakes whoever waits for the next connection, now and later: nobody reads it.
-  while (::write(running_->wakeWrite.get(), "", 1) < 0 && errno == EINTR) {
+  while (::write(running_->wake.write.get(), "", 1) < 0 && errno == EINTR) {
   }
   for (const auto& connection : connections(std::nullopt)) connection->cut();
   running_.reset();
+}
+
+void LocalProxyServer::publish(std::optional<std::uint16_t> port) {
+  const base::Lock lock(lock_);
+  boundPort_ = port;
 }
 
 std::optional<std::uint16_t> LocalProxyServer::port() const {
@@ -141,26 +176,25 @@ std::vector<std::shared_ptr<ProxyConnection>> LocalProxyServer::connections(std:
   return found;
 }
 
-base::Descriptor LocalProxyServer::next(Listening& listening) {
+base::Descriptor LocalProxyServer::next(const Listening& listening) {
   while (true) {
-    std::array<pollfd, 2> entries{{{listening.listener.get(), POLLIN, 0}, {listening.wakeRead.get(), POLLIN, 0}}};
-    if (::poll(entries.data(), entries.size(), -1) < 0) {
-      if (errno == EINTR) continue;
+    std::array<pollfd, 2> entries{{{listening.listener.get(), POLLIN, 0}, {listening.wake.read.get(), POLLIN, 0}}};
+    const bool polled = ::poll(entries.data(), entries.size(), -1) >= 0;
+    if (polled && entries[1].revents != 0) return {};
+    if (polled) {
+      if (base::Descriptor socket = base::acceptFrom(listening.listener.get())) return socket;
+    }
+    if (wasTheConnections(errno)) continue;
+    if (isFatal(errno)) {
+      publish(std::nullopt);
+      base::diagnose("proxy", "the local proxy stopped: its listener failed");
       return {};
     }
-    if (entries[1].revents != 0) return {};
-    base::Descriptor socket(::accept(listening.listener.get(), nullptr, nullptr));
-    if (socket) return socket;
-    if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
-      ::poll(&entries[1], 1, kAcceptPauseMilliseconds);
-    } else if (errno == EBADF || errno == EINVAL) {
-      return {};
-    }
+    std::this_thread::sleep_for(kAcceptPause);
   }
 }
 
 void LocalProxyServer::serve(base::Descriptor socket) {
-  ::fcntl(socket.get(), F_SETFD, FD_CLOEXEC);
   bool busy = false;
   std::shared_ptr<ProxyConnection> connection;
   try {
@@ -193,11 +227,14 @@ bool LocalProxyServer::isWelcome(int socket) const {
 
 std::shared_ptr<ProxyConnection> LocalProxyServer::admit(base::Descriptor socket, bool& busy) {
   const base::Lock lock(lock_);
-  if (!listening_) return nullptr;
+  if (!boundPort_) return nullptr;
+  const int id = nextConnectionId_++;
+  auto connection = std::make_shared<ProxyConnection>(id, std::move(socket));
+  connections_.emplace(id, connection);
+  // Last, as the others may throw.
   busy = served_ >= configuration_.maxConnections;
   if (!busy) ++served_;
-  const int id = nextConnectionId_++;
-  return connections_.emplace(id, std::make_shared<ProxyConnection>(id, std::move(socket))).first->second;
+  return connection;
 }
 
 void LocalProxyServer::leave(const ProxyConnection& connection, bool busy) {

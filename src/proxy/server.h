@@ -40,7 +40,7 @@ struct ProxyPeer {
 /// here, refused here, or handed to the forwarder (docs/proxy.md). Any thread may call any function; `stop` not from a
 /// connection's own.
 ///
-///   stopped --start--> listening --stop--> stopped
+///   stopped --start--> listening --stop, or the listener breaks--> stopped
 ///
 ///   connection: head -> checks -> body -> forwarding -> answered -> closed
 ///                 \________\________\_____> refused -> draining -> closed      cut: from anywhere to closed
@@ -92,7 +92,12 @@ class LocalProxyServer final : public ProxyServing {
   friend class ProxyExchange;
   struct Listening;
 
-  base::Descriptor next(Listening& listening);
+  /// Throws ProxyServerError when the system does not tell whose a connection is; no client would be served.
+  void checkOwnersAreTold();
+  /// Closes every connection and waits for the threads.
+  void end() REQUIRES(lifecycle_);
+  void publish(std::optional<std::uint16_t> port);
+  base::Descriptor next(const Listening& listening);
   void serve(base::Descriptor socket);
   bool isWelcome(int socket) const;
   /// nullptr when the server stops. `busy` is set when the connection is one too many.
@@ -114,9 +119,8 @@ class LocalProxyServer final : public ProxyServing {
   mutable base::Mutex lock_;
   std::map<int, std::shared_ptr<ProxyConnection>> connections_ GUARDED_BY(lock_);
   int nextConnectionId_ GUARDED_BY(lock_) = 1;
-  int served_ GUARDED_BY(lock_) = 0;  ///< connections without those that are told "busy"
-  bool listening_ GUARDED_BY(lock_) = false;
-  std::optional<std::uint16_t> boundPort_ GUARDED_BY(lock_);
+  int served_ GUARDED_BY(lock_) = 0;                          ///< connections without those that are told "busy"
+  std::optional<std::uint16_t> boundPort_ GUARDED_BY(lock_);  ///< while it listens
 };
 
 }  // namespace sorvane::proxy

@@ -1,7 +1,7 @@
 #include "proxy/server_workers.h"
 
 #include <algorithm>
-#include <system_error>
+#include <exception>
 
 namespace sorvane::proxy {
 
@@ -19,6 +19,9 @@ ServerWorkers::~ServerWorkers() {
 
 void ServerWorkers::start() {
   const base::Lock lock(mutex_);
+  // With room for every worker, going idle and ending need no memory.
+  idle_.reserve(most_);
+  ended_.reserve(most_);
   led_ = true;
   spawn();
 }
@@ -38,17 +41,26 @@ void ServerWorkers::spawn() {
 }
 
 void ServerWorkers::run(At self) {
-  while (awaitLeadership(self)) {
+  while (awaitLeadership(self)) lead(self);
+}
+
+void ServerWorkers::lead(At self) {
+  bool leading = true;
+  try {
     base::Descriptor socket = work_.next();
-    const bool last = !socket;
-    if (last) {
+    if (!socket) {
       const base::Lock lock(mutex_);
       over_ = true;
       for (const At& worker : idle_) worker->wake.notify_one();
-      continue;
+      return;
     }
+    leading = false;
     promoteAnother();
     work_.serve(std::move(socket));
+  } catch (const std::exception&) {
+    // One connection is lost at most. A leader goes on leading: the others wait to be woken by it.
+    const base::Lock lock(mutex_);
+    if (leading) self->leads = true;
   }
 }
 
@@ -87,7 +99,7 @@ void ServerWorkers::promoteAnother() {
     try {
       spawn();
       led_ = true;
-    } catch (const std::system_error&) {
+    } catch (const std::exception&) {
       // The next worker that is done leads.
     }
   }

@@ -20,9 +20,9 @@ class ServerWorkers {
   static constexpr std::chrono::seconds kIdle{10};
 
   struct Work {
-    /// Blocks until a connection is there. An empty descriptor: there will be no more.
+    /// Blocks until a connection is there. An empty descriptor: there will be no more. Asked again when it throws.
     std::function<base::Descriptor()> next;
-    /// Must not throw.
+    /// What it throws is dropped.
     std::function<void(base::Descriptor)> serve;
   };
   ServerWorkers(std::size_t most, Work work) : most_(most), work_(std::move(work)) {}
@@ -31,7 +31,7 @@ class ServerWorkers {
   ServerWorkers(const ServerWorkers&) = delete;
   ServerWorkers& operator=(const ServerWorkers&) = delete;
 
-  /// Begins with one thread. Throws std::system_error when the system gives none.
+  /// Begins with one thread. Throws std::exception when the system gives none.
   void start();
 
  private:
@@ -45,6 +45,8 @@ class ServerWorkers {
   void run(At self);
   /// False: the worker is to end.
   bool awaitLeadership(At self);
+  /// Leads until a connection is there, then serves it.
+  void lead(At self);
   void promoteAnother();
   void spawn() REQUIRES(mutex_);
   void end(At self) REQUIRES(mutex_);

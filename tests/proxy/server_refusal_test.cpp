@@ -72,5 +72,35 @@ TEST_F(ProxyServer, aConnectionBeyondTheLastIsRefusedInTheDialectOfThePathItName
   EXPECT_EQ(dialectIn(ask("")), "openai");
 }
 
+TEST_F(ProxyServer, doesNotStartWhereNobodysConnectionIsTold) {
+  for (const std::optional<uid_t> uid : {std::optional<uid_t>(), std::optional<uid_t>(::geteuid() + 1)}) {
+    owners.answer(uid);
+    EXPECT_THROW(start(), ProxyServerError);
+    EXPECT_FALSE(server_->port());
+  }
+  // The same server starts once it is told.
+  owners.answer(::geteuid());
+  port = server_->start();
+  EXPECT_EQ(statusOf(ask(Request{})), 200);
+}
+
+TEST_F(ProxyServer, aListenerThatBreaksIsToldAsStoppedAndTheNextStartServes) {
+  auto& server = start();
+  for (int fd = 0; fd < 1'024; ++fd) {
+    sockaddr_in address{};
+    socklen_t size = sizeof address;
+    int listens = 0;
+    socklen_t flag = sizeof listens;
+    if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &size) == 0 && address.sin_port == htons(port) &&
+        ::getsockopt(fd, SOL_SOCKET, SO_ACCEPTCONN, &listens, &flag) == 0 && listens != 0) {
+      ::shutdown(fd, SHUT_RDWR);
+    }
+  }
+  for (int round = 0; round < 500 && server.port(); ++round) std::this_thread::sleep_for(10ms);
+  ASSERT_FALSE(server.port());
+  port = server.start();
+  EXPECT_EQ(statusOf(ask(Request{})), 200);
+}
+
 }  // namespace
 }  // namespace sorvane::proxy::test_server
