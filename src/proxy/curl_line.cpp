@@ -21,6 +21,8 @@ constexpr long kConnectMilliseconds = 15'000;
 constexpr long kConnectionAgeSeconds = 90;
 /// How long one wait may last; what matters wakes it.
 constexpr int kWaitMilliseconds = 60'000;
+/// How long the end of an answer is waited for whose client has left with its last event.
+constexpr std::chrono::milliseconds kLinger{100};
 
 struct FreeList {
   void operator()(curl_slist* list) const {
@@ -87,7 +89,10 @@ struct CurlLine::Call {
   Ended ended = Ended::no;
   bool watchesClient = true;
   std::size_t droppedBytes = 0;  ///< that the client sent behind its request
-  std::exception_ptr thrown{};   ///< by the receiver
+  std::optional<std::chrono::steady_clock::time_point> lingersUntil{};
+  std::exception_ptr thrown{};  ///< by the receiver
+
+  int waitMilliseconds() const { return lingersUntil ? static_cast<int>(kLinger.count()) : kWaitMilliseconds; }
 };
 
 void CurlLine::FreeEasy::operator()(void* easy) const {
@@ -247,7 +252,13 @@ void CurlLine::lookAtClient(Call& call, int client) {
       call.watchesClient = false;
       break;
     case ClientSocket::gone:
-      call.ended = Ended::hungUp;
+      call.watchesClient = false;
+      if (call.headGiven && call.receiver.hasEnough()) {
+        // Clients leave at the last event; the end that follows it keeps the connection for the next call.
+        call.lingersUntil = std::chrono::steady_clock::now() + kLinger;
+      } else {
+        call.ended = Ended::hungUp;
+      }
       break;
   }
 }
@@ -257,11 +268,13 @@ void CurlLine::wait(Call& call, const UpstreamWatch& watch) {
   // A client that has the whole answer may go.
   const bool watched = call.watchesClient && !call.lastGiven;
   // A stop from now on wakes the wait; one from before has left its mark there.
-  curl_multi_poll(multi_.get(), &client, watched ? 1 : 0, kWaitMilliseconds, nullptr);
+  curl_multi_poll(multi_.get(), &client, watched ? 1 : 0, call.waitMilliseconds(), nullptr);
   if (watch.stop.stop_requested()) {
     call.ended = Ended::stopped;
   } else if (client.revents != 0) {
     lookAtClient(call, watch.client);
+  } else if (call.lingersUntil && std::chrono::steady_clock::now() >= *call.lingersUntil) {
+    call.ended = Ended::hungUp;
   }
 }
 

@@ -71,7 +71,7 @@ class LocalProxyForwarder::Call {
  private:
   void settle(CallEnd end);
   void release();
-  CallOutcome outcomeOf(const UpstreamResult& result, bool answered) const;
+  CallOutcome outcomeOf(const UpstreamResult& result, const UpstreamAnswer& answer) const;
   void record(CallOutcome outcome, int status);
 
   const Parts& parts_;
@@ -131,11 +131,13 @@ void LocalProxyForwarder::Call::release() {
   slot_.giveBack();
 }
 
-CallOutcome LocalProxyForwarder::Call::outcomeOf(const UpstreamResult& result, bool answered) const {
-  if (answered) return CallOutcome::completed;
+CallOutcome LocalProxyForwarder::Call::outcomeOf(const UpstreamResult& result, const UpstreamAnswer& answer) const {
+  if (answer.finished()) return CallOutcome::completed;
   const ChannelEnd ended = request_.client.ended();
   if (ended == ChannelEnd::cut || request_.client.stopped().stop_requested()) return CallOutcome::cut;
-  if (ended == ChannelEnd::clientGone || result.hungUp || !result.error) return CallOutcome::clientAborted;
+  if (ended == ChannelEnd::clientGone || result.hungUp || !result.error) {
+    return answer.hasEnough() ? CallOutcome::completed : CallOutcome::clientAborted;
+  }
   switch (*result.error) {
     case ProxyTransportError::notSent:
       return CallOutcome::notSent;
@@ -163,7 +165,7 @@ void LocalProxyForwarder::Call::run(const ProxyCredential& credential) {
   } else {
     release();
   }
-  const CallOutcome outcome = outcomeOf(result, answer.finished());
+  const CallOutcome outcome = outcomeOf(result, answer);
   if (result.error && !answer.finished() && !result.hungUp) {
     answer.breakOff(proxy::refusalOf(result, request_.route.provider));
   }

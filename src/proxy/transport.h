@@ -58,6 +58,9 @@ class UpstreamReceiver {
   virtual bool body(std::string_view bytes, UpstreamPiece piece) = 0;
   /// Everything that had arrived was given; the provider is waited for now.
   virtual void quiet() {}
+  /// Whether the client has all that matters, though the answer has not ended. A client that hangs up then is no reason
+  /// to break off at once.
+  virtual bool hasEnough() const { return false; }
 };
 
 /// What ends a call from this side.

@@ -85,12 +85,16 @@ bool UpstreamAnswer::body(std::string_view bytes, UpstreamPiece piece) {
   if (piece == UpstreamPiece::more) return give(shown);
   last_.assign(shown);
   end();
-  return finished_;
+  return finished_ || hasEnough();
 }
 
 void UpstreamAnswer::quiet() {
   // Other answers keep their head for the first bytes; whoever reads events wants to know that they will come.
   if (events_ && !begun_ && begin()) static_cast<void>(request_.client.flush());
+}
+
+bool UpstreamAnswer::hasEnough() const {
+  return events_ && begun_ && !meter_.charge(CallEnd::broken).estimated;
 }
 
 void UpstreamAnswer::end() {

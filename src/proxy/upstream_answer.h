@@ -23,6 +23,8 @@ class UpstreamAnswer final : public UpstreamReceiver {
   bool head(UpstreamHead head) override;
   bool body(std::string_view bytes, UpstreamPiece piece) override;
   void quiet() override;
+  /// A stream whose last report of usage went on.
+  bool hasEnough() const override;
 
   /// The transport saw the end of an answer without a last piece.
   void end();

@@ -459,6 +459,25 @@ TEST(LocalProxyForwarder, everyWayThatACallEndsIsSettledOnceAndRecorded) {
   }
 }
 
+TEST(LocalProxyForwarder, aClientThatLeavesWithTheLastEventHasItsAnswer) {
+  const std::string usage =
+      R"(data: {"choices":[],"usage":{"prompt_tokens":10,"completion_tokens":5,"total_tokens":15}})"
+      "\n\n";
+  for (const bool ends : {true, false}) {
+    Proxy proxy([&](TlsStub::Connection& connection) {
+      connection.next();
+      connection.send(std::string(test::kStreamHead) + chunk(usage) + chunk("data: [DONE]\n\n"));
+      connection.send(ends ? "0\r\n\r\n" : "");
+      connection.awaitEnd();
+    });
+    RecordingClient client;
+    client.onWrite = [&](std::string_view) { client.theirs.reset(); };
+    proxy.call(client, kChatStream);
+    EXPECT_EQ(proxy.last().outcome, CallOutcome::completed) << ends;
+    EXPECT_EQ(proxy.last().chargedMicros, 60);
+  }
+}
+
 TEST(LocalProxyForwarder, aProviderThatCannotBeReachedCostsNothing) {
   Proxy proxy(TlsStub::answering(""));
   proxy.transport.configure({.version = "1", .authorityPem = {}, .outboundProxy = {}});
