@@ -39,8 +39,9 @@ function(room name)
     set(ARG_FOLDER ${name})
   endif()
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/${ARG_FOLDER}/*.cpp)
-  # What base/system.h declares stands with the adapters and is linked with base, which needs it.
-  set(system_sources ${CMAKE_CURRENT_SOURCE_DIR}/src/${SORVANE_PLATFORM}/system.cpp)
+  # What base/system.h and base/open_descriptors.h declare stands with the adapters and is linked with base, which needs it.
+  set(system_sources ${CMAKE_CURRENT_SOURCE_DIR}/src/${SORVANE_PLATFORM}/system.cpp
+      ${CMAKE_CURRENT_SOURCE_DIR}/src/${SORVANE_PLATFORM}/open_descriptors.cpp)
   if(name STREQUAL base)
     list(APPEND sources ${system_sources})
   else()

@@ -17,8 +17,8 @@ struct Row {
 using H = OwnerActionHandlers;
 
 // Every action of the owner, and whether it asks. What reveals, replaces, binds, deletes, exports or widens access asks
-// every time; names, statuses, history, a new secret and an empty environment do not. Of the proxy's limits only what
-// widens asks: its plan has the question then.
+// every time; names, statuses, history, a new secret and an empty environment do not. Of the proxy's limits and keys
+// only what widens asks: its plan has the question then.
 constexpr std::array kActions{
     Row{"status", Asks::no, &H::status},
     Row{"secretList", Asks::no, &H::secretList},
@@ -67,7 +67,7 @@ constexpr std::array kActions{
     Row{"gc", Asks::yes, &H::gc},
     Row{"storeShow", Asks::no, &H::storeShow},
     Row{"storeMove", Asks::yes, &H::storeMove},
-    Row{"proxyProtect", Asks::no, &H::proxyProtect},
+    Row{"proxyProtect", Asks::whenItWidens, &H::proxyProtect},
     Row{"proxyUnprotect", Asks::yes, &H::proxyUnprotect},
     Row{"proxyConfirm", Asks::yes, &H::proxyConfirm},
     Row{"proxyStatus", Asks::no, &H::proxyStatus},
