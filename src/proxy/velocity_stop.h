@@ -19,7 +19,8 @@ namespace sorvane::proxy {
 /// itself after the owner's yes. The official clients wait at most 60 seconds.
 inline constexpr int kPausedRetrySeconds = 15;
 
-/// VelocityStop pauses a grant whose charges reach the owner's limit within a minute, and asks what to do with it. The outermost meter. Any thread.
+/// VelocityStop pauses a grant whose charges reach the owner's limit within a minute, and asks what to do with it. The
+/// outermost meter. Any thread.
 ///
 ///   running --charges reach the limit--> asking --yes--> running, with an empty minute
 ///                                            asking --no--> stopped --resume--> running
