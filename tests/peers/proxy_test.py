@@ -241,7 +241,8 @@ class OfficialClients(unittest.TestCase):
                     self.assertGreater(len(outcome["events"]), 3)
                     [call], [record] = self.settled()
                     self.assertPartCharged(call, record)
-                    self.assertEqual(record["outcome"], "failed" if scene == "cut" else "completed")
+                    # A client that is told of an error hangs up, which may be before the provider ends its stream.
+                    self.assertIn(record["outcome"], ("failed",) if scene == "cut" else ("completed", "clientAborted"))
             with self.subTest(kind=kind, scene="cut, not streamed"):
                 outcome = self.stage.call(kind, act, body(self.text("cut")), key=self.key)
                 self.assertIn("error", outcome)
@@ -268,7 +269,7 @@ class OfficialClients(unittest.TestCase):
                 self.refused("PermissionDeniedError", 403, kind, key=self.issue(models={provider: ["another-model"]}))
                 outcome = self.refused("APIError", 402, kind, key=self.issue(budgetMicros=1), options={"maxRetries": 2})
                 self.assertEqual(len(outcome["exchanges"]), 1)
-                self.assertIn("spend limit is reached", outcome["error"]["message"])
+                self.assertIn("Nothing was sent.", outcome["error"]["message"])
                 self.refused("RateLimitError", 429, kind, key=self.issue(requestsPerMinute=0))
                 self.refused("APIError", 413, kind, key=self.issue(maxBodyBytes=1024), body=body("scene plain" + " x" * 600))
                 self.refused("BadRequestError", 400, kind, body=body("scene plain") | {"model": "a-model-without-a-price"})
@@ -307,7 +308,8 @@ class OfficialClients(unittest.TestCase):
             self.assertIn("result", self.stage.call(kind, "messages", anthropic(self.text("greedy")), key=key))
             [call], [record] = self.settled()
             self.assertEqual((record["discrepancy"], record["chargedMicros"]), (True, int(call["charged"])))
-            self.refused("APIError", 402, kind, key=key)
+            outcome = self.refused("APIError", 402, kind, key=key)
+            self.assertIn("spend limit is reached", outcome["error"]["message"])
 
     def test_the_real_key_never_comes_back(self):
         for kind, (act, body) in BODIES.items():
