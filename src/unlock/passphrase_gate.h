@@ -1,0 +1,34 @@
+#pragma once
+
+#include <optional>
+
+#include "base/secret_text.h"
+#include "unlock/unlock_configuration.h"
+
+namespace sorvane::unlock {
+
+/// PassphraseGate is what a passphrase opens: the credential store where that is sealed under it, the lock alone where
+/// it is not. Called on the thread where passphrases are derived, one call at a time; every call may take a moment.
+class PassphraseGate {
+ public:
+  enum class Verdict {
+    right,
+    wrong,
+    unknown,  ///< it could not be told; that counts for nothing
+  };
+
+  virtual ~PassphraseGate() = default;
+  /// Tries the passphrase, with one derivation. A sealed store is open afterwards when it is `right`, and the stored
+  /// configuration can then be read; `configuration`, the one in force, is what a store that is not sealed goes by.
+  virtual Verdict attempt(const base::SecretText& passphrase, const UnlockConfiguration& configuration) = 0;
+  /// Has `configuration`, which names the verifier of `passphrase`, in force and stored: a store that can be sealed is
+  /// sealed under the passphrase before this returns. Cut off at any point, what opened before or the new passphrase
+  /// opens. Throws UnlockError storage, and nothing has changed then.
+  virtual void adopt(const base::SecretText& passphrase, const UnlockConfiguration& configuration) = 0;
+  /// The same for a configuration whose requirement is off: the store is then readable without a passphrase.
+  virtual void release(const UnlockConfiguration& configuration) = 0;
+  /// Wipes the key of the store from memory; a sealed store needs its passphrase again.
+  virtual void close() = 0;
+};
+
+}  // namespace sorvane::unlock
