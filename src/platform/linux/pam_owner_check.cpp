@@ -1,0 +1,111 @@
+#include "platform/linux/pam_owner_check.h"
+
+#include <poll.h>
+#include <pwd.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <vector>
+
+#include "base/unicode.h"
+#include "platform/linux/pam_library.h"
+
+namespace sorvane::platform {
+namespace {
+
+/// The name of the user that this process runs as; empty when the system knows none.
+std::string userName() {
+  std::vector<char> buffer(16384);
+  passwd entry{};
+  passwd* found = nullptr;
+  if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr) return {};
+  return found->pw_name;
+}
+
+bool isReadable(int file) {
+  pollfd watched{file, POLLIN, 0};
+  return ::poll(&watched, 1, 0) > 0;
+}
+
+}  // namespace
+
+PamOwnerCheck::PamOwnerCheck(Ports ports) : ports_(std::move(ports)) {}
+
+PamOwnerCheck::~PamOwnerCheck() {
+  withdraw();
+  if (thread_.joinable()) thread_.join();
+}
+
+std::string PamOwnerCheck::service() const {
+  for (const char* const name : {"sorvane", "login"}) {
+    std::error_code ignored;
+    if (std::filesystem::is_regular_file(ports_.services / name, ignored)) return name;
+  }
+  return {};
+}
+
+std::optional<std::string> PamOwnerCheck::unavailable() {
+  if (!isPamThere()) return std::string(kPamAbsent);
+  if (service().empty()) return std::string(kPamNoService);
+  if (!ports_.terminal.isThere()) return std::string(kPamNoTerminal);
+  return std::nullopt;
+}
+
+void PamOwnerCheck::ask(Check, const std::string& reason, Reply reply) {
+  withdraw();
+  if (thread_.joinable()) thread_.join();
+  withdrawn_ = std::make_shared<base::Descriptor>(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  sigset_t all, earlier;
+  sigfillset(&all);
+  // Signals are for the threads that wait for them; the terminal's own stop none that only shows a prompt.
+  ::pthread_sigmask(SIG_SETMASK, &all, &earlier);
+  thread_ = std::thread([this, reason, reply = std::move(reply), withdrawn = withdrawn_] {
+    Answer answer = Failed{Failed::kSystemCancelled};
+    try {
+      answer = answerTo(reason, withdrawn->get());
+    } catch (const std::exception&) {
+      // Without memory nobody was asked.
+    }
+    reply(answer);
+  });
+  ::pthread_sigmask(SIG_SETMASK, &earlier, nullptr);
+}
+
+void PamOwnerCheck::withdraw() {
+  const auto withdrawn = std::exchange(withdrawn_, nullptr);
+  if (!withdrawn) return;
+  const std::uint64_t one = 1;
+  [[maybe_unused]] const auto written = ::write(withdrawn->get(), &one, sizeof one);
+}
+
+unlock::OwnerPresence::Answer PamOwnerCheck::answerTo(const std::string& reason, int withdrawn) const {
+  const std::string user = userName(), used = service();
+  if (user.empty() || used.empty() || !ports_.terminal.isThere()) return Failed{Failed::kNotInteractive};
+  const auto deadline = std::chrono::steady_clock::now() + ports_.limit;
+  bool gaveUp = false;
+  ports_.terminal.show("\n" + base::escapedForDisplay(reason) + ".\n");
+  const PamConversation conversation{
+      .ask = [&](const std::string& prompt, bool echo) -> std::optional<base::SecretText> {
+        const auto mode = echo ? TerminalPrompt::Echo::yes : TerminalPrompt::Echo::no;
+        auto answer = ports_.terminal.read(base::escapedForDisplay(prompt), mode, deadline, withdrawn);
+        gaveUp = gaveUp || !answer;
+        return answer;
+      },
+      .show = [&](const std::string& text) { ports_.terminal.show(base::escapedForDisplay(text) + "\n"); }};
+  const PamResult result = pamAuthenticate(used, user, conversation);
+  if (gaveUp || isReadable(withdrawn)) return Cancelled{};
+  switch (result) {
+    case PamResult::granted:
+      return Granted{};
+    case PamResult::unasked:
+      return Failed{Failed::kNoLoginPassword};
+    case PamResult::notAccepted:
+      return Failed{Failed::kNotAccepted};
+    case PamResult::failed:
+      break;
+  }
+  return Failed{Failed::kNotInteractive};
+}
+
+}  // namespace sorvane::platform
