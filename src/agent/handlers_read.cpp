@@ -80,6 +80,8 @@ void leaveOutRunControl(vault::RenderedEnvironment& environment) {
 
 namespace {
 
+constexpr std::string_view kRawValuesLeave = "Raw values leave sorvane: the program that asks gets them in the clear.";
+
 OperationQuestion readQuestion(Call& call, const vault::Project& environment) {
   OperationQuestion question;
   question.prompt.kind = OwnerApprovalPrompt::Kind::useEnvironment;
@@ -87,7 +89,7 @@ OperationQuestion readQuestion(Call& call, const vault::Project& environment) {
       call.requester() + " wants to read every value of the environment '" + environment.name + "'";
   question.prompt.subject = environment.name;
   question.prompt.declaredTarget = declaredTarget(call.request());
-  question.details = {"Raw values leave sorvane: the program that asks gets them in the clear."};
+  question.details = {std::string(kRawValuesLeave)};
   question.environmentId = environment.id;
   return question;
 }
@@ -108,9 +110,11 @@ AgentResponse Handlers::renderForCommand(Call& call, const vault::Project& envir
   const bool raw = call.caller().allowReveal;
   // Without raw values there is nothing to hand out but stand-ins.
   if (!raw && !keys) return renderRedacted(call, environment, target);
-  if (!raw)
+  if (!raw) {
     question.prompt.reason =
         call.requester() + " wants stand-ins for the protected keys of the environment '" + environment.name + "'";
+    std::erase(question.details, kRawValuesLeave);
+  }
   if (call.denied(question)) return AgentResponse::refused(std::string(kApprovalDenied));
   if (auto refusal = changedMeanwhile(environment)) return std::move(*refusal);
   const std::string epoch = ports_.sessions.epoch();

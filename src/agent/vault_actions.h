@@ -48,7 +48,7 @@ struct FolderFinding {
   std::string key, masked, kind;
 };
 
-/// VaultActions is what stands above this room: the parts of the owner's actions that only the application can carry
+/// VaultActions is what stands above this room: what of the owner's actions only the application can carry
 /// out. Failures are base::Error. Any thread.
 class VaultActions {
  public:

@@ -27,7 +27,7 @@ struct BodyFacts {
   // Input beyond the body's own text.
   bool outside = false;        ///< something that is not in the body: an earlier answer, a file, an address
   std::int64_t images = 0;     ///< in the body or by address
-  bool file = false;           ///< a file among the parts of a message
+  bool file = false;           ///< a message carries a file
   std::size_t imageBytes = 0;  ///< of their data, which is no text
   bool cacheControl = false, timeToLive = false;
 

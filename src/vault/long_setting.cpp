@@ -15,7 +15,7 @@ namespace {
 /// Most bytes of text in one item; the seal and its encoding need the rest.
 constexpr std::size_t kMostBytes = 2800;
 
-/// The names of the parts; empty for a text that lies in the setting itself.
+/// What the pieces are called; empty for a text that is short enough for one.
 std::vector<std::string> partsOf(std::string_view head) {
   std::vector<std::string> parts;
   if (!head.starts_with("[\"")) return parts;

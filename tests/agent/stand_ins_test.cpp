@@ -179,7 +179,9 @@ TEST_F(StandIns, aCommandOfTheCallersOwnGetsAStandInThatEndsWithIt) {
               ElementsAre(StartsWith("# generated"), "FIRST=‹redacted›", StartsWith("ANTHROPIC_API_KEY=qzt_local_"),
                           "ANTHROPIC_BASE_URL=http://127.0.0.1:4711/anthropic"));
   EXPECT_THAT(got.publicNames.value(), ElementsAre("ANTHROPIC_BASE_URL"));
-  EXPECT_THAT(provider_.asked.all(), SizeIs(1));
+  ASSERT_THAT(provider_.asked.all(), SizeIs(1));
+  EXPECT_THAT(provider_.asked.all().front().context.details, ElementsAre(HasSubstr("it gets a stand-in")))
+      << "no raw value leaves, so the question says none does";
   EXPECT_THAT(processes_.watched, ElementsAre(::getpid()));
   AgentRequest ended = request(AgentOp::proxyRunEnded);
   ended.payload = {{"proxyRun", got.proxyRun.value()}};
