@@ -45,18 +45,7 @@ struct TerminalApprover::Waiting {
 
 std::optional<bool> TerminalApprover::ask(const OwnerApprovalPrompt& prompt, const ApprovalContext& context) {
   Waiting own{context, {}};
-  {
-    base::Lock lock(mutex_);
-    waiting_.push_back(&own);
-    const auto mine = [&]() REQUIRES(mutex_) { return own.answer || (!taken_ && waiting_.front() == &own); };
-    turnChanged_.wait(lock.mutex(), context.withdrawn, mine);
-    if (own.answer || context.withdrawn.stop_requested()) {
-      waiting_.remove(&own);
-      turnChanged_.notify_all();
-      return own.answer;
-    }
-    taken_ = true;
-  }
+  if (!waitForTurn(own, context.withdrawn)) return own.answer;
   std::optional<bool> answer = put(own, prompt);
   if (answer) {
     const std::size_t together = answerEqual(own, *answer);
@@ -66,11 +55,54 @@ std::optional<bool> TerminalApprover::ask(const OwnerApprovalPrompt& prompt, con
     show(context.withdrawn.stop_requested() ? "\nThe request was withdrawn.\n"
                                             : "\nNo answer came; nothing was allowed here.\n");
   }
+  endTurn(own);
+  return answer;
+}
+
+/// A turn of somebody else's, who asks in words of their own.
+class TerminalApprover::Turn {
+ public:
+  Turn(TerminalApprover& approver, const std::stop_token& withdrawn)
+      : approver_(approver), isMine_(approver.waitForTurn(own_, withdrawn)) {}
+  ~Turn() {
+    if (isMine_) approver_.endTurn(own_);
+  }
+  Turn(const Turn&) = delete;
+  Turn& operator=(const Turn&) = delete;
+  bool isMine() const { return isMine_; }
+
+ private:
+  TerminalApprover& approver_;
+  // Without a process it equals no request.
+  const ApprovalContext nobody_;
+  Waiting own_{nobody_, {}};
+  const bool isMine_;
+};
+
+std::shared_ptr<void> TerminalApprover::takeTurn(const std::stop_token& withdrawn) {
+  auto turn = std::make_shared<Turn>(*this, withdrawn);
+  return turn->isMine() ? turn : nullptr;
+}
+
+bool TerminalApprover::waitForTurn(Waiting& own, const std::stop_token& withdrawn) {
+  base::Lock lock(mutex_);
+  waiting_.push_back(&own);
+  const auto mine = [&]() REQUIRES(mutex_) { return own.answer || (!taken_ && waiting_.front() == &own); };
+  turnChanged_.wait(lock.mutex(), withdrawn, mine);
+  if (own.answer || withdrawn.stop_requested()) {
+    waiting_.remove(&own);
+    turnChanged_.notify_all();
+    return false;
+  }
+  taken_ = true;
+  return true;
+}
+
+void TerminalApprover::endTurn(Waiting& own) {
   const base::Lock lock(mutex_);
   taken_ = false;
   waiting_.remove(&own);
   turnChanged_.notify_all();
-  return answer;
 }
 
 std::size_t TerminalApprover::countEqual(const Waiting& own) {

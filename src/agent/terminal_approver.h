@@ -2,7 +2,9 @@
 
 #include <chrono>
 #include <list>
+#include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
 
 #include "agent/approval.h"
@@ -27,11 +29,19 @@ class TerminalApprover final : public ApprovalProvider {
 
   std::optional<bool> ask(const OwnerApprovalPrompt& prompt, const ApprovalContext& context) override;
 
+  /// Waits until no question stands on the terminal, in the order of the questions; it stays free of them while the
+  /// result lives, which must not outlive this object. nullptr when `withdrawn` was stopped first.
+  std::shared_ptr<void> takeTurn(const std::stop_token& withdrawn) EXCLUDES(mutex_);
+
  private:
   struct Waiting;
+  class Turn;
   /// Asks the terminal; the caller holds the turn.
   std::optional<bool> put(const Waiting& own, const OwnerApprovalPrompt& prompt);
   std::optional<std::string> readLine(const std::stop_token& withdrawn);
+  /// Waits for the turn of `own`, which is queued already; false when it needs none any more.
+  bool waitForTurn(Waiting& own, const std::stop_token& withdrawn) EXCLUDES(mutex_);
+  void endTurn(Waiting& own) EXCLUDES(mutex_);
   std::size_t countEqual(const Waiting& own) EXCLUDES(mutex_);
   /// Hands the answer to the equal requests that wait; returns how many there were with the own one.
   std::size_t answerEqual(const Waiting& own, bool answer) EXCLUDES(mutex_);

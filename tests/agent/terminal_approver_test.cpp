@@ -125,6 +125,29 @@ TEST_F(Person, aWithdrawnQuestionGivesWayToTheNext) {
   EXPECT_EQ(next.get(), true);
 }
 
+TEST_F(Person, aTurnOfSomebodyElseWaitsForTheQuestionAndKeepsTheNextOneBack) {
+  auto first = ask(context("a"));
+  readUntil("[y/N] ");
+  std::stop_source gone;
+  auto withdrawn = std::async(std::launch::async, [&] { return approver_->takeTurn(gone.get_token()); });
+  EXPECT_EQ(withdrawn.wait_for(50ms), std::future_status::timeout);
+  gone.request_stop();
+  EXPECT_EQ(withdrawn.get(), nullptr);
+  type("y\n");
+  EXPECT_EQ(first.get(), true);
+  readUntil("Allowed.");
+  auto turn = approver_->takeTurn({});
+  ASSERT_NE(turn, nullptr);
+  auto second = ask(context("b"));
+  EXPECT_EQ(second.wait_for(100ms), std::future_status::timeout);
+  type("y\n");
+  turn.reset();
+  // What was typed in that turn is no answer to this question.
+  EXPECT_NE(readUntil("[y/N] "), "");
+  type("n\n");
+  EXPECT_EQ(second.get(), false);
+}
+
 TEST_F(Person, aTerminalThatClosesIsNoAnswer) {
   auto answer = ask(context());
   readUntil("[y/N] ");

@@ -89,6 +89,13 @@ class NotificationService {
 
 }  // namespace
 
+bool showNotice(const std::string& title, const std::string& body) try {
+  NotificationService().show({title, body});
+  return true;
+} catch (const std::exception&) {
+  return false;
+}
+
 struct FreedesktopNotifier::Queue {
   // Guarded. mutex_ is a leaf.
   base::Mutex mutex;

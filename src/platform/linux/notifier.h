@@ -1,10 +1,14 @@
 #pragma once
 
 #include <memory>
+#include <string>
 
 #include "agent/notifier.h"
 
 namespace sorvane::platform {
+
+/// Shows one notice and waits until the notification service took it, a few seconds at most: whether it did.
+bool showNotice(const std::string& title, const std::string& body);
 
 /// FreedesktopNotifier shows notices through "org.freedesktop.Notifications" on the session bus. `notify` only queues:
 /// one thread, started by the first notice, does the talking, so that a slow bus holds nobody up. Of more than

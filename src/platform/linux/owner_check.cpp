@@ -1,5 +1,7 @@
 #include "platform/linux/owner_check.h"
 
+#include "platform/linux/notifier.h"
+
 namespace sorvane::platform {
 namespace {
 
@@ -9,9 +11,33 @@ bool isForPam(const std::optional<std::string>& obstacle) {
 
 }  // namespace
 
+bool showReasonAsNotice(const std::string& reason) {
+  return showNotice("sorvane asks whether it is you", reason + ".");
+}
+
+OwnerCheck::OwnerCheck(Ports ports)
+    : polkit_({.asking =
+                   [this] {
+                     const base::Lock lock(mutex_);
+                     return asking_;
+                   },
+               .showReason = std::move(ports.showReason),
+               .limit = ports.limit}),
+      pam_({.terminal = ports.takeTerminal ? std::optional(ports.terminal) : std::nullopt,
+            .takeTurn = ports.takeTerminal,
+            .limit = ports.limit}) {}
+
+void OwnerCheck::askFor(std::optional<Asking> asking) {
+  const base::Lock lock(mutex_);
+  asking_ = std::move(asking);
+}
+
 std::optional<std::string> OwnerCheck::unavailable() {
-  auto obstacle = polkit_.unavailable();
-  return isForPam(obstacle) ? pam_.unavailable() : obstacle;
+  const auto obstacle = polkit_.unavailable();
+  if (!isForPam(obstacle)) return obstacle;
+  const auto other = pam_.unavailable();
+  // Where polkit lacks a little only, or root is the trouble, that is easier to mend.
+  return other && obstacle != kPolkitAbsent ? obstacle : other;
 }
 
 void OwnerCheck::ask(Check check, const std::string& reason, Reply reply) {

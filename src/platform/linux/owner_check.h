@@ -1,24 +1,61 @@
 #pragma once
 
+#include <functional>
+#include <memory>
+#include <optional>
+#include <stop_token>
+#include <string>
+
+#include "base/mutex.h"
 #include "platform/linux/pam_owner_check.h"
 #include "platform/linux/polkit_owner_check.h"
 
 namespace sorvane::platform {
 
-/// OwnerCheck asks through polkit, and through the authentication modules on the own terminal where polkit is not
-/// there, does not know the action, or says yes to everybody (to root). Where a rule forbids the question or nobody
-/// could show it, the terminal does not go around that. Borrows both.
+/// Shows the reason of a question as a notice of the desktop; whether a service took it. Waits for a moment at most.
+bool showReasonAsNotice(const std::string& reason);
+
+/// OwnerCheck asks the owner by what this machine has: polkit, or the authentication modules (PAM) on the application's
+/// own terminal where polkit is not there, does not know the action, or says yes to everybody, as it does to root.
+/// Where a rule forbids the question or nobody could show it, the terminal does not go around that. Else it is
+/// unavailable, with a sentence that says what to install or do.
+///
+/// The application makes one where its thread of the lock is, and says for whom it asks before each question:
+///
+///     platform::OwnerCheck presence({.takeTerminal = approver == nullptr ? platform::OwnerCheck::TakeTerminal()
+///         : [&](const std::stop_token& withdrawn) { return approver->takeTurn(withdrawn); }});
+///     // A request of the owner's came in on a socket; `peer` is base::peerCredentials of it, the flag what it says.
+///     if (const auto process = base::processInfo(peer.pid)) presence.askFor({{*process, request.answersItself}});
+///     lockManager.unlockWithSystem(button, [&](auto outcome) { presence.askFor(std::nullopt); … });
+///
+/// The asking program holds a PolkitTextAgent (platform/linux/polkit_text_agent.h) while it waits.
 class OwnerCheck final : public unlock::OwnerPresence {
  public:
-  OwnerCheck(PolkitOwnerCheck& polkit, PamOwnerCheck& pam) : polkit_(polkit), pam_(pam) {}
+  using TakeTerminal = std::function<std::shared_ptr<void>(const std::stop_token& withdrawn)>;
+  struct Ports {
+    /// As PamOwnerCheck's `takeTurn`. Empty: the application has no terminal of its own, and PAM cannot be used.
+    TakeTerminal takeTerminal;
+    TerminalPrompt terminal;
+    /// Shows the reason before polkit asks; false where it could not.
+    std::function<bool(const std::string& reason)> showReason = showReasonAsNotice;
+    std::chrono::milliseconds limit{PolkitOwnerCheck::kLimit};
+  };
+  explicit OwnerCheck(Ports ports);
+
+  /// For whom polkit is asked from now on; nullopt: for the application's own process. Any thread.
+  void askFor(std::optional<Asking> asking);
 
   std::optional<std::string> unavailable() override;
   void ask(Check check, const std::string& reason, Reply reply) override;
   void withdraw() override;
 
  private:
-  PolkitOwnerCheck& polkit_;
-  PamOwnerCheck& pam_;
+  // Guarded. A leaf.
+  base::Mutex mutex_;
+  std::optional<Asking> asking_ GUARDED_BY(mutex_);
+  // Own synchronisation. Their threads use what stands above.
+  PolkitOwnerCheck polkit_;
+  PamOwnerCheck pam_;
 };
 
 }  // namespace sorvane::platform

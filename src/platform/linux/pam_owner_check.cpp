@@ -1,6 +1,5 @@
 #include "platform/linux/pam_owner_check.h"
 
-#include <poll.h>
 #include <pwd.h>
 #include <signal.h>
 #include <sys/eventfd.h>
@@ -8,6 +7,7 @@
 
 #include <vector>
 
+#include "base/descriptor.h"
 #include "base/unicode.h"
 #include "platform/linux/pam_library.h"
 
@@ -23,11 +23,6 @@ std::string userName() {
   return found->pw_name;
 }
 
-bool isReadable(int file) {
-  pollfd watched{file, POLLIN, 0};
-  return ::poll(&watched, 1, 0) > 0;
-}
-
 }  // namespace
 
 PamOwnerCheck::PamOwnerCheck(Ports ports) : ports_(std::move(ports)) {}
@@ -39,8 +34,10 @@ PamOwnerCheck::~PamOwnerCheck() {
 
 std::string PamOwnerCheck::service() const {
   for (const char* const name : {"sorvane", "login"}) {
-    std::error_code ignored;
-    if (std::filesystem::is_regular_file(ports_.services / name, ignored)) return name;
+    for (const auto& folder : ports_.services) {
+      std::error_code ignored;
+      if (std::filesystem::is_regular_file(folder / name, ignored)) return name;
+    }
   }
   return {};
 }
@@ -48,22 +45,22 @@ std::string PamOwnerCheck::service() const {
 std::optional<std::string> PamOwnerCheck::unavailable() {
   if (!isPamThere()) return std::string(kPamAbsent);
   if (service().empty()) return std::string(kPamNoService);
-  if (!ports_.terminal.isThere()) return std::string(kPamNoTerminal);
+  if (!hasTerminal()) return std::string(kPamNoTerminal);
   return std::nullopt;
 }
 
 void PamOwnerCheck::ask(Check, const std::string& reason, Reply reply) {
   withdraw();
   if (thread_.joinable()) thread_.join();
-  withdrawn_ = std::make_shared<base::Descriptor>(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  withdrawn_ = std::stop_source();
   sigset_t all, earlier;
   sigfillset(&all);
   // Signals are for the threads that wait for them; the terminal's own stop none that only shows a prompt.
   ::pthread_sigmask(SIG_SETMASK, &all, &earlier);
-  thread_ = std::thread([this, reason, reply = std::move(reply), withdrawn = withdrawn_] {
+  thread_ = std::thread([this, reason, reply = std::move(reply), withdrawn = withdrawn_.get_token()] {
     Answer answer = Failed{Failed::kSystemCancelled};
     try {
-      answer = answerTo(reason, withdrawn->get());
+      answer = answerTo(reason, withdrawn);
     } catch (const std::exception&) {
       // Without memory nobody was asked.
     }
@@ -73,28 +70,31 @@ void PamOwnerCheck::ask(Check, const std::string& reason, Reply reply) {
 }
 
 void PamOwnerCheck::withdraw() {
-  const auto withdrawn = std::exchange(withdrawn_, nullptr);
-  if (!withdrawn) return;
-  const std::uint64_t one = 1;
-  [[maybe_unused]] const auto written = ::write(withdrawn->get(), &one, sizeof one);
+  withdrawn_.request_stop();
 }
 
-unlock::OwnerPresence::Answer PamOwnerCheck::answerTo(const std::string& reason, int withdrawn) const {
+unlock::OwnerPresence::Answer PamOwnerCheck::answerTo(const std::string& reason,
+                                                      const std::stop_token& withdrawn) const {
   const std::string user = userName(), used = service();
-  if (user.empty() || used.empty() || !ports_.terminal.isThere()) return Failed{Failed::kNotInteractive};
+  if (user.empty() || used.empty() || !hasTerminal()) return Failed{Failed::kNotInteractive};
+  const auto turn = ports_.takeTurn ? ports_.takeTurn(withdrawn) : nullptr;
+  if (withdrawn.stop_requested()) return Cancelled{};
+  const base::Descriptor takenBack(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  const std::stop_callback onWithdrawn(withdrawn, [&takenBack] { ::eventfd_write(takenBack.get(), 1); });
+  const TerminalPrompt& terminal = *ports_.terminal;
   const auto deadline = std::chrono::steady_clock::now() + ports_.limit;
   bool gaveUp = false;
-  ports_.terminal.show("\n" + base::escapedForDisplay(reason) + ".\n");
+  terminal.show("\n" + base::escapedForDisplay(reason) + ".\n");
   const PamConversation conversation{
       .ask = [&](const std::string& prompt, bool echo) -> std::optional<base::SecretText> {
         const auto mode = echo ? TerminalPrompt::Echo::yes : TerminalPrompt::Echo::no;
-        auto answer = ports_.terminal.read(base::escapedForDisplay(prompt), mode, deadline, withdrawn);
+        auto answer = terminal.read(base::escapedForDisplay(prompt), mode, deadline, takenBack.get());
         gaveUp = gaveUp || !answer;
         return answer;
       },
-      .show = [&](const std::string& text) { ports_.terminal.show(base::escapedForDisplay(text) + "\n"); }};
+      .show = [&](const std::string& text) { terminal.show(base::escapedForDisplay(text) + "\n"); }};
   const PamResult result = pamAuthenticate(used, user, conversation);
-  if (gaveUp || isReadable(withdrawn)) return Cancelled{};
+  if (gaveUp || withdrawn.stop_requested()) return Cancelled{};
   switch (result) {
     case PamResult::granted:
       return Granted{};

@@ -2,13 +2,15 @@
 
 #include <chrono>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <thread>
+#include <vector>
 
-#include "base/descriptor.h"
 #include "platform/linux/terminal_prompt.h"
 #include "unlock/owner_presence.h"
 
@@ -26,14 +28,20 @@ inline constexpr std::string_view kPamNoTerminal =
 
 /// PamOwnerCheck asks the owner for the login password on the application's own terminal, where there is no polkit: the
 /// service "sorvane" of the system's authentication modules, or "login" where that is not installed. A yes that took no
-/// answer is none. Without an answer within `limit` the answer is Cancelled.
+/// answer is none. Without an answer within `limit` of the question the answer is Cancelled. For root it is a check as
+/// for anybody: root's own password is asked.
 class PamOwnerCheck final : public unlock::OwnerPresence {
  public:
   static constexpr std::chrono::seconds kLimit{120};
 
   struct Ports {
-    TerminalPrompt terminal;
-    std::filesystem::path services = "/etc/pam.d";
+    /// nullopt: the application has none.
+    std::optional<TerminalPrompt> terminal;
+    /// Waits until nobody else asks on the terminal, which is this check's until the answer is gone; nullptr when the
+    /// token was stopped meanwhile. Empty: nobody else asks there. In a thread of this object.
+    std::function<std::shared_ptr<void>(const std::stop_token&)> takeTurn;
+    /// Where the system keeps the service files; the first one counts.
+    std::vector<std::filesystem::path> services{"/etc/pam.d", "/usr/lib/pam.d"};
     std::chrono::milliseconds limit{kLimit};
   };
   explicit PamOwnerCheck(Ports ports);
@@ -49,11 +57,12 @@ class PamOwnerCheck final : public unlock::OwnerPresence {
  private:
   /// Empty where neither file is there.
   std::string service() const;
-  Answer answerTo(const std::string& reason, int withdrawn) const;
+  Answer answerTo(const std::string& reason, const std::stop_token& withdrawn) const;
+  bool hasTerminal() const { return ports_.terminal && ports_.terminal->isThere(); }
 
   const Ports ports_;
-  // Of the thread that asks; the descriptor is readable once the question is taken back.
-  std::shared_ptr<base::Descriptor> withdrawn_;
+  // Of the thread that asks.
+  std::stop_source withdrawn_{std::nostopstate};
   std::thread thread_;
 };
 

@@ -121,7 +121,7 @@ std::string_view obstacleIn(const Verdict& verdict) {
 }  // namespace
 
 struct PolkitOwnerCheck::Question {
-  base::ProcessInfo subject;
+  Asking asking;
   std::string reason;
   Reply reply;
   // Guarded. A leaf.
@@ -151,14 +151,14 @@ PolkitOwnerCheck::~PolkitOwnerCheck() {
   if (thread_.joinable()) thread_.join();
 }
 
-base::ProcessInfo PolkitOwnerCheck::subjectNow() const {
-  if (const auto subject = ports_.subject ? ports_.subject() : std::nullopt) return *subject;
-  return base::processInfo(::getpid()).value_or(base::ProcessInfo{});
+Asking PolkitOwnerCheck::askingNow() const {
+  if (auto asking = ports_.asking ? ports_.asking() : std::nullopt) return *std::move(asking);
+  return {base::processInfo(::getpid()).value_or(base::ProcessInfo{}), false};
 }
 
 std::optional<std::string> PolkitOwnerCheck::unavailable() {
   if (::geteuid() == 0) return std::string(kPolkitAsRoot);
-  const base::ProcessInfo subject = subjectNow();
+  const base::ProcessInfo subject = askingNow().process;
   std::string_view obstacle = kPolkitAbsent;
   try {
     BusLoop loop;
@@ -176,7 +176,7 @@ void PolkitOwnerCheck::ask(Check, const std::string& reason, Reply reply) {
   withdraw();
   if (thread_.joinable()) thread_.join();
   question_ = std::make_shared<Question>();
-  question_->subject = subjectNow();
+  question_->asking = askingNow();
   question_->reason = reason;
   question_->reply = std::move(reply);
   sigset_t all, earlier;
@@ -210,19 +210,19 @@ unlock::OwnerPresence::Answer PolkitOwnerCheck::answerTo(Question& question) {
   question.useLoop(&loop);
   const auto isWithdrawn = [&question] { return question.withdrawn(); };
   Authority authority(loop);
-  const Verdict before = authority.check(question.subject, kAskNobody, kCallLimit, isWithdrawn);
+  const Verdict before = authority.check(question.asking.process, kAskNobody, kCallLimit, isWithdrawn);
   if (isWithdrawn()) return Cancelled{};
   if (const auto obstacle = obstacleIn(before); !obstacle.empty()) {
     return Failed{before == Verdict::gone ? Failed::kSystemCancelled : Failed::kNotInteractive};
   }
-  if (!ports_.showReason(question.reason)) {
-    remember(question.subject, kReasonNowhere);
+  if (!ports_.showReason(question.reason) && !question.asking.showsReason) {
+    remember(question.asking.process, kReasonNowhere);
     return Failed{Failed::kNotInteractive};
   }
-  const Verdict verdict = authority.check(question.subject, kAskTheOwner, ports_.limit, isWithdrawn);
+  const Verdict verdict = authority.check(question.asking.process, kAskTheOwner, ports_.limit, isWithdrawn);
   if (isWithdrawn()) return Cancelled{};
   if (verdict == Verdict::challenge) {
-    remember(question.subject, kPolkitNoAgent);
+    remember(question.asking.process, kPolkitNoAgent);
     return Failed{Failed::kNotInteractive};
   }
   forget();

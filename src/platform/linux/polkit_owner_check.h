@@ -39,18 +39,26 @@ inline constexpr std::string_view kReasonNowhere =
     "There is no place where sorvane could show you why it asks, so it did not ask. Nothing was unlocked. Run sorvane "
     "in a terminal, or start a notification service.";
 
+/// The process of this user that a question is asked for, such as the program that the person typed into.
+struct Asking {
+  base::ProcessInfo process;
+  /// It answers the question itself and shows the reason there.
+  bool showsReason = false;
+};
+
 /// PolkitOwnerCheck asks the owner through polkit: the action "org.sorvane.owner-check", for the process that asks, so
 /// that an agent in the person's own terminal may answer. polkit takes no text from an ordinary caller, so the reason
-/// is shown before the question. An answer that needed nobody (root, a rule, a kept authorization) is no answer.
-/// Without one within `limit` the answer is Cancelled.
+/// is shown before the question: by `showReason` always, because a process may say that it shows it and leave the
+/// question to the desktop; where that fails, the process's word that it does is taken. An answer that needed nobody
+/// (root, a rule, a kept authorization) is no answer. Without one within `limit` the answer is Cancelled.
 class PolkitOwnerCheck final : public unlock::OwnerPresence {
  public:
   static constexpr std::chrono::seconds kLimit{120};
 
   struct Ports {
-    /// For whom it is asked, in the thread that calls `ask` and `unavailable`; nullopt: for this process.
-    std::function<std::optional<base::ProcessInfo>()> subject;
-    /// Shows the reason where the person sees it; false: it could be shown nowhere. In a thread of this object.
+    /// For whom it is asked, in the thread that calls `ask` and `unavailable`; empty or nullopt: for this process.
+    std::function<std::optional<Asking>()> asking;
+    /// Shows the reason where the person sees it; false: it could not be shown. In a thread of this object.
     std::function<bool(const std::string& reason)> showReason;
     std::chrono::milliseconds limit{kLimit};
   };
@@ -74,7 +82,7 @@ class PolkitOwnerCheck final : public unlock::OwnerPresence {
     std::string sentence;
   };
 
-  base::ProcessInfo subjectNow() const;
+  Asking askingNow() const;
   Answer answerTo(Question& question);
   void remember(const base::ProcessInfo& subject, std::string_view sentence);
   void forget();

@@ -1,6 +1,7 @@
 // The owner check through the system's real authentication modules, for test accounts; tests/support/with-test-account
 // makes them and starts this program. The question is asked by a process of the account, on a pseudo-terminal.
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <termios.h>
 
@@ -15,8 +16,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using platform::OwnerCheck;
-using platform::PamOwnerCheck;
-using platform::PolkitOwnerCheck;
 
 constexpr uid_t kAccount = 54321, kBlankAccount = 54322;
 constexpr char kPrompt[] = "Password: ";
@@ -28,11 +27,20 @@ std::string setting(const char* name) {
 
 int runAsker() {
   const auto uid = static_cast<uid_t>(std::stoul(setting("SORVANE_TEST_UID")));
-  if (::setgid(65534) != 0 || ::setuid(uid) != 0) return 99;
-  PolkitOwnerCheck polkit({.subject = {}, .showReason = [](const std::string&) { return true; }});
-  PamOwnerCheck pam({.terminal = platform::TerminalPrompt(setting("SORVANE_TEST_TERMINAL")),
-                     .limit = setting("SORVANE_TEST_IMPATIENT").empty() ? 20s : 300ms});
-  OwnerCheck check(polkit, pam);
+  if (uid != 0 && (::setgid(65534) != 0 || ::setuid(uid) != 0)) return 99;
+  const auto takeTerminal = [](const std::stop_token& withdrawn) {
+    if (setting("SORVANE_TEST_BUSY").empty()) return std::make_shared<int>();
+    std::cout << "waits" << std::endl;
+    base::Mutex mutex;
+    base::Condition never;
+    base::Lock lock(mutex);
+    never.wait(lock.mutex(), withdrawn, [] { return false; });
+    return std::shared_ptr<int>();
+  };
+  OwnerCheck check(
+      {.takeTerminal = setting("SORVANE_TEST_TERMINAL").empty() ? OwnerCheck::TakeTerminal() : takeTerminal,
+       .terminal = platform::TerminalPrompt(setting("SORVANE_TEST_TERMINAL")),
+       .limit = setting("SORVANE_TEST_IMPATIENT").empty() ? 20s : 300ms});
   serveAsker(check, [](const std::string&) {});
   return 0;
 }
@@ -55,6 +63,12 @@ class Desk {
     std::string shown;
     for (char c = 0; !shown.ends_with(text) && ::read(master_.get(), &c, 1) == 1;) shown += c;
     return shown;
+  }
+  /// Bytes that were shown and not read yet.
+  int waiting() const {
+    int bytes = -1;
+    ::ioctl(master_.get(), FIONREAD, &bytes);
+    return bytes;
   }
   bool echoes() const {
     termios mode{};
@@ -114,6 +128,33 @@ TEST_F(PamCheck, endsWithoutAnAnswerWhenItIsTakenBackOrNobodyTypes) {
   }
 }
 
+TEST_F(PamCheck, asksRootForRootsPasswordToo) {
+  Asker asker(settings(0));
+  EXPECT_EQ(asker.unavailable(), "available");
+  for (const auto& [typed, answer] : {std::pair(password_, "granted"), std::pair(password_ + "x", "failed -1")}) {
+    asker.tell("ask");
+    desk_.readTo(kPrompt);
+    desk_.type(typed + "\r");
+    EXPECT_EQ(asker.hear(), answer);
+  }
+  auto nowhere = settings(0);
+  nowhere["SORVANE_TEST_TERMINAL"].clear();
+  Asker other(nowhere);
+  EXPECT_EQ(other.unavailable(), platform::kPolkitAsRoot);
+}
+
+TEST_F(PamCheck, asksOnlyOnceTheTerminalIsItsOwn) {
+  auto busy = settings(kAccount);
+  busy["SORVANE_TEST_BUSY"] = "1";
+  Asker asker(busy);
+  asker.tell("ask");
+  EXPECT_EQ(asker.hear(), "waits");
+  EXPECT_TRUE(desk_.echoes());
+  asker.tell("withdraw");
+  EXPECT_EQ(asker.hear(), "cancelled");
+  EXPECT_EQ(desk_.waiting(), 0);
+}
+
 TEST_F(PamCheck, takesNoYesOfAnAccountThatHasNoPassword) {
   Asker asker(settings(kBlankAccount));
   asker.tell("ask");
@@ -134,6 +175,17 @@ TEST_F(PamCheck, fallsBackToTheServiceOfTheLoginAndSaysWhatIsMissing) {
   {
     Asker asker(settings(kAccount));
     EXPECT_EQ(asker.unavailable(), platform::kPamNoService);
+  }
+  {
+    // Where packages put theirs.
+    const std::filesystem::path packaged = "/usr/lib/pam.d/sorvane";
+    std::filesystem::copy_file(services / "sorvane.aside", packaged);
+    Asker asker(settings(kAccount));
+    asker.tell("ask");
+    desk_.readTo(kPrompt);
+    desk_.type(password_ + "\r");
+    EXPECT_EQ(asker.hear(), "granted");
+    std::filesystem::remove(packaged);
   }
   std::filesystem::rename(services / "login.aside", services / "login");
   std::filesystem::rename(services / "sorvane.aside", services / "sorvane");

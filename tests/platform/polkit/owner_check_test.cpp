@@ -29,7 +29,7 @@ constexpr char kNobodyToAsk[] = "failed -1004";
 int runAsker() {
   if (::setgid(65534) != 0 || ::setuid(65534) != 0) return 99;
   bool isShown = true;
-  PolkitOwnerCheck check({.subject = {},
+  PolkitOwnerCheck check({.asking = {},
                           .showReason =
                               [&](const std::string& reason) {
                                 std::cout << "reason: " << reason << std::endl;
@@ -110,7 +110,7 @@ TEST(PolkitOwnerCheck, takesTheQuestionBackFromAnAgentThatNeverAnswers) {
 }
 
 TEST(PolkitOwnerCheck, isUnavailableToRootWhoWouldNeverBeAsked) {
-  PolkitOwnerCheck check({.subject = {}, .showReason = [](const std::string&) { return true; }});
+  PolkitOwnerCheck check({.asking = {}, .showReason = [](const std::string&) { return true; }});
   EXPECT_EQ(check.unavailable(), platform::kPolkitAsRoot);
   OwnAgent agent(::getpid(), Manner::saysYes);
   std::promise<std::string> said;
