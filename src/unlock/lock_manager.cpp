@@ -143,6 +143,17 @@ void LockManager::holdLocked() {
   dropQuestion();
 }
 
+void LockManager::giveUp() {
+  apply(LockEvent::givenUp);
+  dropQuestion();
+}
+
+std::int64_t LockManager::waitSeconds() {
+  const auto until = backOff_.waitsUntil(settings_.configuration());
+  if (!until) return 0;
+  return std::chrono::ceil<std::chrono::seconds>(*until - dependencies_.now.wall()).count();
+}
+
 void LockManager::confirm(const std::string& reason, std::function<void(bool)> reply) {
   ask(dependencies_.presence, OwnerPresence::Check::presence, reason,
       whileFresh([reply = std::move(reply)](const std::optional<UnlockError>& error) { reply(!error); }));

@@ -108,11 +108,17 @@ class LockManager {
   void lock();
   /// The same, and only the owner opens it again.
   void holdLocked();
+  /// Takes back what is under way, a question or an attempt, which ends with `cancelled`. An open vault stays open.
+  void giveUp();
+  /// The wait before the next passphrase is taken, in whole seconds; 0: none.
+  std::int64_t waitSeconds();
   /// A fresh check for a sensitive action: whether the owner said yes.
   void confirm(const std::string& reason, std::function<void(bool)> reply);
 
   // Changes of the settings, each confirmed by the owner first. Where no system check can be had, `current` is checked
   // in its place when a passphrase is set, and the application's own terminal is asked when none is.
+  /// The first passphrase may be set while the vault is locked: where nothing else could ever open it there is no other
+  /// way. The vault stays locked then, and asks for it.
   void setPassphrase(NewPassphrase passphrase, PassphraseRequirement requirement, ChangeReply reply);
   void changePassphrase(base::SecretText current, NewPassphrase passphrase, ChangeReply reply);
   void removePassphrase(std::optional<base::SecretText> current, ChangeReply reply);

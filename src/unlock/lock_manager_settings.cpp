@@ -54,10 +54,14 @@ void LockManager::authorize(const std::string& reason, Passphrase current, Then 
 }
 
 void LockManager::setPassphrase(NewPassphrase passphrase, PassphraseRequirement requirement, ChangeReply reply) {
-  if (!state_.isUnlocked()) return reply(UnlockError(Case::vaultLocked));
+  const bool isFirst = !settings_.configuration().passphrase;
+  if (!state_.isUnlocked()) {
+    if (auto error = obstacle()) return reply(*std::move(error));
+    if (!isFirst) return reply(UnlockError(Case::vaultLocked));
+  }
   if (auto error = refusal(passphrase)) return reply(error);
   // One that is set is changed, which asks for it.
-  if (settings_.configuration().passphrase) return reply(UnlockError(Case::wrongPassphrase));
+  if (!isFirst) return reply(UnlockError(Case::wrongPassphrase));
   if (requirement == PassphraseRequirement::off) requirement = PassphraseRequirement::withSystem;
   // What could never be asked would keep the owner out for good.
   if (requirement == PassphraseRequirement::withSystem && dependencies_.presence.unavailable()) {

@@ -82,6 +82,7 @@ LockState changed(LockState state, LockEvent event, const LockRules& rules) {
       if (state.phase != LockPhase::checkingPassphrase) return state;
       return mayOpen(state, rules) ? opened(state, By::owner) : closed(state);
     case LockEvent::attemptFailed:
+    case LockEvent::givenUp:
       return state.isUnlocked() ? state : closed(state);
     case LockEvent::lock:
       return closed(state);
@@ -108,7 +109,7 @@ LockState nextState(const LockState& state, LockEvent event, const LockRules& ru
   LockState next = changed(state, event, rules);
   // Asking anew and locking anew make what is under way stale, although the phase may stay.
   const bool again = (event == LockEvent::systemAsked && next.phase == LockPhase::asking) || event == LockEvent::lock ||
-                     event == LockEvent::hold || event == LockEvent::resetFailed;
+                     event == LockEvent::hold || event == LockEvent::resetFailed || event == LockEvent::givenUp;
   if (again || next.phase != state.phase) ++next.generation;
   return next;
 }

@@ -19,7 +19,7 @@ namespace sorvane::unlock {
 //     |  |  +--- lock, hold, resetFailed, ----+ |                                        |  v
 //     |  |       sessionLost if following       |     locked -- passphraseGiven (only) --+
 //     |  +-- sessionBack: off, following, reported by the login manager, not held
-//     +----- the same four from every other phase
+//     +----- the same four, and givenUp, from every other phase
 //
 // A vault does not open while its settings cannot be read, nor while it follows a session that is not available. What
 // has no arrow changes nothing.
@@ -32,7 +32,8 @@ enum class LockEvent {
   passphraseRight,
   attemptFailed,
   lock,
-  hold,  ///< lock, and stay so until the owner opens the vault himself
+  hold,     ///< lock, and stay so until the owner opens the vault himself
+  givenUp,  ///< whoever asked is gone; an open vault stays open
   sessionLost,
   sessionBack,
   resetGranted,
@@ -52,7 +53,8 @@ struct LockState {
   bool systemCheckPassed = false;  ///< in the present attempt, or in the one that opened the vault
   bool sessionAvailable = true;
   bool heldLocked = false;
-  /// Advanced by everything that makes an earlier attempt stale: every change of the phase, and every `lock`.
+  /// Advanced by everything that makes an earlier attempt stale: every change of the phase, every `lock` and
+  /// every `givenUp`.
   std::uint64_t generation = 0;
   bool operator==(const LockState&) const = default;
 

@@ -171,6 +171,28 @@ TEST_F(UnlockingTheVault, discardsWhatComesAfterALockOrALaterAttempt) {
   EXPECT_TRUE(changes_.empty());
 }
 
+TEST_F(UnlockingTheVault, takesBackWhatWhoeverAskedGaveUpAndClosesNothing) {
+  askSystem();
+  manager().giveUp();
+  EXPECT_EQ(presence_.withdrawn, 1);
+  askSystem();
+  granted();
+  manager().changeFollowsSession(false, {}, change());
+  manager().giveUp();
+  EXPECT_EQ(ended(), (Words{kCancelled, "opened", kCancelled}));
+  EXPECT_TRUE(manager().openedBySystemCheck());
+  EXPECT_TRUE(store_.stored.followsSession);
+  havePassphrase(Requirement::only);
+  manager_.reset();
+  give(kRight);
+  manager().giveUp();
+  EXPECT_EQ(ended(), Words{kCancelled});
+  EXPECT_FALSE(manager().isUnlocked());
+  EXPECT_EQ(manager().waitSeconds(), 0);
+  for (int i = 0; i < 3; ++i) give(kWrong), settle();
+  EXPECT_EQ(manager().waitSeconds(), 5);
+}
+
 TEST_F(UnlockingTheVault, endsEveryOpenQuestionWhenTheManagerGoes) {
   askSystem();
   havePassphrase(Requirement::only);
@@ -371,12 +393,27 @@ TEST_F(PassphraseSettings, refuseWhatIsShortMistypedOrAskedOfALockedVault) {
   EXPECT_EQ(ended(),
             (Words{"Use at least 8 characters.", "Use at least 8 characters.", "The passphrases don’t match."}));
   manager().lock();
-  manager().setPassphrase(twice(kRight), Requirement::only, change());
   manager().changePassphrase(base::SecretText(kRight), twice(kRight), change());
   manager().removePassphrase({}, change());
   manager().changeRequirement(Requirement::only, {}, change());
-  EXPECT_EQ(ended(), Words(4, "Unlock sorvane first."));
+  EXPECT_EQ(ended(), Words(3, "Unlock sorvane first."));
+  havePassphrase(Requirement::only);
+  manager_.reset();
+  manager().setPassphrase(twice(kWrong), Requirement::only, change());
+  EXPECT_EQ(ended(), Words{"Unlock sorvane first."});
   EXPECT_TRUE(presence_.questions.empty());
+}
+
+TEST_F(PassphraseSettings, takeTheFirstPassphraseOfAVaultThatNothingElseOpens) {
+  signals_.reported.reset();
+  presence_.sentence = "Install what is missing.";
+  manager().setPassphrase(twice(kRight), Requirement::only, change());
+  answerAt(terminal_, OwnerPresence::Granted{});
+  EXPECT_EQ(ended(), Words{"done"});
+  EXPECT_TRUE(changes_.empty());
+  EXPECT_EQ(manager().prompt(), LockManager::Prompt(LockManager::PassphrasePrompt{}));
+  give(kRight);
+  EXPECT_EQ(ended(), Words{"opened"});
 }
 
 TEST_F(PassphraseSettings, areConfirmedByTheOwnerEachWithItsReason) {

@@ -16,7 +16,7 @@ using Requirement = PassphraseRequirement;
 constexpr Event kEvents[] = {
     Event::systemAsked, Event::systemGranted, Event::passphraseGiven, Event::passphraseRight, Event::attemptFailed,
     Event::lock,        Event::hold,          Event::sessionLost,     Event::sessionBack,     Event::resetGranted,
-    Event::resetFailed};
+    Event::resetFailed, Event::givenUp};
 
 TEST(LockState, followsTheDrawing) {
   const LockRules off{}, with{.requirement = Requirement::withSystem}, only{.requirement = Requirement::only};
@@ -45,6 +45,8 @@ TEST(LockState, followsTheDrawing) {
       {only, {Event::passphraseGiven, Event::passphraseRight, Event::attemptFailed}, Phase::open},
       {only, {Event::resetGranted}, Phase::open},
       {off, {Event::systemAsked, Event::systemGranted, Event::sessionLost}, Phase::open},
+      {off, {Event::systemAsked, Event::systemGranted, Event::givenUp}, Phase::open},
+      {only, {Event::passphraseGiven, Event::givenUp, Event::passphraseRight}, Phase::locked},
   };
   for (const auto& [rules, events, end] : cases) {
     LockState state;
@@ -66,6 +68,9 @@ struct Reached {
 void expectSound(const Reached& before, Event event, const Reached& after, const LockRules& rules) {
   const LockState& state = after.state;
   if (state.phase != before.state.phase) {
+    EXPECT_GT(state.generation, before.state.generation);
+  }
+  if (event == Event::givenUp) {
     EXPECT_GT(state.generation, before.state.generation);
   }
   if (event == Event::lock || event == Event::hold || event == Event::resetFailed) {
