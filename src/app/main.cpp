@@ -1,5 +1,6 @@
 #include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <exception>
@@ -42,6 +43,8 @@ std::unique_ptr<agent::TerminalApprover> terminalApprover() {
 int run(const app::Options& options) {
   // Before any thread and any secret: the process that starts commands is a copy of this one.
   platform::LinuxProcessHost host;
+  // Nothing that the application makes is for others. Commands come from the host and keep the owner's own mask.
+  ::umask(S_IRWXG | S_IRWXO);
   const sigset_t stopSignals = holdStopSignals();
   const auto folder = base::supportFolder(options.supportFolder);
   base::checkSupportFolder(folder, base::WhenMissing::make);
@@ -67,6 +70,8 @@ int run(const app::Options& options) {
 
 int main(int argc, char** argv) {
   base::hardenProcess();
+  base::startWithoutLoaderVariables(argv);
+  base::closeInheritedDescriptors();
   proxy::clearOutboundEnvironment();
   const auto options = app::parseOptions(argc, argv);
   if (const int* const code = std::get_if<int>(&options)) return *code;

@@ -56,6 +56,16 @@ std::vector<ProcessInfo> processChain(pid_t pid);
 /// Makes this process unreadable to others of the same user and keeps it from leaving core files. Called first in main.
 void hardenProcess();
 
+/// Starts this program anew, as the same process, when its environment holds variables by which the dynamic loader and
+/// the C library load other code or look elsewhere for names (LD_*, GCONV_PATH, GLIBC_TUNABLES and their like); the new
+/// start has none of them. They act before main, so that taking them out here alone would come too late. Returns when
+/// there are none, or, with a line on standard error, when the system refuses the start. Called before any thread.
+void startWithoutLoaderVariables(char** argv);
+
+/// Closes every descriptor above the standard three, and opens /dev/null for a standard one that is closed, so that no
+/// file gets its number later. Called before anything is opened.
+void closeInheritedDescriptors();
+
 /// The folder for the user's configuration of programs, such as "~/.config". Empty without a home folder.
 std::filesystem::path userConfigFolder();
 

@@ -3,11 +3,15 @@
 #include <sodium.h>
 
 #include <algorithm>
+#include <vector>
 
 #include "base/ids.h"
 
 namespace sorvane::crypto {
 namespace {
+
+// Sixteen keys at once, each in a page of its own: more than any one operation holds.
+constexpr std::size_t kProbeBytes = 64 * 1024;
 
 void sodium() {
   if (sodium_init() < 0) throw CryptoFailure("The cryptography library could not be started.");
@@ -17,9 +21,9 @@ void sodium() {
 
 Initialised initialise() {
   sodium();
-  std::uint8_t probe[SymmetricKey::kBytes];
-  const bool locked = sodium_mlock(probe, sizeof probe) == 0;
-  if (locked) sodium_munlock(probe, sizeof probe);
+  std::vector<std::uint8_t> probe(kProbeBytes);
+  const bool locked = sodium_mlock(probe.data(), probe.size()) == 0;
+  if (locked) sodium_munlock(probe.data(), probe.size());
   return {locked};
 }
 

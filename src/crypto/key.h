@@ -17,7 +17,7 @@ class CryptoFailure : public base::Error {
 };
 
 /// Prepares libsodium; called before the first key is made, any number of times. `memoryIsLocked` is false when the
-/// system refuses to keep pages out of swap, which the application says once at start.
+/// system refuses to keep the pages of a busy application's keys out of swap, which the application says once at start.
 struct Initialised {
   bool memoryIsLocked;
 };

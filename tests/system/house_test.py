@@ -1,13 +1,40 @@
 """Starting, stopping, the support folder, and what goes wrong with it."""
 import json
 import os
+import pathlib
+import resource
 import shutil
 import signal
 import socket
 import stat
 import subprocess
+import tempfile
 
-from house import NOBODY, VALUE, House, Request, as_user, output_of, wait_until
+from house import NOBODY, VALUE, House, Request, Terminal, as_user, output_of, wait_until
+
+
+def descendants(pid):
+    found = []
+    for task in pathlib.Path(f"/proc/{pid}/task").iterdir():
+        for child in (task / "children").read_text().split():
+            found += [int(child), *descendants(child)]
+    return found
+
+
+def name_of(pid):
+    return pathlib.Path(f"/proc/{pid}/comm").read_text().strip()
+
+
+def wait_for_one(look):
+    wait_until(lambda: len(look()) == 1, "there is exactly one")
+    return look()[0]
+
+
+def preloadable():
+    """A library that any program can be made to load and none of ours needs."""
+    maps = pathlib.Path("/proc/self/maps").read_text()
+    folder = next(line.split()[-1] for line in maps.splitlines() if "libc.so" in line).rsplit("/", 1)[0]
+    return f"{folder}/libBrokenLocale.so.1"
 
 
 class Instance(House):
@@ -130,21 +157,100 @@ class SupportFolder(House):
 class OrdinaryUser(House):
     user = NOBODY
 
-    def readable(self, path, by):
-        # Opening some of these files succeeds for anybody; only what they give counts.
-        return subprocess.run(as_user(by, ["/bin/cat", path]), capture_output=True, timeout=30).stdout != b""
+    def pried(self, pid):
+        # A copy: the source may lie where that user cannot look.
+        script = shutil.copy2(pathlib.Path(__file__).with_name("pry.py"), self.folder)
+        tried = output_of(as_user(self.user, ["/usr/bin/python3", "-B", str(script), str(pid)]))
+        self.assertEqual(tried.returncode, 0, tried.stderr)
+        return json.loads(tried.stdout)
 
-    def test_otherProgramsOfTheSameUserCannotReadItsMemoryOrEnvironment(self):
+    def test_otherProgramsOfTheSameUserGetNothingOutOfItOrOfWhatStartsItsCommands(self):
+        control = self.pried("self")
+        self.assertGreaterEqual(len(control), 10)
+        self.assertEqual([way for way, gave in control.items() if not gave], [], "the control gave nothing")
         self.open().furnish()
-        other = subprocess.Popen(as_user(self.user, ["/bin/sleep", "100"]), env={"A": "b"})
-        self.addCleanup(other.wait)
-        self.addCleanup(other.kill)
-        wait_until(lambda: os.stat(f"/proc/{other.pid}").st_uid == self.user, "the control runs as that user")
-        for name in ("environ", "maps", "auxv"):
-            self.assertTrue(self.readable(f"/proc/{other.pid}/{name}", self.user), f"the control's {name}")
-            self.assertFalse(self.readable(f"/proc/{self.owner.pid}/{name}", self.user), name)
-        with open(f"/proc/{self.owner.pid}/cmdline", "rb") as stream:
-            self.assertNotIn(VALUE.encode(), stream.read())
+        token = self.grant()
+        command = self.run_for_agent(token, "sleep", "100")
+        self.reply("y")
+        sleeping = wait_for_one(lambda: [pid for pid in descendants(self.owner.pid) if name_of(pid) == "sleep"])
+        own = [self.owner.pid, *(pid for pid in descendants(self.owner.pid) if pid != sleeping)]
+        self.assertEqual(len(own), 3, "the application, the host of commands, and the command's supervisor")
+        for pid in own:
+            self.assertEqual([way for way, gave in self.pried(pid).items() if gave], [], name_of(pid))
+            self.assertNotIn(VALUE.encode(), pathlib.Path(f"/proc/{pid}/cmdline").read_bytes())
+        os.kill(sleeping, signal.SIGKILL)
+        self.assertTrue(command.answer()["ok"])
+
+    def test_aCrashLeavesNoCore(self):
+        def dumped(command):
+            limits = (resource.RLIM_INFINITY, resource.RLIM_INFINITY)
+            process = subprocess.Popen(as_user(self.user, command), stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                       stderr=subprocess.DEVNULL, env=self.environment(), cwd=self.folder,
+                                       preexec_fn=lambda: resource.setrlimit(resource.RLIMIT_CORE, limits))
+            process.returncode = 0  # what the wait below finds
+            wait_until(lambda: name_of(process.pid) == pathlib.Path(command[0]).name, "it runs")
+            if command[0] == str(self.program):
+                wait_until((self.support / "agent.json").exists, "sorvaned is ready")
+            os.kill(process.pid, signal.SIGABRT)
+            status = os.waitpid(process.pid, 0)[1]
+            self.assertEqual(os.WTERMSIG(status), signal.SIGABRT)
+            return os.WCOREDUMP(status)
+        if not dumped(["/bin/sleep", "100"]):
+            self.skipTest("this machine keeps no cores, so nothing is shown by there being none")
+        self.assertFalse(dumped([str(self.program), "--support-dir", str(self.support), "--store", "embedded"]))
+
+    def test_whatItInheritsIsClosedScrubbedAndNarrowedAndCommandsKeepTheOwnersMask(self):
+        with tempfile.TemporaryFile() as inherited:
+            os.set_inheritable(inherited.fileno(), True)
+            environment = {**self.environment(), "LD_PRELOAD": preloadable(), "GLIBC_TUNABLES": "glibc.malloc.check=0"}
+            self.environment = lambda: environment
+            control = subprocess.Popen(["/bin/cat"], close_fds=False, env=environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
+                                       bufsize=0)
+            self.addCleanup(control.communicate)
+            control.stdin.write(b"a")
+            control.stdout.read(1)
+            self.open().furnish()
+            file = os.fstat(inherited.fileno()).st_ino
+
+            def inherits(pid):
+                held = {os.stat(f"/proc/{pid}/fd/{fd}").st_ino for fd in os.listdir(f"/proc/{pid}/fd")}
+                variables = pathlib.Path(f"/proc/{pid}/environ").read_bytes()
+                maps = pathlib.Path(f"/proc/{pid}/maps").read_text()
+                return [file in held, b"LD_PRELOAD=" in variables, b"GLIBC_TUNABLES=" in variables, environment["LD_PRELOAD"] in maps]
+            self.assertEqual(inherits(control.pid), [True] * 4)
+            self.assertEqual(inherits(self.owner.pid), [False] * 4)
+            self.assertEqual(name_of(self.owner.pid), "sorvaned")
+        before = os.umask(0o022)
+        os.umask(before)
+        self.assertIn("Umask:\t0077\n", pathlib.Path(f"/proc/{self.owner.pid}/status").read_text())
+        command = self.run_for_agent(self.grant(), "sh", "-c", "umask; ls /proc/self/fd; env")
+        self.reply("y")
+        output = command.answer()["value"]
+        self.assertEqual(output.split("\n")[0], f"{before:04o}")
+        self.assertEqual(output.split("\n")[1:5], ["0", "1", "2", "3"], "the last is the listed folder itself")
+        self.assertNotIn("LD_PRELOAD", output)
+
+    def test_aStandardDescriptorThatIsClosedLeavesNoRoomForAFileOfItsOwn(self):
+        command = [str(self.program), "--support-dir", str(self.support), "--store", "embedded"]
+        process = subprocess.Popen(as_user(self.user, ["/bin/sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh", *command]),
+                                   env=self.environment())
+        self.addCleanup(process.wait)
+        self.addCleanup(process.terminate)
+        wait_until((self.support / "agent.json").exists, "sorvaned is ready")
+        for number in range(3):
+            self.assertEqual(os.readlink(f"/proc/{process.pid}/fd/{number}"), "/dev/null")
+
+    def test_keysLieInLockedMemoryAndItSaysWhenTheyCannot(self):
+        warning = "does not let sorvaned lock its memory"
+        self.open().furnish()
+        self.assertNotIn(warning, self.owner.text())
+        self.assertNotRegex(pathlib.Path(f"/proc/{self.owner.pid}/status").read_text(), r"VmLck:\s+0 kB")
+        self.close()
+        command = ["/usr/bin/prlimit", "--memlock=0", str(self.program), "--support-dir", str(self.support)]
+        self.owner = Terminal(as_user(self.user, command), self.environment())
+        self.owner.wait_for(warning)
+        self.owner.wait_for(r"\[app\] ready")
+        self.assertRegex(pathlib.Path(f"/proc/{self.owner.pid}/status").read_text(), r"VmLck:\s+0 kB")
 
     def test_aPeerOfAnotherUserIsClosedWithoutAnAnswer(self):
         self.open()

@@ -8,13 +8,32 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <array>
 #include <charconv>
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <string>
+#include <string_view>
+
+#include "base/diagnostics.h"
 
 namespace sorvane::base {
+namespace {
+
+// What the C library itself ignores in programs that run with another user's rights, TMPDIR apart: commands get that.
+constexpr std::array<std::string_view, 12> kLoaderVariables = {
+    "GCONV_PATH", "GETCONF_DIR", "GLIBC_TUNABLES", "HOSTALIASES",      "LOCALDOMAIN", "LOCPATH",
+    "NIS_PATH",   "NLSPATH",     "MALLOC_TRACE",   "RESOLV_HOST_CONF", "RES_OPTIONS", "TZDIR",
+};
+
+bool isLoaderVariable(std::string_view entry) {
+  const std::string_view name = entry.substr(0, entry.find('='));
+  return name.starts_with("LD_") || std::ranges::find(kLoaderVariables, name) != kLoaderVariables.end();
+}
+
+}  // namespace
 
 int syncToDisk(int fd) {
   return ::fsync(fd);
@@ -86,6 +105,26 @@ void hardenProcess() {
     core.rlim_cur = 0;
     ::setrlimit(RLIMIT_CORE, &core);
   }
+}
+
+void startWithoutLoaderVariables(char** argv) {
+  char** end = environ;
+  while (*end != nullptr) ++end;
+  char** const kept = std::remove_if(environ, end, [](const char* entry) { return isLoaderVariable(entry); });
+  if (kept == end) return;
+  *kept = nullptr;
+  // By its path, so that the process keeps its name; by the link when the file was replaced meanwhile.
+  ::execv(programPath().c_str(), argv);
+  ::execv("/proc/self/exe", argv);
+  diagnose("app", "could not start anew without the variables of the dynamic loader; what they loaded stays");
+}
+
+void closeInheritedDescriptors() {
+  ::close_range(3, ~0U, 0);
+  int null = 0;
+  // The system gives the lowest number that is free.
+  while (null >= 0 && null <= STDERR_FILENO) null = ::open("/dev/null", O_RDWR);
+  if (null > STDERR_FILENO) ::close(null);
 }
 
 std::filesystem::path userConfigFolder() {
