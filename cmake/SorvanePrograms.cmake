@@ -10,7 +10,8 @@ endif()
 # The helper program starts once per command, and the dynamic linker would be most of its run time: it is linked statically and
 # holds nothing but the base, the protocol, the masking and itself.
 file(GLOB cli_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/cli/*.cpp
-     ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/protocol_*.cpp ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/client.cpp
+     ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/protocol_*.cpp ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/owner_protocol.cpp
+     ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/client.cpp
      ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/masking.cpp ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/needle*.cpp)
 add_executable(sorvane ${cli_sources})
 target_include_directories(sorvane PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)

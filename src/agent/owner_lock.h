@@ -26,6 +26,8 @@ struct LockReport {
   /// The organization decided `followsSession`.
   bool isManaged = false;
   bool heldLocked = false;
+  /// The system asks its owner now.
+  bool isAsking = false;
   /// The wait before the next passphrase, whole seconds; 0: none.
   std::int64_t waitSeconds = 0;
   /// "embedded" or "secret-service", and whether its items lie sealed under the passphrase.
@@ -52,6 +54,10 @@ struct LockOutcome {
 /// Who asks: questions of the system are put in this process's name, and withdrawn when it is gone.
 struct LockCaller {
   pid_t peer = 0;
+  /// It was typed on the application's own terminal, whose word counts where the system can check nobody.
+  bool isOwnTerminal = false;
+  /// The process shows the system's questions itself, for the time of its request.
+  bool answersItself = false;
   std::stop_token gone;
 };
 

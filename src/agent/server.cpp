@@ -1,7 +1,5 @@
 #include "agent/server.h"
 
-#include <sys/socket.h>
-
 #include "agent/grants.h"
 #include "agent/server_request.h"
 #include "base/codec.h"
@@ -17,6 +15,8 @@ constexpr std::string_view kNotRunning = "vault unavailable; retry after unlocki
 constexpr std::string_view kUnauthorized =
     "sorvane does not recognize this agent connection, so nothing was shared. Reconnect the agent in Settings > Agents "
     "(on Linux: run sorvane, then Agent connections), then restart it.";
+constexpr std::string_view kBusy =
+    "sorvane is handling as many requests as it can. Nothing was shared. Try again in a moment.";
 constexpr std::string_view kConnectFirst = "Connect this agent before starting its task session.";
 
 Caller callerOf(const ClientGrant& grant) {
@@ -40,6 +40,9 @@ AgentServer::AgentServer(Settings settings, Ports ports)
       localProxy_(ports.handlers.localProxy),
       handlers_(std::move(ports.handlers)),
       approvals_(std::move(ports.approvals)),
+      requests_(
+          "agent", [this](const ReceivedRequest& received, const RequestPeer& peer) { return answer(received, peer); },
+          [] { return encodeResponse(AgentResponse::refused(std::string(kBusy))); }),
       published_(ports.files, settings_.supportFolder / base::kEndpointName) {
   observeSessions();
   // Sessions do not outlive the application, and their files must not.
@@ -69,8 +72,7 @@ void AgentServer::observeSessions() {
 AgentServer::~AgentServer() {
   endpointWatch_ = {};
   stop();
-  connections_.dropSilent();
-  connections_.waitUntilNone();
+  requests_.drain();
   waitUntilIdle(Waiting::everyone);
   for (const auto& token : sessionObservers_) sessions_.stopObserving(token);
 }
@@ -109,15 +111,13 @@ std::optional<std::string> AgentServer::open() {
     const base::Lock lock(mutex_);
     generation = ++generation_;
     running_ = true;
-    acceptFailed_ = false;
     token_ = std::move(token);
     controllerIdentity_ = std::move(identity);
     clipboardFingerprintKey_ = std::move(clipboardKey);
   }
   approvals_.setGeneration(generation);
-  listener_ = std::move(listener.socket);
   publishedSocket_ = listener.identity;
-  acceptThread_ = std::thread([this, generation, socket = listener_.get()] { acceptLoop(generation, socket); });
+  requests_.listen(std::move(listener.socket), " (gen " + std::to_string(generation) + ")");
   if (published_.publish(info())) return std::nullopt;
   close();
   return "could not publish endpoint";
@@ -134,9 +134,7 @@ void AgentServer::close() {
   approvals_.setGeneration(std::nullopt);
   hangups_.withdrawAll();
   sessions_.endAll();
-  ::shutdown(listener_.get(), SHUT_RDWR);
-  if (acceptThread_.joinable()) acceptThread_.join();
-  listener_.reset();
+  requests_.close();
   published_.withdraw();
   std::error_code ignored;
   std::filesystem::remove(socketPath_, ignored);
@@ -180,6 +178,11 @@ void AgentServer::waitUntilIdle(Waiting waiting) {
   requestLeft_.notify_all();
   while (activeRequests_ > waitingRequests_) requestLeft_.wait(lock.mutex());
   waitingRequests_ -= self;
+}
+
+base::SecretText AgentServer::answer(const ReceivedRequest& received, const RequestPeer& peer) {
+  if (received.tooLarge) return encodeResponse(AgentResponse::refused("request too large"));
+  return encodeResponse(handle(received.bytes.view(), SocketCaller{peer.socket, peer.pid}));
 }
 
 AgentResponse AgentServer::handle(std::string_view bytes, const RequestCaller& caller) {

@@ -15,6 +15,7 @@
 #include "agent/grant_book.h"
 #include "agent/handlers.h"
 #include "agent/protocol.h"
+#include "agent/request_socket.h"
 #include "base/files.h"
 #include "base/mutex.h"
 #include "crypto/key.h"
@@ -74,16 +75,11 @@ class AgentServer {
   void waitUntilIdle(Waiting waiting);
 
  private:
-  struct ConnectionStart;
-
   void observeSessions();
   std::optional<std::string> open() REQUIRES(lifecycle_);
   void close() REQUIRES(lifecycle_);
   AgentInfo info() const;
-  void acceptLoop(std::int64_t generation, int listener);
-  void accepted(base::Descriptor socket);
-  static void* connectionThread(void* start);
-  void serve(base::Descriptor socket, Connections::Id id, pid_t peer);
+  base::SecretText answer(const ReceivedRequest& received, const RequestPeer& peer);
   /// What a request takes along of the generation that it came in.
   struct Entered {
     std::int64_t generation;
@@ -94,7 +90,6 @@ class AgentServer {
   std::variant<Caller, AgentResponse> authenticate(std::string_view token, const RequestCaller& caller);
   void watchEndpoint(const std::stop_token& stop);
   void checkEndpoint(std::string& lastFailure);
-  bool acceptFailed() const;
 
   // Constant after construction, or synchronised by themselves.
   const Settings settings_;
@@ -106,15 +101,13 @@ class AgentServer {
   Handlers handlers_;
   Approvals approvals_;
   HangupWatch hangups_;
-  Connections connections_;
+  RequestSocket requests_;
 
   // Held across opening and closing, so that they do not interleave. Never taken by a request that is not itself
   // starting or stopping the server.
   base::Mutex lifecycle_;
   PublishedFile published_ GUARDED_BY(lifecycle_);
   SocketIdentity publishedSocket_ GUARDED_BY(lifecycle_);
-  base::Descriptor listener_ GUARDED_BY(lifecycle_);
-  std::thread acceptThread_ GUARDED_BY(lifecycle_);
   bool wanted_ GUARDED_BY(lifecycle_) = false;
 
   std::vector<TaskSessions::ObserverToken> sessionObservers_;
@@ -123,7 +116,6 @@ class AgentServer {
   mutable base::Mutex mutex_;
   bool running_ GUARDED_BY(mutex_) = false;
   std::int64_t generation_ GUARDED_BY(mutex_) = 0;
-  bool acceptFailed_ GUARDED_BY(mutex_) = false;  ///< nobody accepts on the listener any more
   base::SecretText token_ GUARDED_BY(mutex_);
   std::string controllerIdentity_ GUARDED_BY(mutex_);
   std::shared_ptr<const crypto::SymmetricKey> clipboardFingerprintKey_ GUARDED_BY(mutex_);  ///< new each start

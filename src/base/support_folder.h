@@ -15,6 +15,7 @@ class SupportFolderError : public Error {
 
 /// Names of what lies in the support folder.
 inline constexpr std::string_view kSocketName = "agent.sock";
+inline constexpr std::string_view kOwnerSocketName = "owner.sock";
 inline constexpr std::string_view kEndpointName = "agent.json";
 inline constexpr std::string_view kGrantsName = "agent_clients.json";
 inline constexpr std::string_view kVaultName = "vault";
