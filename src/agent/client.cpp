@@ -83,6 +83,24 @@ base::SecretText receive(int socket) {
   return answer;
 }
 
+[[noreturn]] void notUnderstood() {
+  throw ClientError(ClientError::Case::badAnswer, "sorvaned sent an answer that this program does not understand.");
+}
+
+/// What came back for one encoded request; empty when the peer closed the connection.
+base::SecretText exchanged(const std::string& path, const base::SecretText& request,
+                           const std::stop_token& withdrawal) {
+  const base::Descriptor socket = connectTo(path, withdrawal);
+  // Ends a send or a receive that waits. The callback is gone before the descriptor is closed, so it never names
+  // another file.
+  const std::stop_callback close(withdrawal, [&socket] { ::shutdown(socket.get(), SHUT_RDWR); });
+  send(socket.get(), request.view());
+  ::shutdown(socket.get(), SHUT_WR);
+  base::SecretText answer = receive(socket.get());
+  if (withdrawal.stop_requested()) withdrawn();
+  return answer;
+}
+
 }  // namespace
 
 void stateCapabilities(AgentRequest& request) {
@@ -111,23 +129,27 @@ AgentResponse exchange(const std::string& socketPath, const AgentRequest& reques
 }
 
 AgentResponse exchange(const std::string& socketPath, const AgentRequest& request, const std::stop_token& withdrawal) {
-  const base::Descriptor socket = connectTo(socketPath, withdrawal);
-  // Ends a send or a receive that waits. The callback is gone before the descriptor is closed, so it never names
-  // another file.
-  const std::stop_callback close(withdrawal, [&socket] { ::shutdown(socket.get(), SHUT_RDWR); });
-  send(socket.get(), encodeRequest(request).view());
-  ::shutdown(socket.get(), SHUT_WR);
-  const base::SecretText answer = receive(socket.get());
-  if (withdrawal.stop_requested()) withdrawn();
+  const base::SecretText answer = exchanged(socketPath, encodeRequest(request), withdrawal);
   if (answer.empty()) {
     throw ClientError(ClientError::Case::badAnswer,
                       "sorvaned closed the connection without an answer, so nothing was shared. Try again.");
   }
   auto response = decodeResponse(answer.view());
-  if (!response) {
-    throw ClientError(ClientError::Case::badAnswer, "sorvaned sent an answer that this program does not understand.");
-  }
+  if (!response) notUnderstood();
   return std::move(*response);
+}
+
+OwnerAnswer askOwner(const std::filesystem::path& supportFolder, const OwnerRequest& request,
+                     const std::stop_token& withdrawal) {
+  const std::string path = (supportFolder / base::kOwnerSocketName).string();
+  const base::SecretText text = exchanged(path, encodeOwnerRequest(request), withdrawal);
+  if (text.empty()) {
+    throw ClientError(ClientError::Case::badAnswer,
+                      "sorvaned closed the connection without an answer. See sorvane status for how it stands.");
+  }
+  auto answer = decodeOwnerAnswer(text.view());
+  if (!answer) notUnderstood();
+  return std::move(*answer);
 }
 
 }  // namespace sorvane::agent

@@ -7,6 +7,7 @@
 #include <string>
 #include <string_view>
 
+#include "agent/owner_protocol.h"
 #include "agent/protocol.h"
 #include "base/error.h"
 
@@ -40,5 +41,10 @@ AgentResponse exchange(const std::string& socketPath, const AgentRequest& reques
 /// The same, until `withdrawal` is asked for: the connection is then closed, which withdraws the question to the owner,
 /// and ClientError::withdrawn is thrown. The stop may come from any thread.
 AgentResponse exchange(const std::string& socketPath, const AgentRequest& request, const std::stop_token& withdrawal);
+
+/// The same with "owner.sock" of a support folder, which sorvaned serves while the vault is locked too. Throws
+/// ClientError::unavailable when nobody does.
+OwnerAnswer askOwner(const std::filesystem::path& supportFolder, const OwnerRequest& request,
+                     const std::stop_token& withdrawal);
 
 }  // namespace sorvane::agent
