@@ -9,10 +9,16 @@ endif()
 
 # The helper program starts once per command, and the dynamic linker would be most of its run time: it is linked statically and
 # holds nothing but the base, the protocol, the masking and itself.
+set(cli_adapters polkit_text_agent.cpp agent_helper.cpp bus_link.cpp bus_wire.cpp terminal_prompt.cpp)
 file(GLOB cli_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/cli/*.cpp
      ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/protocol_*.cpp ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/owner_protocol.cpp
      ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/client.cpp
      ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/masking.cpp ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/needle*.cpp)
+if(NOT APPLE)
+  # The agent on the person's terminal, which gets along without the libraries of the other adapters.
+  list(TRANSFORM cli_adapters PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/src/platform/linux/)
+  list(APPEND cli_sources ${cli_adapters})
+endif()
 add_executable(sorvane ${cli_sources})
 target_include_directories(sorvane PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
 target_compile_definitions(sorvane PRIVATE SORVANE_VERSION="${PROJECT_VERSION}")
@@ -56,4 +62,6 @@ if(SORVANE_FUZZ)
   endforeach()
   # The helper program is no library; its decoder is compiled into the target.
   target_sources(mcp_line_fuzz PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src/cli/mcp_frame.cpp)
+  # The same holds for the one adapter that reads bytes of a bus itself.
+  target_sources(bus_message_fuzz PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src/platform/linux/bus_wire.cpp)
 endif()

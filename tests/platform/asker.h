@@ -21,7 +21,14 @@ inline std::string wordOf(const unlock::OwnerPresence::Answer& answer) {
   return "failed " + std::to_string(std::get<unlock::OwnerPresence::Failed>(answer).code);
 }
 
-/// Serves an Asker: one command a line on standard input, one line of answer each. `hear` is told each first.
+/// An environment variable; empty when it is not set.
+inline std::string setting(const char* name) {
+  const char* const value = std::getenv(name);
+  return value == nullptr ? "" : value;
+}
+
+/// Serves an Asker: one command a line on standard input, one line of answer each. `hear` is told each first, and is
+/// the only one to know those that are none of these.
 template <typename Hear>
 void serveAsker(unlock::OwnerPresence& check, const Hear& hear) {
   for (std::string command; std::getline(std::cin, command);) {
@@ -30,7 +37,7 @@ void serveAsker(unlock::OwnerPresence& check, const Hear& hear) {
       std::cout << check.unavailable().value_or("available") << std::endl;
     } else if (command == "withdraw") {
       check.withdraw();
-    } else {
+    } else if (command.starts_with("ask")) {
       check.ask(unlock::OwnerPresence::Check::presence, "Unlock it",
                 [](const unlock::OwnerPresence::Answer& answer) { std::cout << wordOf(answer) << std::endl; });
     }

@@ -35,7 +35,7 @@ class OwnerCheck final : public unlock::OwnerPresence {
   struct Ports {
     /// As PamOwnerCheck's `takeTurn`. Empty: the application has no terminal of its own, and PAM cannot be used.
     TakeTerminal takeTerminal;
-    TerminalPrompt terminal;
+    TerminalPrompt terminal = TerminalPrompt();
     /// Shows the reason before polkit asks; false where it could not.
     std::function<bool(const std::string& reason)> showReason = showReasonAsNotice;
     std::chrono::milliseconds limit{PolkitOwnerCheck::kLimit};
