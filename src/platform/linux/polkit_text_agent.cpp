@@ -237,7 +237,7 @@ class PolkitTextAgent::Agent {
 
   void finish() {
     link_.send(question_->wasDismissed() ? refusalOf(question_->call(), kDismissed, "Nobody answered.")
-                                       : answerTo(question_->call(), BusMessage::Kind::reply));
+                                         : answerTo(question_->call(), BusMessage::Kind::reply));
     question_.reset();
   }
 
