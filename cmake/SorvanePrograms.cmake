@@ -9,7 +9,7 @@ endif()
 
 # The helper program starts once per command, and the dynamic linker would be most of its run time: it is linked statically and
 # holds nothing but the base, the protocol, the masking and itself.
-set(cli_adapters polkit_text_agent.cpp agent_helper.cpp bus_link.cpp bus_wire.cpp terminal_prompt.cpp)
+set(cli_adapters polkit_text_agent.cpp agent_helper.cpp bus_link.cpp bus_wire.cpp reason_text.cpp terminal_prompt.cpp)
 file(GLOB cli_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/cli/*.cpp
      ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/protocol_*.cpp ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/owner_protocol.cpp
      ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/client.cpp

@@ -1,4 +1,5 @@
 #include "platform/linux/notifier.h"
+#include "platform/linux/owner_check.h"
 
 #include <gtest/gtest.h>
 #include <sdbus-c++/sdbus-c++.h>
@@ -9,6 +10,7 @@ namespace sorvane::test {
 namespace {
 
 using platform::FreedesktopNotifier;
+using platform::showReasonAsNotice;
 using namespace std::chrono_literals;
 
 /// A notification service on a private bus that remembers what it was to show, or never answers.
@@ -81,6 +83,20 @@ TEST_F(DesktopNotices, areSilentWithoutAServiceAndAppearOnceThereIsOne) {
   if (shown == std::vector<std::string>{"no|bus"}) shown = desktop.shown(2);
   ASSERT_FALSE(shown.empty());
   EXPECT_EQ(shown.back(), "now|shown");
+}
+
+TEST_F(DesktopNotices, tellWhetherThereWasAServiceToTakeAReason) {
+  EXPECT_FALSE(showReasonAsNotice("Unlock sorvane"));
+  {
+    OwnDesktop desktop({"body"});
+    EXPECT_TRUE(showReasonAsNotice("Unlock sorvane"));
+    EXPECT_TRUE(showReasonAsNotice("Codex asks\nIt says: \x1b[2J\nNothing else"));
+    const std::string title = "sorvane asks whether it is you|";
+    EXPECT_EQ(desktop.shown(2),
+              (std::vector{title + "Unlock sorvane.", title + "Codex asks\nIt says: \\x1b[2J\nNothing else"}));
+  }
+  bus_.stop();
+  EXPECT_FALSE(showReasonAsNotice("Unlock sorvane"));
 }
 
 TEST_F(DesktopNotices, neverHoldTheCallerUpWhenTheServiceHangs) {

@@ -1,6 +1,7 @@
 #include "platform/linux/owner_check.h"
 
 #include "platform/linux/notifier.h"
+#include "platform/linux/reason_text.h"
 
 namespace sorvane::platform {
 namespace {
@@ -12,7 +13,7 @@ bool isForPam(const std::optional<std::string>& obstacle) {
 }  // namespace
 
 bool showReasonAsNotice(const std::string& reason) {
-  return showNotice("sorvane asks whether it is you", reason + ".");
+  return showNotice("sorvane asks whether it is you", reasonText(reason));
 }
 
 OwnerCheck::OwnerCheck(Ports ports)

@@ -24,10 +24,11 @@ bool showReasonAsNotice(const std::string& reason);
 ///
 ///     platform::OwnerCheck presence({.takeTerminal = approver == nullptr ? platform::OwnerCheck::TakeTerminal()
 ///         : [&](const std::stop_token& withdrawn) { return approver->takeTurn(withdrawn); }});
-///     // A request of the owner's came in on a socket; `peer` is base::peerCredentials of it, the flag what it says.
-///     if (const auto process = base::processInfo(peer.pid)) presence.askFor({{*process, request.answersItself}});
+///     // For a request of a process; `caller` says which one it is, and whether it answers itself.
+///     if (const auto process = base::processInfo(caller.peer)) presence.askFor({{*process, caller.answersItself}});
 ///     lockManager.unlockWithSystem(button, [&](auto outcome) { presence.askFor(std::nullopt); … });
 ///
+/// `unavailable` may be called by any thread, all else by one. A reason may have several lines.
 /// The asking program holds a PolkitTextAgent (platform/linux/polkit_text_agent.h) while it waits.
 class OwnerCheck final : public unlock::OwnerPresence {
  public:

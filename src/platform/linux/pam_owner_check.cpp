@@ -10,6 +10,7 @@
 #include "base/descriptor.h"
 #include "base/unicode.h"
 #include "platform/linux/pam_library.h"
+#include "platform/linux/reason_text.h"
 
 namespace sorvane::platform {
 namespace {
@@ -84,7 +85,7 @@ unlock::OwnerPresence::Answer PamOwnerCheck::answerTo(const std::string& reason,
   const TerminalPrompt& terminal = *ports_.terminal;
   const auto deadline = std::chrono::steady_clock::now() + ports_.limit;
   bool gaveUp = false;
-  terminal.show("\n" + base::escapedForDisplay(reason) + ".\n");
+  terminal.show("\n" + reasonText(reason) + "\n");
   const PamConversation conversation{
       .ask = [&](const std::string& prompt, bool echo) -> std::optional<base::SecretText> {
         const auto mode = echo ? TerminalPrompt::Echo::yes : TerminalPrompt::Echo::no;

@@ -15,6 +15,7 @@
 #include "base/unicode.h"
 #include "platform/linux/agent_helper.h"
 #include "platform/linux/bus_link.h"
+#include "platform/linux/reason_text.h"
 
 namespace sorvane::platform {
 namespace {
@@ -121,7 +122,7 @@ class TerminalQuestion {
  private:
   void ask(const AgentHelperTask& task, const std::string& reason, const TerminalPrompt& terminal) {
     const auto deadline = steady_clock::now() + kAnswerLimit;
-    terminal.show("\n" + base::escapedForDisplay(reason) + ".\n");
+    terminal.show("\n" + reasonText(reason) + "\n");
     const PamConversation conversation{
         .ask = [&](const std::string& prompt, bool echo) -> std::optional<base::SecretText> {
           const auto mode = echo ? TerminalPrompt::Echo::yes : TerminalPrompt::Echo::no;

@@ -10,6 +10,7 @@
 #include <future>
 #include <iostream>
 
+#include "base/system.h"
 #include "platform/asker.h"
 #include "platform/linux/polkit_owner_check.h"
 #include "platform/polkit/own_agent.h"
@@ -28,6 +29,8 @@ constexpr char kNobodyToAsk[] = "failed -1004";
 /// Asks as an ordinary user.
 int runAsker() {
   if (::setgid(65534) != 0 || ::setuid(65534) != 0) return 99;
+  // As the application is: polkit must get along with a process that nobody can look into.
+  base::hardenProcess();
   bool isShown = true;
   PolkitOwnerCheck check({.asking = {},
                           .showReason =
