@@ -17,6 +17,10 @@ std::string accountOf(std::string_view secretId, std::int64_t version) {
   return std::string(secretId).append(kVersionMark).append(std::to_string(version));
 }
 
+std::string namespacedAccount(std::string_view nameSpace, std::string_view account) {
+  return std::string("restore:").append(nameSpace).append(":").append(account);
+}
+
 std::optional<VersionAccount> parseVersionAccount(std::string_view account) {
   if (isReservedAccount(account)) return std::nullopt;
   const std::size_t mark = account.rfind(kVersionMark);

@@ -26,6 +26,9 @@ struct VersionAccount {
 /// secretId + "#v" + version.
 std::string accountOf(std::string_view secretId, std::int64_t version);
 
+/// "restore:" + name space + ":" + account: where a restore puts a value, beside those of the vault before it.
+std::string namespacedAccount(std::string_view nameSpace, std::string_view account);
+
 /// Splits at the last "#v"; nullopt unless the part before is not empty and the part behind is a decimal integer, or
 /// when the account is reserved.
 std::optional<VersionAccount> parseVersionAccount(std::string_view account);

@@ -7,11 +7,13 @@
 #include "base/ids.h"
 #include "base/json.h"
 #include "base/json_writer.h"
+#include "vault/accounts.h"
 
 namespace sorvane::vault {
 namespace {
 
 constexpr std::size_t kMaxGenerationName = 64;
+constexpr std::string_view kRestoredMark = "restored-";
 
 /// False when the field is there but is no list of text.
 bool readStrings(const base::Json& json, std::string_view name, std::optional<std::vector<std::string>>& out) {
@@ -70,6 +72,19 @@ bool isGenerationName(std::string_view name) {
 
 std::string newGenerationName(base::Date now) {
   return base::compactStamp(now) + "-" + base::randomHex(8);
+}
+
+std::string newRestoredGenerationName(base::Date now) {
+  return std::string(kRestoredMark) + newGenerationName(now);
+}
+
+bool isRestoredGeneration(std::string_view name) {
+  return name.starts_with(kRestoredMark);
+}
+
+std::string valueAccount(std::string_view generation, std::string_view secretId, std::int64_t version) {
+  std::string account = accountOf(secretId, version);
+  return isRestoredGeneration(generation) ? namespacedAccount(generation, account) : account;
 }
 
 }  // namespace sorvane::vault

@@ -37,5 +37,10 @@ DecodeOutcome<Manifest> decodeManifest(std::string_view text);
 bool isGenerationName(std::string_view name);
 /// A UTC time stamp and 8 random hexadecimal digits.
 std::string newGenerationName(base::Date now);
+/// The same under a mark of its own: a generation that a restore made keeps its values under its own name in the store.
+std::string newRestoredGenerationName(base::Date now);
+bool isRestoredGeneration(std::string_view name);
+/// The account of a version's value in a generation.
+std::string valueAccount(std::string_view generation, std::string_view secretId, std::int64_t version);
 
 }  // namespace sorvane::vault

@@ -1,5 +1,7 @@
 #include "vault/namespaced_store.h"
 
+#include "vault/accounts.h"
+
 namespace sorvane::vault {
 
 std::string NamespacedSecretStore::accountFor(std::string_view account) const {
@@ -7,7 +9,7 @@ std::string NamespacedSecretStore::accountFor(std::string_view account) const {
     const base::Lock lock(mutex_);
     if (failure_) throw SecretStoreError::backend(*failure_);
   }
-  return prefix().append(account);
+  return nameSpace_.empty() ? std::string(account) : namespacedAccount(nameSpace_, account);
 }
 
 void NamespacedSecretStore::store(std::string_view account, const base::SecretText& value) {

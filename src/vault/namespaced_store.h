@@ -28,7 +28,6 @@ class NamespacedSecretStore final : public EnumerableSecretStore {
   }
 
  private:
-  std::string prefix() const { return nameSpace_.empty() ? std::string() : "restore:" + nameSpace_ + ":"; }
   std::string accountFor(std::string_view account) const;
 
   EnumerableSecretStore& base_;

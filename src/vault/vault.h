@@ -167,6 +167,7 @@ struct LogRepair {
 };
 
 class SealedSettings;
+struct VaultContents;
 struct LocalReversalJournal;
 struct VersionAccount;
 
@@ -278,6 +279,17 @@ class Vault {
   /// Purges versions retired more than `days` days ago and removes values that no record names.
   VaultGcReport collectGarbage(std::int64_t days, const Progress& progress = {});
 
+  /// All that the vault holds, for a backup; every value is logged before this returns. Throws UnreadableValue and
+  /// UnreadableHistory (vault_contents.h): nothing left the vault then.
+  VaultContents contents(const AccessContext& context, const Progress& progress = {});
+  /// Puts `contents` in the place of the vault, whether that can be opened or not, as a generation of its own with its
+  /// own values; the present one stays as the one step back. Ends every task session. After a failure, and after the
+  /// process ended anywhere in between, the vault is the old one or the new one, whole.
+  void restore(const VaultContents& contents, const Progress& progress = {});
+  /// Swaps the present generation and the one before the last restore. Ends every task session.
+  void stepBack();
+  bool canStepBack() const;
+
   /// The sealed settings of this vault.
   SealedSettings& settings();
 
@@ -302,6 +314,7 @@ class Vault {
   using Names = std::vector<std::string>;
 
   // Opening (vault_open.cpp). Each throws what becomes the storage failure.
+  void openOrFail() REQUIRES(lock_);
   void open() REQUIRES(lock_);
   void create() REQUIRES(lock_);
   bool holdsRemains() REQUIRES(lock_);
@@ -330,6 +343,8 @@ class Vault {
   /// Writes all events with one append, synced, before it returns; throws VaultError when that fails: no value may
   /// leave then.
   void appendEvents(const std::vector<AccessEvent>& events) REQUIRES(lock_);
+  /// Where the present generation keeps the value.
+  std::string accountFor(std::string_view secretId, std::int64_t version) const;
   /// An event made now, without the ids of what it concerns.
   AccessEvent eventOf(const AccessContext& context) const;
 
@@ -383,9 +398,28 @@ class Vault {
   // The collection of garbage (vault_gc.cpp).
   struct Sweep;
   void beginSweep(Sweep& sweep) REQUIRES(lock_);
+  /// Accounts of values that no generation names; none when a generation cannot be read.
+  Names orphanAccounts() REQUIRES(lock_);
   void removeSwept(Sweep& sweep, const Progress& progress) REQUIRES(lock_);
   void keepUnswept(const Sweep& sweep) REQUIRES(lock_);
   VaultGcReport reportOf(const Sweep& sweep) REQUIRES(lock_);
+
+  // Restoring (vault_restore.cpp).
+  struct Restoration;
+  Restoration beginRestoration() REQUIRES(lock_);
+  void stageContents(const Restoration& restoration, const VaultContents& contents, const Progress& progress)
+      REQUIRES(lock_);
+  bool isStaged(const Restoration& restoration, const VaultContents& contents) REQUIRES(lock_);
+  void dropStaged(const Restoration& restoration) REQUIRES(lock_);
+  void switchTo(const Restoration& restoration) REQUIRES(lock_);
+  std::filesystem::path putJournalAside(const std::optional<std::string>& generation) REQUIRES(lock_);
+  void switchBack(const Restoration& restoration, const std::filesystem::path& keptJournal) REQUIRES(lock_);
+  void reopen() REQUIRES(lock_);
+  void reclaimJournal() REQUIRES(lock_);
+  void announceReplaced(const std::vector<std::string>& before);
+  void removeGenerationFiles(const std::string& generation) REQUIRES(lock_);
+  /// Generations that the manifest does not name: of restores that never took effect, and of vaults replaced twice.
+  void removeUnusedGenerations() REQUIRES(lock_);
 
   // Constant after construction.
   const std::filesystem::path directory_;

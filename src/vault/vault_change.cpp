@@ -97,7 +97,7 @@ void Vault::commitJournalled(Change& change) {
     for (const Change::Value& value : change.values) {
       nextBoundary();
       ++change.valuesTried;
-      ports_.store.store(accountOf(value.account.secretId, value.account.version), value.text);
+      ports_.store.store(accountFor(value.account.secretId, value.account.version), value.text);
     }
     writeChangedFiles(change);
     nextBoundary();

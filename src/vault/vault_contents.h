@@ -1,13 +1,13 @@
 #pragma once
 
 #include <cstdint>
-#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "base/secret_text.h"
 #include "vault/records.h"
+#include "vault/vault.h"
 
 namespace sorvane::vault {
 
@@ -28,6 +28,27 @@ struct VaultContents {
   std::vector<SecretValueEntry> values;
   /// The JSON text of cloud-cache.json; passed through, never interpreted.
   std::optional<base::SecretText> cloudCache;
+};
+
+/// Whether a vault can be made of the contents: ids that stand for one record each, versions in ascending order, and a
+/// value that a store takes for each active or retired version and for no other.
+bool isRestorable(const VaultContents& contents);
+
+/// The value of a version that should have one could not be read.
+class UnreadableValue : public VaultError {
+ public:
+  UnreadableValue(const std::string& sentence, std::string secretName)
+      : VaultError(sentence), secretName_(std::move(secretName)) {}
+  const std::string& secretName() const { return secretName_; }
+
+ private:
+  std::string secretName_;
+};
+
+/// The access log holds something that is no event.
+class UnreadableHistory : public VaultError {
+ public:
+  using VaultError::VaultError;
 };
 
 }  // namespace sorvane::vault

@@ -1,6 +1,7 @@
 #include <algorithm>
 
 #include "base/diagnostics.h"
+#include "vault/manifest.h"
 #include "vault/sealed_files.h"
 #include "vault/vault_change.h"
 #include "vault/vault_sentences.h"
@@ -23,6 +24,12 @@ bool isOver(const SecretVersion& version, Date now, std::int64_t days) {
 bool isOwnValue(std::string_view account) {
   constexpr std::string_view kPrefix = "sec_";
   constexpr std::size_t kDigits = 32;
+  // One that a restore staged stands behind the name of its generation.
+  if (account.starts_with("restore:") && account.find(":sec_") != std::string_view::npos) {
+    const std::string_view generation = account.substr(8, account.find(":sec_") - 8);
+    if (!isGenerationName(generation) || !isRestoredGeneration(generation)) return false;
+    account.remove_prefix(account.find(":sec_") + 1);
+  }
   const auto parsed = parseVersionAccount(account);
   return parsed && parsed->secretId.starts_with(kPrefix) && parsed->secretId.size() == kPrefix.size() + kDigits &&
          parsed->secretId.find_first_not_of("0123456789abcdef", kPrefix.size()) == std::string::npos;
@@ -86,20 +93,23 @@ void Vault::beginSweep(Sweep& sweep) {
   sweep.change.secretsChanged = !sweep.purged.empty();
   sweep.change.alwaysJournalled = true;
   commit(sweep.change);
-  std::optional<Accounts> named;
+  std::unordered_set<std::string> going;
+  for (const Sweep::Item& item : sweep.purged) going.insert(accountFor(item.account.secretId, item.account.version));
   try {
-    named = namedAccounts(provenKey(), {});
+    removeUnusedGenerations();
+    sweep.orphans = orphanAccounts();
   } catch (const base::FileError& error) {
     throw VaultError(sentence::notRead(error.sentence()));
   }
-  if (!named) return;  // a generation that cannot be read may still name them
-  std::unordered_set<std::string> going;
-  for (const Sweep::Item& item : sweep.purged) going.insert(accountOf(item.account.secretId, item.account.version));
-  for (std::string& account : ports_.store.accounts()) {
-    if (isOwnValue(account) && !named->contains(account) && !going.contains(account)) {
-      sweep.orphans.push_back(std::move(account));
-    }
-  }
+  std::erase_if(sweep.orphans, [&](const std::string& account) { return going.contains(account); });
+}
+
+Vault::Names Vault::orphanAccounts() {
+  const auto named = namedAccounts(provenKey(), {});
+  if (!named) return {};  // a generation that cannot be read may still name them
+  Names orphans = ports_.store.accounts();
+  std::erase_if(orphans, [&](const std::string& account) { return !isOwnValue(account) || named->contains(account); });
+  return orphans;
 }
 
 void Vault::removeSwept(Sweep& sweep, const Progress& progress) {
@@ -112,7 +122,7 @@ void Vault::removeSwept(Sweep& sweep, const Progress& progress) {
     tell();
     nextBoundary();
     try {
-      ports_.store.remove(accountOf(item.account.secretId, item.account.version));
+      ports_.store.remove(accountFor(item.account.secretId, item.account.version));
     } catch (const SecretStoreError&) {
       throw VaultError(sentence::valueNotDeleted(item.account.version, item.secretName));
     }
@@ -163,7 +173,7 @@ VaultGcReport Vault::reportOf(const Sweep& sweep) {
   const auto records = currentRecords();
   for (const Secret& secret : records->secrets) {
     for (const SecretVersion& version : secret.versions) {
-      if (version.status == VersionStatus::purged || held.contains(accountOf(secret.id, version.version))) continue;
+      if (version.status == VersionStatus::purged || held.contains(accountFor(secret.id, version.version))) continue;
       report.missingValues.push_back(sentence::valueNotFound(version.version, secret.name));
     }
   }

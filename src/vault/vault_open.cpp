@@ -36,6 +36,11 @@ Vault::Vault(fs::path directory, Ports ports)
       observers_(std::make_unique<Observers>()),
       protectedKeys_(std::make_unique<ProtectedKeys>(*settings_, ports.store)) {
   const base::RecursiveLock lock(lock_);
+  openOrFail();
+}
+
+/// What goes wrong becomes the storage failure.
+void Vault::openOrFail() {
   try {
     open();
   } catch (const VaultError& error) {
@@ -73,6 +78,7 @@ void Vault::open() {
     throw VaultError(std::string(previousGeneration_ ? sentence::kRestoredFilesMissing : sentence::kFileDamaged));
   }
   removeStrayFiles();
+  reclaimJournal();
   recoverJournal();
   const auto key = readVaultKey(ports_.store);
   if (!key) throw VaultError(std::string(sentence::kKeyDoesNotOpen));

@@ -115,9 +115,14 @@ crypto::SymmetricKey Vault::provenKey() {
   return *std::move(key);
 }
 
+std::string Vault::accountFor(std::string_view secretId, std::int64_t version) const {
+  const base::RecursiveLock lock(lock_);
+  return valueAccount(generation_, secretId, version);
+}
+
 base::SecretText Vault::readValue(const Secret& secret, std::int64_t version) {
   try {
-    return ports_.store.read(accountOf(secret.id, version));
+    return ports_.store.read(accountFor(secret.id, version));
   } catch (const SecretStoreError& error) {
     if (error.kind() == SecretStoreError::Case::permissionDenied) {
       throw VaultError(sentence::keychainDenied(version, secret.name));

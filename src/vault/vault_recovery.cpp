@@ -55,7 +55,8 @@ std::optional<Vault::Accounts> Vault::namedAccounts(const crypto::SymmetricKey& 
     if (!secrets) return std::nullopt;
     for (const Secret& secret : *secrets) {
       for (const SecretVersion& version : secret.versions) {
-        if (version.status != VersionStatus::purged) accounts.insert(accountOf(secret.id, version.version));
+        if (version.status != VersionStatus::purged)
+          accounts.insert(valueAccount(generation, secret.id, version.version));
       }
     }
   }
@@ -102,8 +103,8 @@ void Vault::requireTrustworthy(const LocalReversalJournal& journal) {
   const auto named = namedAccounts(*key, journal.files);
   if (!named) refuseFiles();
   for (const VersionAccount& copy : journal.copies) {
-    const std::string account = accountOf(copy.secretId, copy.version);
-    if (named->contains(account) || parseVersionAccount(account) != copy) refuseFiles();
+    const bool isNamed = named->contains(accountFor(copy.secretId, copy.version));
+    if (isNamed || parseVersionAccount(accountOf(copy.secretId, copy.version)) != copy) refuseFiles();
   }
 }
 
@@ -130,7 +131,7 @@ void Vault::recoverJournal() {
 void Vault::removeValue(const VersionAccount& account) {
   nextBoundary();
   try {
-    ports_.store.remove(accountOf(account.secretId, account.version));
+    ports_.store.remove(accountFor(account.secretId, account.version));
   } catch (const SecretStoreError& error) {
     base::diagnose("vault", "a value that is no longer used stays until the next collection: " + error.sentence());
   }

@@ -13,6 +13,9 @@ std::string joined(std::initializer_list<std::string_view> parts) {
 
 }  // namespace
 
+std::string notRestored(std::string_view detail) {
+  return joined({"The vault could not be replaced: ", detail, ". Your current vault is unchanged. Try again."});
+}
 std::string cannotOpen(std::string_view detail) {
   return joined({"The vault could not be opened. Restore a backup in Settings → Backup. (", detail, ")"});
 }

@@ -46,6 +46,10 @@ inline constexpr std::string_view kControlInName =
     "A name cannot hold control characters. Nothing was saved. Choose another name.";
 inline constexpr std::string_view kLogUnreadable = "The audit log could not be read, so usage is unavailable.";
 
+inline constexpr std::string_view kNotVerified =
+    "The restored vault did not pass verification. Your current vault is unchanged.";
+inline constexpr std::string_view kNoPrevious = "There is no previous vault to restore.";
+
 inline constexpr std::string_view kSelectionStale = "A selected secret no longer exists. Refresh the selection.";
 
 std::string cannotOpen(std::string_view detail);
@@ -67,6 +71,7 @@ std::string variableTaken(std::string_view variable, std::string_view projectNam
 std::string notChanged(std::string_view detail);
 std::string notRead(std::string_view detail);
 std::string notLogged(std::string_view detail);
+std::string notRestored(std::string_view detail);
 std::string settingNotRead(std::string_view detail);
 std::string settingNotSaved(std::string_view detail);
 std::string settingWrongKey(std::string_view name);

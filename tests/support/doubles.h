@@ -18,8 +18,14 @@ namespace sorvane::test {
 /// A folder that is gone at the end of the test.
 class TemporaryFolder {
  public:
-  TemporaryFolder() {
-    std::string name = (std::filesystem::temp_directory_path() / "sorvane-test-XXXXXX").string();
+  TemporaryFolder() : TemporaryFolder(std::filesystem::temp_directory_path()) {}
+  /// One for tests that write more often than a disk likes, and that power losses do not concern.
+  static TemporaryFolder inMemory() {
+    const std::filesystem::path memory = "/dev/shm";
+    return std::filesystem::is_directory(memory) ? TemporaryFolder(memory) : TemporaryFolder();
+  }
+  explicit TemporaryFolder(const std::filesystem::path& parent) {
+    std::string name = (parent / "sorvane-test-XXXXXX").string();
     if (::mkdtemp(name.data()) == nullptr) throw std::runtime_error("no temporary folder");
     path_ = name;
   }

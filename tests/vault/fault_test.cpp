@@ -7,88 +7,19 @@
 #include <fstream>
 
 #include "platform/linux/embedded_secret_store.h"
+#include "support/faults.h"
 #include "vault/journal.h"
 #include "vault_fixture.h"
 
 namespace sorvane::vault {
 namespace {
 
+using test::Fault;
+using test::FaultyFiles;
+using test::FaultyStore;
 using test::newSecret;
 using test::newVersion;
 using test::sentenceOf;
-
-/// Counts what is written, by files and store together, and fails the step with that number, and later ones where it
-/// says so.
-struct Fault {
-  int failAt = -1;
-  bool stays = false;
-  int steps = 0;
-  bool hits() {
-    const int step = steps++;
-    return failAt >= 0 && (step == failAt || (stays && step > failAt));
-  }
-};
-
-class FaultyFiles final : public base::Files {
- public:
-  explicit FaultyFiles(Fault& fault) : fault_(fault) {}
-  std::optional<Contents> read(const std::filesystem::path& path, std::uint64_t limit) const override {
-    return real_.read(path, limit);
-  }
-  std::optional<base::FileIdentity> identity(const std::filesystem::path& path) const override {
-    return real_.identity(path);
-  }
-  base::FileIdentity writeAtomically(const std::filesystem::path& path, std::span<const std::uint8_t> bytes) override {
-    step();
-    return real_.writeAtomically(path, bytes);
-  }
-  void append(const std::filesystem::path& path, std::span<const std::uint8_t> bytes) override {
-    step();
-    real_.append(path, bytes);
-  }
-  void remove(const std::filesystem::path& path) override {
-    step();
-    real_.remove(path);
-  }
-  void rename(const std::filesystem::path& from, const std::filesystem::path& to) override {
-    step();
-    real_.rename(from, to);
-  }
-  void makeFolder(const std::filesystem::path& path) override {
-    step();
-    real_.makeFolder(path);
-  }
-  std::vector<std::string> list(const std::filesystem::path& path) const override { return real_.list(path); }
-
- private:
-  void step() {
-    if (fault_.hits()) throw base::FileError("could not write (the disk is full)", ENOSPC);
-  }
-  base::SystemFiles real_;
-  Fault& fault_;
-};
-
-class FaultyStore final : public EnumerableSecretStore {
- public:
-  FaultyStore(EnumerableSecretStore& real, Fault& fault) : real_(real), fault_(fault) {}
-  void store(std::string_view account, const base::SecretText& value) override {
-    step();
-    real_.store(account, value);
-  }
-  base::SecretText read(std::string_view account) override { return real_.read(account); }
-  void remove(std::string_view account) override {
-    step();
-    real_.remove(account);
-  }
-  std::vector<std::string> accounts() override { return real_.accounts(); }
-
- private:
-  void step() {
-    if (fault_.hits()) throw SecretStoreError::backend("the store is gone");
-  }
-  EnumerableSecretStore& real_;
-  Fault& fault_;
-};
 
 struct Operation {
   const char* name;
@@ -167,7 +98,7 @@ TEST_P(Faults, everyFailedStepLeavesTheOldStateOrTheNewOne) {
   for (const Operation& operation : kOperations) {
     for (int step = 0;; ++step) {
       ASSERT_LT(step, 40) << operation.name;
-      test::TemporaryFolder folder;
+      const test::TemporaryFolder folder = test::TemporaryFolder::inMemory();
       test::MemorySecretStore memory;
       Fault fault;
       FaultyFiles faultyFiles(fault);
@@ -177,7 +108,7 @@ TEST_P(Faults, everyFailedStepLeavesTheOldStateOrTheNewOne) {
       fill(*vault);
       clock_.advance(std::chrono::hours(1));
       const Records before = *vault->records();
-      fault = {step, GetParam(), 0};
+      fault = {step, GetParam() ? Fault::Kind::stays : Fault::Kind::once};
       const std::string failure = sentenceOf([&] { operation.run(*vault); });
       const bool reached = fault.steps > step;
       fault = {};
@@ -204,7 +135,7 @@ TEST(Death, atEachBoundaryLeavesTheOldStateOrTheNewOne) {
   for (const Operation& operation : kOperations) {
     for (int boundary = 1;; ++boundary) {
       ASSERT_LT(boundary, 40) << operation.name;
-      test::TemporaryFolder folder;
+      const test::TemporaryFolder folder = test::TemporaryFolder::inMemory();
       base::SystemFiles files;
       test::RecordingRevoker revoker;
       platform::PlainKeyFile keys(folder.path() / "store.key", files);
