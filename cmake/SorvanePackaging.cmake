@@ -22,10 +22,6 @@ install(FILES README.md docs/threat-model.md DESTINATION ${CMAKE_INSTALL_DOCDIR}
 if(NOT APPLE)
   install(FILES packaging/sorvaned.service DESTINATION lib/systemd/user)
   install(FILES packaging/sorvane.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
-  # The service names the common modules of Debian and its kin; elsewhere the one of "login" is used.
-  if(EXISTS /etc/pam.d/common-auth)
-    install(FILES packaging/sorvane.pam DESTINATION lib/pam.d RENAME sorvane)
-  endif()
   install(FILES packaging/org.sorvane.owner-check.policy DESTINATION ${CMAKE_INSTALL_DATADIR}/polkit-1/actions)
 endif()
 
