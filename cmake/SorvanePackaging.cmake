@@ -1,4 +1,4 @@
-# What `cmake --install` puts where, and the .deb that CPack makes of it (cpack --config build/release/CPackConfig.cmake).
+# What `cmake --install` puts where, and the .deb that CPack makes of it; the README shows both.
 include(GNUInstallDirs)
 
 if(TARGET sorvaned AND TARGET sorvane)
@@ -20,9 +20,24 @@ file(GLOB man_pages CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/docs/man/*.1)
 install(FILES ${man_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES README.md docs/threat-model.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 if(NOT APPLE)
-  install(FILES packaging/sorvaned.service DESTINATION lib/systemd/user)
-  install(FILES packaging/sorvane.desktop DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
+  # The unit and the desktop entry name the program where it is put, which is known when it is put there.
+  foreach(file lib/systemd/user/sorvaned.service ${CMAKE_INSTALL_DATADIR}/applications/sorvane.desktop)
+    get_filename_component(name ${file} NAME)
+    install(CODE "
+      set(SORVANED \"\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_BINDIR}/sorvaned\")
+      configure_file(\"${CMAKE_CURRENT_SOURCE_DIR}/packaging/${name}.in\" \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${file}\" @ONLY)
+      list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${CMAKE_INSTALL_PREFIX}/${file}\")")
+  endforeach()
   install(FILES packaging/org.sorvane.owner-check.policy DESTINATION ${CMAKE_INSTALL_DATADIR}/polkit-1/actions)
+  # PAM reads /etc only; what is put below another prefix is to be copied there, see the README.
+  if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/packaging/sorvane.pam)
+    install(CODE "
+      set(etc \"\${CMAKE_INSTALL_PREFIX}/etc\")
+      if(CMAKE_INSTALL_PREFIX STREQUAL \"/usr\")
+        set(etc /etc)
+      endif()
+      file(INSTALL \"${CMAKE_CURRENT_SOURCE_DIR}/packaging/sorvane.pam\" DESTINATION \"\${etc}/pam.d\" RENAME sorvane)")
+  endif()
 endif()
 
 set(CPACK_GENERATOR DEB)
@@ -31,10 +46,17 @@ set(CPACK_PACKAGE_CONTACT "The sorvane maintainers <maintainers@sorvane.invalid>
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "local vault of credentials for people who work with coding agents")
 set(CPACK_PACKAGE_DESCRIPTION "sorvane keeps credentials in a local vault. Agents get commands run with values
 injected and masked after the owner was asked, and never open the vault themselves.")
-set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+# With a folder in front of the true paths, so that the install rules see the prefix that will be.
+set(CPACK_SET_DESTDIR ON)
+set(CPACK_INSTALL_PREFIX /usr)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "dbus-user-session, gnome-keyring | kwalletmanager, polkitd")
+# What the owner of the computer may edit; an upgrade asks before it is replaced.
+if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/packaging/sorvane.pam)
+  file(WRITE ${CMAKE_CURRENT_BINARY_DIR}/conffiles "/etc/pam.d/sorvane\n")
+  set(CPACK_DEBIAN_PACKAGE_CONTROL_EXTRA ${CMAKE_CURRENT_BINARY_DIR}/conffiles)
+endif()
 include(CPack)

@@ -11,6 +11,9 @@ namespace {
 /// What must be typed before the vault is deleted.
 constexpr std::string_view kDeleteWord = "delete";
 
+// For help and completions; sorvaned decides which it knows.
+constexpr const char* kClients = "claude-code,claude-desktop,codex,cursor,vscode,windsurf,gemini-cli,opencode,zed";
+
 struct ClientGiven {
   std::string client, environment, project;
   bool inProject = false, allowReveal = false;
@@ -119,15 +122,14 @@ void Commands::addClients(CLI::App& group) {
     const char* action;
     const char* help;
   };
-  for (const Row& row :
-       {Row{"connect", "clientConnect",
-            "Write sorvane's entry into a client's configuration (asks).\nClients: claude-code, claude-desktop, codex, "
-            "cursor, vscode, windsurf, gemini-cli, opencode, zed"},
-        Row{"disconnect", "clientDisconnect", "Take the entry back and remove the connection (asks)"},
-        Row{"repair", "clientRepair", "Write the entry anew with a fresh token (asks)"}}) {
+  for (const Row& row : {Row{"connect", "clientConnect", "Write sorvane's entry into a client's configuration (asks)"},
+                         Row{"disconnect", "clientDisconnect", "Take the entry back and remove the connection (asks)"},
+                         Row{"repair", "clientRepair", "Write the entry anew with a fresh token (asks)"}}) {
     const auto given = std::make_shared<ClientGiven>();
     CLI::App& command = *group.add_subcommand(row.name, row.help);
-    command.add_option("client", given->client, "The client, such as claude-code")->required();
+    command.add_option("client", given->client, "The client, such as claude-code")
+        ->required()
+        ->type_name(std::string("{") + kClients + "}");
     command.add_flag("--project", given->inProject, "For the project in this folder only, in its own file");
     if (std::string(row.name) == "connect") {
       command.add_option("--env", given->environment, "The one environment it may use");

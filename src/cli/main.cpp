@@ -5,7 +5,7 @@
 #include <nlohmann/json.hpp>
 
 #include "base/system.h"
-#include "cli/commands.h"
+#include "cli/command_table.h"
 #include "cli/menu.h"
 #include "cli/output.h"
 
@@ -13,45 +13,6 @@ namespace {
 
 using namespace sorvane;
 using namespace sorvane::cli;
-
-/// Adds the group that the first word names, or all of them, for help and for a word that none knows. Building every
-/// option costs more than most commands.
-void addCommands(Commands& commands, CLI::App& app, int count, char** words) {
-  struct Group {
-    const char* word;
-    void (Commands::*add)(CLI::App&);
-  };
-  constexpr Group kGroups[] = {{"run", &Commands::addRun},
-                               {"secret", &Commands::addSecret},
-                               {"env", &Commands::addEnvironment},
-                               {"export", &Commands::addExport},
-                               {"session", &Commands::addSession},
-                               {"import", &Commands::addImport},
-                               {"scan", &Commands::addScan},
-                               {"agent", &Commands::addAgent},
-                               {"protect", &Commands::addProtect},
-                               {"unprotect", &Commands::addUnprotect},
-                               {"proxy", &Commands::addProxy},
-                               {"mcp", &Commands::addMcp},
-                               {"log", &Commands::addLog},
-                               {"uninstall", &Commands::addUninstall},
-                               {"completion", &Commands::addCompletion}};
-  for (const Group& group : kGroups) {
-    if (count > 1 && std::strcmp(words[1], group.word) == 0) return (commands.*group.add)(app);
-  }
-  commands.addApplication(app);
-  for (const Group& group : kGroups) (commands.*group.add)(app);
-}
-
-void addOptions(CLI::App& app, Options& options) {
-  app.add_option("--support-dir", options.supportFolder, "The support folder, when it is not the usual one");
-  app.add_option("--requestor", options.requestor, "What the question says that asks");
-  app.add_flag("--json", options.json, "One JSON document on standard output, errors too");
-  app.add_flag("--no-input", options.noInput, "Never wait for something to be typed here");
-  app.set_version_flag("--version", "sorvane " SORVANE_VERSION);
-  // Every subcommand takes them as well, wherever they stand.
-  app.fallthrough();
-}
 
 int fail(const Options& options, const Failure& failure) {
   if (options.json)
