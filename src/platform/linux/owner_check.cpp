@@ -37,8 +37,8 @@ std::optional<std::string> OwnerCheck::unavailable() {
   const auto obstacle = polkit_.unavailable();
   if (!isForPam(obstacle)) return obstacle;
   const auto other = pam_.unavailable();
-  // Where polkit lacks a little only, or root is the trouble, that is easier to mend.
-  return other && obstacle != kPolkitAbsent ? obstacle : other;
+  // Where polkit lacks a little only, or root has no terminal either, that is easier to mend.
+  return other && other != kPamNoPassword && obstacle != kPolkitAbsent ? obstacle : other;
 }
 
 void OwnerCheck::ask(Check check, const std::string& reason, Reply reply) {

@@ -1,6 +1,7 @@
 #include "platform/linux/pam_owner_check.h"
 
 #include <pwd.h>
+#include <shadow.h>
 #include <signal.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
@@ -22,6 +23,20 @@ std::string userName() {
   passwd* found = nullptr;
   if (::getpwuid_r(::getuid(), &entry, buffer.data(), buffer.size(), &found) != 0 || found == nullptr) return {};
   return found->pw_name;
+}
+
+/// Whether this process's account could be asked for a password, as far as it may know.
+bool mayHavePassword() {
+  if (::geteuid() != 0) return true;
+  std::vector<char> buffer(16384);
+  spwd entry{};
+  spwd* found = nullptr;
+  const bool isThere = ::getspnam_r("root", &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
+  // Locked accounts have a mark that no password gives.
+  const bool has = isThere && found->sp_pwdp != nullptr && *found->sp_pwdp != '\0' && *found->sp_pwdp != '!' &&
+                   *found->sp_pwdp != '*';
+  base::wipe(buffer.data(), buffer.size());
+  return has;
 }
 
 }  // namespace
@@ -47,6 +62,7 @@ std::optional<std::string> PamOwnerCheck::unavailable() {
   if (!isPamThere()) return std::string(kPamAbsent);
   if (service().empty()) return std::string(kPamNoService);
   if (!hasTerminal()) return std::string(kPamNoTerminal);
+  if (!mayHavePassword()) return std::string(kPamNoPassword);
   return std::nullopt;
 }
 

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <filesystem>
+#include <fstream>
 
 #include "platform/asker.h"
 #include "platform/desk.h"
@@ -99,6 +100,15 @@ TEST_F(PamCheck, asksRootForRootsPasswordToo) {
   nowhere["SORVANE_TEST_TERMINAL"].clear();
   Asker other(nowhere);
   EXPECT_EQ(other.unavailable(), platform::kPolkitAsRoot);
+  const std::filesystem::path accounts = "/etc/shadow";
+  std::ifstream in(accounts);
+  const std::string before{std::istreambuf_iterator<char>(in), {}};
+  std::string locked = before;
+  locked.insert(locked.find("root:") + 5, "!");
+  std::ofstream(accounts) << locked;
+  EXPECT_EQ(asker.unavailable(), platform::kPamNoPassword);
+  std::ofstream(accounts) << before;
+  EXPECT_EQ(asker.unavailable(), "available");
 }
 
 TEST_F(PamCheck, asksOnlyOnceTheTerminalIsItsOwn) {
