@@ -3,7 +3,7 @@
 file(GLOB app_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/app/*.cpp)
 if(app_sources)
   add_executable(sorvaned ${app_sources})
-  target_link_libraries(sorvaned PRIVATE sorvane_settings platform agent proxy clients vault crypto base CLI11::CLI11)
+  target_link_libraries(sorvaned PRIVATE sorvane_settings platform agent proxy clients unlock vault crypto base CLI11::CLI11)
   target_compile_definitions(sorvaned PRIVATE SORVANE_VERSION="${PROJECT_VERSION}")
 endif()
 

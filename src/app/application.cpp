@@ -30,6 +30,12 @@ agent::ApplicationState stateOf(const Application::Setting& setting, bool hasApp
   return state;
 }
 
+/// The store in use, which nothing locks yet.
+vault::MovableStore& opened(Stores& stores) {
+  stores.open();
+  return stores.inUse();
+}
+
 std::string homeFolder() {
   const char* const home = std::getenv("HOME");
   return home == nullptr ? std::string() : std::string(home);
@@ -54,7 +60,7 @@ clients::Connections::Setting connectionSetting(const Application::Setting& sett
 Application::Application(const Setting& setting, agent::ProcessHost& host, agent::ApprovalProvider* approver)
     : lock_(setting.supportFolder / base::kLockName),
       stores_(setting.supportFolder, files_, setting.store),
-      vault_(setting.supportFolder / base::kVaultName, {files_, stores_.inUse(), clock_, sessions_}),
+      vault_(setting.supportFolder / base::kVaultName, {files_, opened(stores_), clock_, sessions_}),
       proxy_({setting.supportFolder, files_, stores_.inUse(), vault_, clock_, notifier_, approver, {}}),
       grants_(setting.supportFolder / base::kGrantsName, files_, vault_),
       policy_(vault_),

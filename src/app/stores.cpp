@@ -2,7 +2,6 @@
 
 #include "base/diagnostics.h"
 #include "base/support_folder.h"
-#include "platform/linux/embedded_secret_store.h"
 #include "platform/linux/secret_service_store.h"
 
 namespace sorvane::app {
@@ -12,22 +11,59 @@ using vault::EnumerableSecretStore;
 using vault::SecretStoreError;
 using vault::StoreKind;
 using vault::StoreMoveError;
+using FirstRun = unlock::StoreGate::FirstRun;
 
-constexpr std::string_view kDatabaseName = "values.db";
-constexpr std::string_view kStoreKeyName = "store.key";
 constexpr std::string_view kManifestName = "active-vault.json";
+constexpr std::string_view kUnprotected =
+    "No passphrase is set, so any program that runs as this user could read the values.";
+constexpr std::string_view kSealed =
+    "The values lie sealed under the passphrase. While the vault is open, a program that runs as this user can ask "
+    "sorvaned for what its access allows; copies made before the passphrase was set still open without it.";
+constexpr std::string_view kKeyringUnlocked =
+    "The values lie in the desktop's keyring. While it is unlocked, any program that runs as this user could ask it "
+    "for them.";
 
 /// Stands for a store that could not be opened.
 class UnavailableStore final : public EnumerableSecretStore {
  public:
   explicit UnavailableStore(SecretStoreError reason) : reason_(std::move(reason)) {}
-  void store(std::string_view, const base::SecretText&) override { throw SecretStoreError(reason_); }
-  base::SecretText read(std::string_view) override { throw SecretStoreError(reason_); }
-  void remove(std::string_view) override { throw SecretStoreError(reason_); }
-  std::vector<std::string> accounts() override { throw SecretStoreError(reason_); }
+  void store(std::string_view, const base::SecretText&) override { fail(); }
+  base::SecretText read(std::string_view) override { fail(); }
+  void remove(std::string_view) override { fail(); }
+  std::vector<std::string> accounts() override { fail(); }
 
  private:
+  [[noreturn]] void fail() const { throw SecretStoreError(reason_); }
   const SecretStoreError reason_;
+};
+
+/// LeftStore is a sealed store whose items were copied before its key was closed: they can be removed unread.
+class LeftStore final : public EnumerableSecretStore {
+ public:
+  explicit LeftStore(std::shared_ptr<EnumerableSecretStore> store) : store_(std::move(store)) {}
+  void store(std::string_view, const base::SecretText&) override {
+    throw SecretStoreError::backend("the old store is sealed");
+  }
+  base::SecretText read(std::string_view) override { throw SecretStoreError::notFound(); }
+  void remove(std::string_view account) override { store_->remove(account); }
+  std::vector<std::string> accounts() override { return store_->accounts(); }
+
+ private:
+  const std::shared_ptr<EnumerableSecretStore> store_;
+};
+
+/// A move, for as long as it lasts.
+class Moving {
+ public:
+  explicit Moving(unlock::StoreGate& gate) : gate_(gate), store_(gate.beginMove()) {}
+  ~Moving() { gate_.endMove(); }
+  Moving(const Moving&) = delete;
+  Moving& operator=(const Moving&) = delete;
+  EnumerableSecretStore& store() { return *store_; }
+
+ private:
+  unlock::StoreGate& gate_;
+  const std::shared_ptr<EnumerableSecretStore> store_;
 };
 
 bool liesAt(const std::filesystem::path& path) {
@@ -35,35 +71,58 @@ bool liesAt(const std::filesystem::path& path) {
   return std::filesystem::symlink_status(path, error).type() != std::filesystem::file_type::not_found;
 }
 
+bool hasManifest(const std::filesystem::path& folder) {
+  return liesAt(folder / base::kVaultName / kManifestName);
+}
+
 }  // namespace
 
 Stores::Stores(std::filesystem::path supportFolder, base::Files& files, std::optional<StoreKind> asked)
-    : folder_(std::move(supportFolder)), files_(files), keyFile_(folder_ / kStoreKeyName, files) {
-  const vault::StoreTraces traces{liesAt(folder_ / base::kVaultName / kManifestName), liesAt(folder_ / kDatabaseName)};
+    : folder_(std::move(supportFolder)),
+      files_(files),
+      embedded_(folder_, files),
+      record_(choose(asked)),
+      gate_({files, folder_ / unlock::kWrapName, *door_, {}}, kindOf(record().kind),
+            hasManifest(folder_) ? FirstRun::no : FirstRun::yes) {}
+
+vault::StoreRecord Stores::choose(std::optional<StoreKind> asked) {
+  const vault::StoreTraces traces{hasManifest(folder_), liesAt(embedded_.database())};
   const vault::StoreChoice choice = vault::chooseStore(asked, vault::readStoreRecord(files_, folder_), traces);
   if (choice.write == vault::StoreChoice::Write::now) vault::writeStoreRecord(files_, folder_, choice.record);
-  {
-    const base::Lock lock(mutex_);
-    record_ = choice.record;
-    recordWhenOpened_ = choice.write == vault::StoreChoice::Write::onceOpened;
-  }
-  std::shared_ptr<EnumerableSecretStore> store;
-  try {
-    store = open(choice.record.kind);
-  } catch (const SecretStoreError& error) {
-    store = std::make_shared<UnavailableStore>(error);
-  }
-  inUse_ = std::make_unique<vault::MovableStore>(std::move(store));
+  const base::Lock lock(mutex_);
+  recordWhenOpened_ = choice.write == vault::StoreChoice::Write::onceOpened;
+  return choice.record;
 }
 
-std::shared_ptr<EnumerableSecretStore> Stores::open(StoreKind kind) {
+unlock::StoreGate::Kind Stores::kindOf(StoreKind kind) {
   switch (kind) {
     case StoreKind::embedded:
-      return std::make_shared<platform::EmbeddedSecretStore>(folder_ / kDatabaseName, keyFile_);
+      return {[this] { return embedded_.openPlain(); }, &embedded_};
     case StoreKind::secretService:
-      return std::make_shared<platform::SecretServiceStore>();
+      return {[] { return std::make_shared<platform::SecretServiceStore>(); }, nullptr};
   }
   throw SecretStoreError::backend("no such store");
+}
+
+void Stores::open() {
+  try {
+    gate_.open();
+  } catch (const unlock::UnlockError&) {
+    throw;
+  } catch (const SecretStoreError& error) {
+    door_->open(std::make_shared<UnavailableStore>(error));
+  } catch (const base::Error& error) {
+    door_->open(std::make_shared<UnavailableStore>(SecretStoreError::backend(error.sentence())));
+  }
+}
+
+bool Stores::isNew() const {
+  return gate_.isFirstRun() && !gate_.isSealed() && !hasManifest(folder_);
+}
+
+std::string Stores::protectionInWords() const {
+  if (record().kind == StoreKind::secretService) return std::string(kKeyringUnlocked);
+  return std::string(isSealed() ? kSealed : kUnprotected);
 }
 
 vault::StoreRecord Stores::record() const {
@@ -88,7 +147,7 @@ void Stores::opened() {
 
 void Stores::checkMove(StoreKind to) {
   const vault::StoreRecord now = record();
-  if (inUse_->isClosed()) throw StoreMoveError(std::string(vault::kStoreMoveRunning));
+  if (inUse_.isClosed()) throw StoreMoveError(std::string(vault::kStoreMoveRunning));
   if (now.leaving) {
     throw StoreMoveError("An earlier move has not yet removed all items from " + std::string(inWords(*now.leaving)) +
                          ". Nothing was moved. Restart sorvaned to finish it.");
@@ -98,32 +157,64 @@ void Stores::checkMove(StoreKind to) {
   }
 }
 
+/// The embedded store as it is found when another is in use: plain, unless its wrap was left behind.
+Stores::Store Stores::openTarget(StoreKind kind) {
+  const auto wrap = folder_ / unlock::kWrapName;
+  if (kind == StoreKind::embedded && liesAt(wrap)) {
+    if (!embedded_.open(crypto::SymmetricKey::random())->accounts().empty()) {
+      throw SecretStoreError::backend("it holds items of an earlier vault that are sealed under a passphrase");
+    }
+    files_.remove(wrap);
+  }
+  return kindOf(kind).open();
+}
+
+Stores::Store Stores::openLeft(StoreKind kind) {
+  if (kind == StoreKind::embedded && liesAt(folder_ / unlock::kWrapName)) {
+    return std::make_shared<LeftStore>(embedded_.open(crypto::SymmetricKey::random()));
+  }
+  return kindOf(kind).open();
+}
+
+/// Nothing is in the store any more, so nothing needs its key.
+void Stores::emptied(StoreKind kind) {
+  if (kind == StoreKind::embedded) files_.remove(folder_ / unlock::kWrapName);
+}
+
 vault::StoreMoveOutcome Stores::move(StoreKind to, const vault::StoreMoveSteps& steps) {
-  vault::MovableStore::Closed closed(*inUse_);
+  const vault::MovableStore::Closed closed(inUse_);
+  Moving moving(gate_);
   const StoreKind from = record().kind;
-  std::shared_ptr<EnumerableSecretStore> target;
+  Store target;
   try {
-    target = open(to);
-  } catch (const SecretStoreError& error) {
+    target = openTarget(to);
+  } catch (const base::Error& error) {
     throw StoreMoveError(vault::storeMoveFailure(error.sentence()));
   }
-  vault::StoreMoveSteps moving = steps;
-  moving.adopt = [&] {
+  vault::StoreMoveSteps counted = steps;
+  counted.adopt = [&] {
     keep({to, from});
-    closed.replace(target);
+    gate_.moved(kindOf(to), target);
     if (steps.adopt) steps.adopt();
   };
-  const vault::StoreMoveOutcome outcome = vault::moveStore(closed.store(), *target, moving);
-  if (outcome == vault::StoreMoveOutcome::moved) keep({to, {}});
+  const vault::StoreMoveOutcome outcome = vault::moveStore(moving.store(), *target, counted);
+  if (outcome == vault::StoreMoveOutcome::moved) {
+    emptied(from);
+    keep({to, {}});
+  }
   return outcome;
 }
 
 void Stores::finishMove() {
   const vault::StoreRecord now = record();
   if (!now.leaving) return;
-  vault::MovableStore::Closed closed(*inUse_);
-  const auto left = open(*now.leaving);
-  if (vault::finishStoreMove(*left, closed.store(), {}) == vault::StoreMoveOutcome::moved) keep({now.kind, {}});
+  const vault::MovableStore::Closed closed(inUse_);
+  Moving moving(gate_);
+  const Store left = openLeft(*now.leaving);
+  if (vault::finishStoreMove(*left, moving.store(), {}) == vault::StoreMoveOutcome::moved) {
+    emptied(*now.leaving);
+    keep({now.kind, {}});
+  }
 }
 
 }  // namespace sorvane::app

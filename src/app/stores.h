@@ -7,23 +7,40 @@
 
 #include "base/files.h"
 #include "base/mutex.h"
-#include "platform/linux/store_key.h"
+#include "platform/linux/embedded_store_files.h"
+#include "unlock/store_gate.h"
 #include "vault/movable_store.h"
 #include "vault/store_move.h"
 #include "vault/store_record.h"
 
 namespace sorvane::app {
 
-/// Stores opens the credential store of the support folder, keeps the record of which one that is, and moves the items
-/// to another. A store that cannot be opened gives one whose every call fails with the reason, so that the application
-/// can still say what is wrong. Any thread.
+/// Stores has the credential store of the support folder, keeps the record of which one that is, and moves the items to
+/// another. Made, it has only chosen: until `open`, or until the passphrase opened a sealed store through `gate`, and
+/// again after `close`, every call of the store in use throws UnlockError vaultLocked. The unlock settings can be read
+/// all the while, as far as StoreGate says. Any thread.
 class Stores {
  public:
   /// Throws vault::StoreRecordError when `asked` is refused, and FileError when the choice cannot be recorded.
   Stores(std::filesystem::path supportFolder, base::Files& files, std::optional<vault::StoreKind> asked);
 
-  vault::MovableStore& inUse() { return *inUse_; }
+  vault::MovableStore& inUse() { return inUse_; }
   vault::StoreRecord record() const;
+  unlock::UnlockConfigurationStore& configuration() { return gate_; }
+  unlock::PassphraseGate& gate() { return gate_; }
+
+  /// Opens a store that needs no passphrase; one that is open stays so. One that cannot be opened is open as a store
+  /// whose every call fails with the reason, so that the application can still say what is wrong. Throws UnlockError
+  /// vaultLocked for a sealed store that its passphrase has not opened.
+  void open();
+  /// Closes the store in use and wipes its key.
+  void close() { gate_.close(); }
+  /// Whether the values cannot be read without the passphrase.
+  bool isSealed() const { return gate_.isSealed(); }
+  /// Whether nothing was ever stored here: no vault, no settings but those of this start, no passphrase.
+  bool isNew() const;
+  /// What the values are not protected against, as a sentence.
+  std::string protectionInWords() const;
   /// The vault was opened with the store: a choice that waited for that is recorded.
   void opened();
 
@@ -34,18 +51,27 @@ class Stores {
   void finishMove();
 
  private:
-  std::shared_ptr<vault::EnumerableSecretStore> open(vault::StoreKind kind);
+  using Store = unlock::SealableStore::Store;
+  /// Chooses, and records the choice where that need not wait.
+  vault::StoreRecord choose(std::optional<vault::StoreKind> asked);
+  unlock::StoreGate::Kind kindOf(vault::StoreKind kind);
+  Store openTarget(vault::StoreKind kind);
+  Store openLeft(vault::StoreKind kind);
+  void emptied(vault::StoreKind kind);
   void keep(const vault::StoreRecord& record);
 
   // Constant after construction.
   const std::filesystem::path folder_;
   base::Files& files_;
-  platform::PlainKeyFile keyFile_;
-  std::unique_ptr<vault::MovableStore> inUse_;
+  platform::EmbeddedStoreFiles embedded_;
   // Guarded. A leaf: files are written without it, by one move at a time.
   mutable base::Mutex mutex_;
-  vault::StoreRecord record_ GUARDED_BY(mutex_);
   bool recordWhenOpened_ GUARDED_BY(mutex_) = false;
+  vault::StoreRecord record_ GUARDED_BY(mutex_);
+  // With synchronisation of their own.
+  std::shared_ptr<unlock::StoreDoor> door_ = std::make_shared<unlock::StoreDoor>();
+  vault::MovableStore inUse_{door_};
+  unlock::StoreGate gate_;
 };
 
 }  // namespace sorvane::app

@@ -8,6 +8,11 @@ using Case = UnlockError::Case;
 
 namespace {
 
+/// For diagnostics: what was shown, and why.
+std::string describe(const UnlockError& error) {
+  return error.sentence() + " " + error.cause();
+}
+
 UnlockError stale() {
   return UnlockError(Case::cancelled);
 }
@@ -17,6 +22,12 @@ OwnerPresence::Check checkOf(LockManager::Button button, const UnlockHardware& h
   const bool isPassword =
       button == LockManager::Button::password || choicesOf(hardware).primary == SystemUnlockMethod(PasswordMethod{});
   return isPassword ? OwnerPresence::Check::passwordOnly : OwnerPresence::Check::any;
+}
+
+/// Whether the event locks what is locked already: a store may be open all the same, for an attempt or a reset.
+bool locks(LockEvent event, bool followsSession) {
+  return event == LockEvent::lock || event == LockEvent::hold || event == LockEvent::resetFailed ||
+         (event == LockEvent::sessionLost && followsSession);
 }
 
 }  // namespace
@@ -31,7 +42,7 @@ LockManager::~LockManager() {
 void LockManager::start() {
   hardware_ = dependencies_.hardware();
   settings_.setManagedFollowsSession(dependencies_.managedFollowsSession());
-  settings_.load();
+  loadSettings();
   const auto session =
       dependencies_.signals.observe([this, toMain = toMain()](const SessionState& state, SessionSignals::Hold hold) {
         // The hold goes when the function does: after the vault was closed.
@@ -51,7 +62,22 @@ LockRules LockManager::rules() const {
 void LockManager::apply(LockEvent event) {
   const bool wasUnlocked = state_.isUnlocked();
   state_ = nextState(state_, event, rules());
+  generation_->store(state_.generation);
   if (state_.isUnlocked() != wasUnlocked && onUnlockChange) onUnlockChange(state_.isUnlocked());
+  if (!state_.isUnlocked() && (wasUnlocked || locks(event, settings_.followsSession()))) closeGate();
+}
+
+void LockManager::closeGate() {
+  // While it is still open.
+  settings_.saveAgain();
+  dependencies_.gate.close();
+  // A change that could not be saved holds in memory alone.
+  if (dependencies_.gate.isSealed() && !settings_.unsaved()) loadSettings();
+}
+
+void LockManager::loadSettings() {
+  settings_.load();
+  if (settings_.isStoreLost() && !state_.heldLocked) apply(LockEvent::hold);
 }
 
 void LockManager::followSession(const SessionState& session) {
@@ -77,7 +103,7 @@ LockManager::Then LockManager::whileFresh(Then then) const {
 
 std::optional<UnlockError> LockManager::obstacle() {
   // What a reset does not mend may have mended itself: the credential store may be open by now.
-  if (!settings_.isReadable() && !settings_.resetCause()) settings_.load();
+  if (!settings_.isReadable() && !settings_.resetCause()) loadSettings();
   if (settings_.resetCause() && !settings_.isReadable()) return settings_.resetCause();
   if (!settings_.isReadable()) return UnlockError::storage(settings_.loadFailure());
   if (settings_.followsSession() && !state_.sessionAvailable) return UnlockError(Case::cancelled);
@@ -185,19 +211,6 @@ void LockManager::dropQuestion() {
   then(stale());
 }
 
-LockManager::Verdict LockManager::verdictOf(const PassphraseVerifier& verifier, const base::SecretText& passphrase) {
-  try {
-    return verifier.check(passphrase.view()) ? Verdict::right : Verdict::wrong;
-  } catch (const crypto::PassphraseKeyError& error) {
-    // Nothing typed is wrong like any other; what could not be computed is neither.
-    if (error.kind() == crypto::PassphraseKeyError::Case::invalidPassword) return Verdict::wrong;
-    base::diagnose("unlock", error.sentence());
-  } catch (const std::exception& error) {
-    base::diagnose("unlock", error.what());
-  }
-  return Verdict::unknown;
-}
-
 void LockManager::checkPassphrase(Passphrase passphrase, Then then) {
   const UnlockConfiguration& configuration = settings_.configuration();
   if (checkingPassphrase_) return then(stale());
@@ -206,25 +219,77 @@ void LockManager::checkPassphrase(Passphrase passphrase, Then then) {
     return then(UnlockError::wait(*until, dependencies_.now.wall()));
   }
   checkingPassphrase_ = true;
-  dependencies_.work.post([this, toMain = toMain(), verifier = *configuration.passphrase,
-                           passphrase = std::move(passphrase), generation = state_.generation, then = std::move(then)] {
-    const Verdict verdict = verdictOf(verifier, *passphrase);
-    toMain([this, verifier, verdict, generation, then] { checked(verifier, verdict, generation, then); });
+  Tried tried;
+  tried.verifier = *configuration.passphrase;
+  tried.generation = state_.generation;
+  dependencies_.work.post([this, &gate = dependencies_.gate, &store = dependencies_.store, toMain = toMain(),
+                           configuration, tried, passphrase = std::move(passphrase), then = std::move(then)]() mutable {
+    tryPassphrase(gate, store, *passphrase, configuration, tried);
+    toMain([this, tried, then] { checked(tried, then); });
   });
 }
 
-void LockManager::checked(const PassphraseVerifier& verifier, Verdict verdict, std::uint64_t generation,
-                          const Then& then) {
+void LockManager::tryPassphrase(PassphraseGate& gate, UnlockConfigurationStore& store,
+                                const base::SecretText& passphrase, const UnlockConfiguration& configuration,
+                                Tried& tried) {
+  tried.verdict = gate.attempt(passphrase, configuration);
+  if (tried.verdict != Verdict::right) return;
+  try {
+    tried.stored = store.load();
+  } catch (const UnlockError& error) {
+    tried.unreadable = error;
+  }
+}
+
+void LockManager::checked(const Tried& tried, const Then& then) {
   checkingPassphrase_ = false;
+  std::optional<UnlockError> error;
+  if (tried.verdict == Verdict::unknown || settings_.configuration().passphrase != tried.verifier) {
+    error = stale();
+  } else if (tried.verdict == Verdict::wrong) {
+    countFailure();
+    error = UnlockError(Case::wrongPassphrase);
+  } else if (state_.generation != tried.generation) {
+    error = stale();
+  } else {
+    error = honour(tried);
+  }
+  then(error);
+  // What the attempt opened stays so for an open vault, and for the reset that it came upon.
+  if (!state_.isUnlocked() && settings_.isReadable()) closeGate();
+}
+
+void LockManager::countFailure() {
   UnlockConfiguration configuration = settings_.configuration();
-  if (verdict == Verdict::unknown || configuration.passphrase != verifier) return then(stale());
-  if (verdict == Verdict::right && state_.generation != generation) return then(stale());
-  const UnlockConfiguration before = configuration;
-  verdict == Verdict::right ? backOff_.noteSuccess(configuration) : backOff_.noteFailure(configuration);
+  backOff_.noteFailure(configuration);
   // The count holds in memory whether or not it could be saved.
-  const auto unsaved = configuration != before ? settings_.change(configuration) : settings_.saveAgain();
-  if (unsaved) base::diagnose("unlock", unsaved->sentence() + " " + unsaved->cause());
-  then(verdict == Verdict::right ? std::nullopt : std::optional(UnlockError(Case::wrongPassphrase)));
+  if (const auto unsaved = settings_.change(configuration)) base::diagnose("unlock", describe(*unsaved));
+}
+
+std::optional<UnlockError> LockManager::honour(const Tried& tried) {
+  const UnlockConfiguration before = settings_.configuration();
+  // What could not be saved is newer than what is stored.
+  UnlockConfiguration configuration = settings_.unsaved() || !tried.stored ? before : *tried.stored;
+  if (!settings_.unsaved() && !state_.isUnlocked()) {
+    auto refused = tried.unreadable;
+    if (!refused && agreementOf(configuration, before) == Agreement::damaged) {
+      refused = UnlockError(Case::settingsDamaged);
+    }
+    if (refused) {
+      settings_.refuse(*refused);
+      return refused;
+    }
+  }
+  const bool asksMore = agreementOf(configuration, before) == Agreement::asksMore;
+  const bool counted = before.failedAttempts != 0 || before.lastFailure || configuration.failedAttempts != 0 ||
+                       configuration.lastFailure;
+  backOff_.noteSuccess(configuration);
+  if (!counted && !asksMore && !settings_.unsaved()) {
+    settings_.adopted(configuration);
+  } else if (const auto unsaved = settings_.change(configuration)) {
+    base::diagnose("unlock", describe(*unsaved));
+  }
+  return asksMore ? std::optional(stale()) : std::nullopt;
 }
 
 }  // namespace sorvane::unlock

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -10,6 +11,7 @@
 #include "unlock/executor.h"
 #include "unlock/lock_state.h"
 #include "unlock/owner_presence.h"
+#include "unlock/passphrase_gate.h"
 #include "unlock/session_signals.h"
 #include "unlock/unlock_choices.h"
 #include "unlock/unlock_settings.h"
@@ -29,6 +31,8 @@ class LockManager {
     std::function<UnlockHardware()> hardware;
     OwnerPresence& presence;
     UnlockConfigurationStore& store;
+    /// What passphrases open. Closed whenever the vault is, after `onUnlockChange` was told.
+    PassphraseGate& gate;
     std::function<std::optional<bool>()> managedFollowsSession;
     SessionSignals& signals;
     const base::Clock& now;
@@ -115,18 +119,21 @@ class LockManager {
   /// A fresh check for a sensitive action: whether the owner said yes.
   void confirm(const std::string& reason, std::function<void(bool)> reply);
 
-  // Changes of the settings, each confirmed by the owner first. Where no system check can be had, `current` is checked
-  // in its place when a passphrase is set, and the application's own terminal is asked when none is.
+  // Changes of the settings, each confirmed by the owner first, one at a time. Where no system check can be had,
+  // `current` is checked in its place when a passphrase is set, and the application's own terminal is asked when none
+  // is.
   /// The first passphrase may be set while the vault is locked: where nothing else could ever open it there is no other
   /// way. The vault stays locked then, and asks for it.
   void setPassphrase(NewPassphrase passphrase, PassphraseRequirement requirement, ChangeReply reply);
   void changePassphrase(base::SecretText current, NewPassphrase passphrase, ChangeReply reply);
+  /// Of a store that is sealed under it, the current passphrase is asked in any case.
   void removePassphrase(std::optional<base::SecretText> current, ChangeReply reply);
   /// `off` is removePassphrase. For another one a passphrase must be set; without it nothing changes and the reply is
   /// wrongPassphrase.
   void changeRequirement(PassphraseRequirement requirement, std::optional<base::SecretText> current, ChangeReply reply);
   void changeFollowsSession(bool follows, std::optional<base::SecretText> current, ChangeReply reply);
-  /// Puts fresh settings in the place of those that cannot be read, and opens the vault.
+  /// Puts fresh settings in the place of those that cannot be read, and opens the vault. The passphrase stays where the
+  /// store cannot be opened without it; it was given by then, and stands for a system check that cannot be had.
   void reset(OutcomeReply reply);
 
  private:
@@ -148,18 +155,43 @@ class LockManager {
   void answered(std::uint64_t question, OwnerPresence::Check check, const OwnerPresence::Answer& answer);
   void dropQuestion();
 
-  enum class Verdict { right, wrong, unknown };
-  static Verdict verdictOf(const PassphraseVerifier& verifier, const base::SecretText& passphrase);
+  using Verdict = PassphraseGate::Verdict;
+  /// What trying a passphrase came to; of a right one, what the settings behind it say.
+  struct Tried {
+    PassphraseVerifier verifier;
+    std::uint64_t generation = 0;
+    Verdict verdict = Verdict::unknown;
+    std::optional<UnlockConfiguration> stored;
+    std::optional<UnlockError> unreadable;
+  };
+  /// On the thread of `work`, which may outlive the manager.
+  static void tryPassphrase(PassphraseGate& gate, UnlockConfigurationStore& store, const base::SecretText& passphrase,
+                            const UnlockConfiguration& configuration, Tried& tried);
   /// Goes on when the passphrase is right. A wrong one counts whatever became of the attempt meanwhile; a right one
   /// only while the attempt is fresh.
   void checkPassphrase(Passphrase passphrase, Then then);
-  void checked(const PassphraseVerifier& verifier, Verdict verdict, std::uint64_t generation, const Then& then);
+  void checked(const Tried& tried, const Then& then);
+  void countFailure();
+  /// Goes by what the settings say: nullopt when the passphrase still opens the vault.
+  std::optional<UnlockError> honour(const Tried& tried);
+  /// Wipes the key of the store. What is in force of a sealed one is then what is known without it.
+  void closeGate();
+  void loadSettings();
 
   std::optional<UnlockError> refusal(const NewPassphrase& passphrase) const;
   /// Goes on when the owner confirmed with the system check, or with what stands in its place.
   void authorize(const std::string& reason, Passphrase current, Then then);
+  /// The same, and for `current` to be right as well.
+  void authorizeWith(const std::string& reason, Passphrase current, Then then);
   /// Derives the verifier and puts it in force with the requirement.
   void adopt(Passphrase passphrase, PassphraseRequirement requirement, ChangeReply reply);
+  void release(ChangeReply reply);
+  /// Runs `change` where passphrases are derived, and puts what it made of the configuration in force.
+  void changeStore(UnlockConfiguration configuration, std::function<void(UnlockConfiguration&)> change,
+                   ChangeReply reply);
+  void storeChanged(UnlockConfiguration configuration, const std::optional<UnlockError>& error,
+                    const ChangeReply& reply);
+  std::optional<UnlockError> resetSettings();
   void save(UnlockConfiguration configuration, const ChangeReply& reply);
 
   // Constant after construction.
@@ -171,9 +203,12 @@ class LockManager {
   LockState state_;
   bool sessionReported_ = false;
   bool checkingPassphrase_ = false;
+  bool changingStore_ = false;
   std::uint64_t question_ = 0;  ///< the number of the last question
   OwnerPresence* asked_ = nullptr;
   Then questionReply_;  ///< empty when no question is open
+  /// The generation, for those who work for it elsewhere.
+  std::shared_ptr<std::atomic<std::uint64_t>> generation_ = std::make_shared<std::atomic<std::uint64_t>>(0);
   std::shared_ptr<const bool> alive_ = std::make_shared<const bool>(true);
 };
 

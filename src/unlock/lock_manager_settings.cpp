@@ -53,6 +53,16 @@ void LockManager::authorize(const std::string& reason, Passphrase current, Then 
   ask(*terminal, OwnerPresence::Check::presence, reason, std::move(then));
 }
 
+void LockManager::authorizeWith(const std::string& reason, Passphrase current, Then then) {
+  then = whileFresh(std::move(then));
+  if (!current) return then(UnlockError(Case::wrongPassphrase));
+  if (dependencies_.presence.unavailable()) return checkPassphrase(std::move(current), std::move(then));
+  ask(dependencies_.presence, OwnerPresence::Check::presence, reason,
+      whileFresh([this, current, then](std::optional<UnlockError> error) {
+        error ? then(std::move(error)) : checkPassphrase(current, then);
+      }));
+}
+
 void LockManager::setPassphrase(NewPassphrase passphrase, PassphraseRequirement requirement, ChangeReply reply) {
   const bool isFirst = !settings_.configuration().passphrase;
   if (!state_.isUnlocked()) {
@@ -77,54 +87,81 @@ void LockManager::changePassphrase(base::SecretText current, NewPassphrase passp
   if (!state_.isUnlocked()) return reply(UnlockError(Case::vaultLocked));
   if (auto error = refusal(passphrase)) return reply(error);
   if (!settings_.configuration().passphrase) return reply(UnlockError(Case::wrongPassphrase));
-  const bool asksSystem = !dependencies_.presence.unavailable();
-  const Passphrase known = shared(std::move(current));
-  const Then whenChecked =
-      whileFresh([this, text = shared(std::move(passphrase.text)), reply](std::optional<UnlockError> error) {
-        error ? reply(std::move(error)) : adopt(text, settings_.configuration().requirement, reply);
-      });
-  if (!asksSystem) return checkPassphrase(known, whenChecked);
-  ask(dependencies_.presence, OwnerPresence::Check::presence, std::string(kChangeReason),
-      whileFresh([this, known, whenChecked](std::optional<UnlockError> error) {
-        error ? whenChecked(std::move(error)) : checkPassphrase(known, whenChecked);
-      }));
+  authorizeWith(std::string(kChangeReason), shared(std::move(current)),
+                [this, text = shared(std::move(passphrase.text)), reply](std::optional<UnlockError> error) {
+                  error ? reply(std::move(error)) : adopt(text, settings_.configuration().requirement, reply);
+                });
 }
 
 void LockManager::adopt(Passphrase passphrase, PassphraseRequirement requirement, ChangeReply reply) {
-  const auto verifier = std::make_shared<std::optional<PassphraseVerifier>>();
-  const Then derived = whileFresh([this, verifier, before = settings_.configuration().passphrase, requirement,
-                                   reply = std::move(reply)](std::optional<UnlockError> error) {
-    if (error) return reply(std::move(error));
-    UnlockConfiguration configuration = settings_.configuration();
-    // Another change was quicker; this one was confirmed for what stood before it.
-    if (configuration.passphrase != before) return reply(UnlockError(Case::cancelled));
-    configuration.passphrase = *verifier;
-    configuration.requirement = requirement;
-    backOff_.noteSuccess(configuration);
-    save(std::move(configuration), reply);
-  });
-  dependencies_.work.post([verifier, toMain = toMain(), passphrase = std::move(passphrase), derived] {
+  UnlockConfiguration configuration = settings_.configuration();
+  configuration.requirement = requirement;
+  changeStore(
+      std::move(configuration),
+      [&gate = dependencies_.gate, passphrase = std::move(passphrase), generation = state_.generation,
+       now = generation_](UnlockConfiguration& changed) {
+        changed.passphrase = PassphraseVerifier::make(passphrase->view());
+        if (now->load() != generation) throw UnlockError(Case::cancelled);
+        gate.adopt(*passphrase, changed);
+      },
+      std::move(reply));
+}
+
+void LockManager::release(ChangeReply reply) {
+  UnlockConfiguration configuration = settings_.configuration();
+  configuration.passphrase.reset();
+  configuration.requirement = PassphraseRequirement::off;
+  changeStore(
+      std::move(configuration), [&gate = dependencies_.gate](UnlockConfiguration& changed) { gate.release(changed); },
+      std::move(reply));
+}
+
+void LockManager::changeStore(UnlockConfiguration configuration, std::function<void(UnlockConfiguration&)> change,
+                              ChangeReply reply) {
+  // Another change was quicker; this one was confirmed for what stood before it.
+  if (changingStore_) return reply(UnlockError(Case::cancelled));
+  changingStore_ = true;
+  configuration.failedAttempts = 0;
+  configuration.lastFailure.reset();
+  dependencies_.work.post([this, toMain = toMain(), configuration = std::move(configuration),
+                           change = std::move(change), reply = std::move(reply), generation = state_.generation,
+                           now = generation_]() mutable {
+    std::optional<UnlockError> error;
     try {
-      *verifier = PassphraseVerifier::make(passphrase->view());
-    } catch (const std::exception& error) {
-      base::diagnose("unlock", error.what());
+      if (now->load() != generation) throw UnlockError(Case::cancelled);
+      change(configuration);
+    } catch (const UnlockError& failed) {
+      error = failed.kind() == Case::vaultLocked ? UnlockError(Case::cancelled) : failed;
+      if (!failed.cause().empty()) base::diagnose("unlock", failed.cause());
+    } catch (const std::exception& failed) {
+      base::diagnose("unlock", failed.what());
+      error = UnlockError(Case::cancelled);
     }
-    toMain([verifier, derived] { derived(*verifier ? std::nullopt : std::optional(UnlockError(Case::cancelled))); });
+    toMain([this, configuration, error, reply] { storeChanged(configuration, error, reply); });
   });
+}
+
+/// It was made or not, whatever became of the vault meanwhile.
+void LockManager::storeChanged(UnlockConfiguration configuration, const std::optional<UnlockError>& error,
+                               const ChangeReply& reply) {
+  changingStore_ = false;
+  if (!error) {
+    backOff_.noteSuccess(configuration);
+    settings_.adopted(configuration);
+  }
+  if (!state_.isUnlocked()) closeGate();
+  reply(error);
 }
 
 void LockManager::removePassphrase(std::optional<base::SecretText> current, ChangeReply reply) {
   if (!state_.isUnlocked()) return reply(UnlockError(Case::vaultLocked));
   if (!settings_.configuration().passphrase) return reply(std::nullopt);
-  authorize(std::string(kRemoveReason), shared(std::move(current)),
-            [this, reply = std::move(reply)](std::optional<UnlockError> error) {
-              if (error) return reply(std::move(error));
-              UnlockConfiguration configuration = settings_.configuration();
-              configuration.passphrase.reset();
-              configuration.requirement = PassphraseRequirement::off;
-              backOff_.noteSuccess(configuration);
-              save(std::move(configuration), reply);
-            });
+  const Then then = [this, reply = std::move(reply)](std::optional<UnlockError> error) {
+    error ? reply(std::move(error)) : release(reply);
+  };
+  const std::string reason(kRemoveReason);
+  dependencies_.gate.isSealed() ? authorizeWith(reason, shared(std::move(current)), then)
+                                : authorize(reason, shared(std::move(current)), then);
 }
 
 void LockManager::changeRequirement(PassphraseRequirement requirement, std::optional<base::SecretText> current,
@@ -158,6 +195,7 @@ void LockManager::changeFollowsSession(bool follows, std::optional<base::SecretT
 }
 
 void LockManager::save(UnlockConfiguration configuration, const ChangeReply& reply) {
+  if (changingStore_) return reply(UnlockError(Case::cancelled));
   auto error = settings_.change(configuration);
   // Whoever turns following on from outside the session is outside at once.
   if (!state_.sessionAvailable) apply(LockEvent::sessionLost);
@@ -166,15 +204,25 @@ void LockManager::save(UnlockConfiguration configuration, const ChangeReply& rep
 
 void LockManager::reset(OutcomeReply reply) {
   if (settings_.isReadable() || !settings_.resetCause()) return reply(UnlockError(Case::cancelled));
-  authorize(std::string(kResetReason), nullptr, [this, reply = std::move(reply)](std::optional<UnlockError> error) {
+  const Then confirmed = [this, reply = std::move(reply)](std::optional<UnlockError> error) {
     if (error) return reply(*std::move(error));
-    if (auto unsaved = settings_.reset()) {
-      apply(LockEvent::resetFailed);
-      return reply(*std::move(unsaved));
-    }
-    apply(LockEvent::resetGranted);
-    state_.isUnlocked() ? reply(Opened{}) : reply(UnlockError(Case::cancelled));
-  });
+    error = resetSettings();
+    apply(error ? LockEvent::resetFailed : LockEvent::resetGranted);
+    if (error) return reply(*std::move(error));
+    if (state_.isUnlocked()) return reply(Opened{});
+    closeGate();
+    reply(UnlockError(Case::cancelled));
+  };
+  if (dependencies_.gate.isSealed() && dependencies_.presence.unavailable()) return confirmed(std::nullopt);
+  authorize(std::string(kResetReason), nullptr, confirmed);
+}
+
+std::optional<UnlockError> LockManager::resetSettings() {
+  try {
+    return settings_.reset(dependencies_.gate.fresh());
+  } catch (const UnlockError& error) {
+    return error;
+  }
 }
 
 }  // namespace sorvane::unlock

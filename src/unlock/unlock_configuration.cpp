@@ -2,36 +2,14 @@
 
 #include <nlohmann/json.hpp>
 
-#include "base/codec.h"
 #include "base/date.h"
-#include "base/json.h"
 #include "base/json_writer.h"
+#include "unlock/record_json.h"
 
 namespace sorvane::unlock {
 namespace {
 
 using base::Json;
-
-/// The member of an object, or nullptr.
-const Json* member(const Json& object, const char* key) {
-  const auto found = object.find(key);
-  return found == object.end() || found->is_null() ? nullptr : &*found;
-}
-
-std::optional<base::Bytes> bytesAt(const Json& object, const char* key) {
-  const Json* const value = member(object, key);
-  if (value == nullptr || !value->is_string()) return std::nullopt;
-  return base::parseBase64(value->get_ref<const std::string&>());
-}
-
-/// A whole number from 0 to `limit`.
-std::optional<std::int64_t> countAt(const Json& object, const char* key, std::int64_t limit) {
-  const Json* const value = member(object, key);
-  if (value == nullptr || !value->is_number_unsigned()) return std::nullopt;
-  const auto number = value->get<std::uint64_t>();
-  if (number > static_cast<std::uint64_t>(limit)) return std::nullopt;
-  return static_cast<std::int64_t>(number);
-}
 
 std::optional<PassphraseVerifier> readVerifier(const Json& object) {
   if (!object.is_object()) return std::nullopt;
@@ -42,12 +20,6 @@ std::optional<PassphraseVerifier> readVerifier(const Json& object) {
                               static_cast<std::uint32_t>(*iterations)};
   if (!verifier.isComputable()) return std::nullopt;
   return verifier;
-}
-
-std::optional<PassphraseRequirement> readRequirement(const Json& object) {
-  const Json* const value = member(object, "requirement");
-  if (value == nullptr || !value->is_string()) return std::nullopt;
-  return passphraseRequirementOf(value->get_ref<const std::string&>());
 }
 
 }  // namespace
@@ -71,6 +43,18 @@ std::optional<PassphraseRequirement> passphraseRequirementOf(std::string_view te
   return std::nullopt;
 }
 
+int strictness(PassphraseRequirement requirement) {
+  switch (requirement) {
+    case PassphraseRequirement::off:
+      return 0;
+    case PassphraseRequirement::only:
+      return 1;
+    case PassphraseRequirement::withSystem:
+      return 2;
+  }
+  return 0;
+}
+
 base::SecretText encodeConfiguration(const UnlockConfiguration& configuration) {
   base::JsonWriter json;
   json.beginObject();
@@ -88,27 +72,30 @@ base::SecretText encodeConfiguration(const UnlockConfiguration& configuration) {
   return json.take();
 }
 
+Agreement agreementOf(const UnlockConfiguration& stored, const UnlockConfiguration& inForce) {
+  if (stored.requirement != PassphraseRequirement::off && !stored.passphrase) return Agreement::damaged;
+  const int more = strictness(stored.requirement) - strictness(inForce.requirement);
+  if (more < 0 || (inForce.followsSession && !stored.followsSession)) return Agreement::damaged;
+  return more > 0 ? Agreement::asksMore : Agreement::same;
+}
+
 std::optional<UnlockConfiguration> decodeConfiguration(std::string_view text) {
   const auto json = base::parseJson(text);
   if (!json || !json->is_object()) return std::nullopt;
   UnlockConfiguration configuration;
-  if (const Json* const verifier = member(*json, "passphrase")) {
+  if (const Json* const verifier = memberOf(*json, "passphrase")) {
     configuration.passphrase = readVerifier(*verifier);
     if (!configuration.passphrase) return std::nullopt;
   }
-  const auto requirement = readRequirement(*json);
-  const Json* const follows = member(*json, "followsSession");
+  const auto requirement = requirementAt(*json, "requirement");
+  const auto follows = flagAt(*json, "followsSession");
   const auto attempts = countAt(*json, "failedAttempts", INT64_MAX);
-  if (!requirement || follows == nullptr || !follows->is_boolean() || !attempts) return std::nullopt;
+  if (!requirement || !follows || !attempts) return std::nullopt;
   if (*requirement != PassphraseRequirement::off && !configuration.passphrase) return std::nullopt;
   configuration.requirement = *requirement;
-  configuration.followsSession = follows->get<bool>();
+  configuration.followsSession = *follows;
   configuration.failedAttempts = *attempts;
-  if (const Json* const failure = member(*json, "lastFailure")) {
-    if (!failure->is_string()) return std::nullopt;
-    configuration.lastFailure = base::parseIso8601(failure->get_ref<const std::string&>());
-    if (!configuration.lastFailure) return std::nullopt;
-  }
+  if (!readDate(*json, "lastFailure", configuration.lastFailure)) return std::nullopt;
   return configuration;
 }
 

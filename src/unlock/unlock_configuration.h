@@ -21,6 +21,8 @@ inline constexpr std::array kPassphraseRequirements{PassphraseRequirement::off, 
                                                     PassphraseRequirement::only};
 std::string_view word(PassphraseRequirement requirement);
 std::optional<PassphraseRequirement> passphraseRequirementOf(std::string_view word);
+/// The more it asks the higher.
+int strictness(PassphraseRequirement requirement);
 
 /// What opens the vault. A fresh one has no passphrase and follows the session.
 struct UnlockConfiguration {
@@ -31,6 +33,11 @@ struct UnlockConfiguration {
   std::optional<base::Date> lastFailure;  ///< of the last of them
   bool operator==(const UnlockConfiguration&) const = default;
 };
+
+/// How a configuration that was just read stands to the one that an attempt went by. Whoever changes it writes what
+/// asks more first, so that a change that was cut off never reads as one that somebody forged to ask less.
+enum class Agreement { same, asksMore, damaged };
+Agreement agreementOf(const UnlockConfiguration& stored, const UnlockConfiguration& inForce);
 
 /// The configuration as compact JSON with the keys in the order of the fields; absent fields are left out.
 base::SecretText encodeConfiguration(const UnlockConfiguration& configuration);

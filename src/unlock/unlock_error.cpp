@@ -74,6 +74,13 @@ UnlockError UnlockError::storage(const std::string& cause) {
   return error;
 }
 
+UnlockError UnlockError::storeLost(const std::string& sentence) {
+  UnlockError error(Case::storage, sentence);
+  error.cause_ = sentence;
+  error.storeLost_ = true;
+  return error;
+}
+
 UnlockError UnlockError::systemCheckFailed(const SystemCheckFailure& failure) {
   UnlockError error(Case::systemCheckFailed, sentenceOf(failure));
   error.failure_ = failure;

@@ -46,6 +46,8 @@ class UnlockError : public base::Error {
   static UnlockError wait(base::Date until, std::chrono::system_clock::time_point now);
   /// `cause` is the sentence of the failure below; it is for diagnostics and not part of what is shown.
   static UnlockError storage(const std::string& cause);
+  /// `storage` of a store that nothing here opens again; `sentence` says so and what to do, and is what is shown.
+  static UnlockError storeLost(const std::string& sentence);
   static UnlockError systemCheckFailed(const SystemCheckFailure& failure);
 
   Case kind() const { return kind_; }
@@ -53,6 +55,7 @@ class UnlockError : public base::Error {
   const std::optional<SystemCheckFailure>& failure() const { return failure_; }
   /// Empty but for `storage`.
   const std::string& cause() const { return cause_; }
+  bool isStoreLost() const { return storeLost_; }
   bool operator==(const UnlockError& other) const;
 
  private:
@@ -62,6 +65,7 @@ class UnlockError : public base::Error {
   std::optional<base::Date> until_;
   std::optional<SystemCheckFailure> failure_;
   std::string cause_;
+  bool storeLost_ = false;
 };
 
 /// What `wait` shows at `now`; for a prompt that counts down.

@@ -12,16 +12,27 @@ bool isMendedByReset(const UnlockError& error) {
 }  // namespace
 
 void UnlockSettings::load() {
-  loadFailure_.clear();
-  resetCause_.reset();
   try {
-    configuration_ = store_.load();
-    unsaved_ = false;
+    adopted(store_.load());
+    resetCause_.reset();
   } catch (const UnlockError& error) {
-    configuration_ = {};
-    loadFailure_ = error.sentence();
-    if (isMendedByReset(error)) resetCause_ = error;
+    refuse(error);
   }
+}
+
+void UnlockSettings::adopted(const UnlockConfiguration& configuration) {
+  configuration_ = configuration;
+  loadFailure_.clear();
+  storeLost_ = false;
+  unsaved_ = false;
+}
+
+void UnlockSettings::refuse(const UnlockError& error) {
+  configuration_ = {};
+  unsaved_ = false;
+  loadFailure_ = error.sentence();
+  storeLost_ = error.isStoreLost();
+  resetCause_ = isMendedByReset(error) ? std::optional(error) : std::nullopt;
 }
 
 std::optional<UnlockError> UnlockSettings::change(const UnlockConfiguration& configuration) {
@@ -41,12 +52,10 @@ std::optional<UnlockError> UnlockSettings::saveAgain() {
   }
 }
 
-std::optional<UnlockError> UnlockSettings::reset() {
+std::optional<UnlockError> UnlockSettings::reset(const UnlockConfiguration& fresh) {
   try {
-    store_.save({});
-    configuration_ = {};
-    loadFailure_.clear();
-    unsaved_ = false;
+    store_.save(fresh);
+    adopted(fresh);
     return std::nullopt;
   } catch (const UnlockError& error) {
     return error;

@@ -21,13 +21,19 @@ class UnlockSettings {
   std::optional<UnlockError> change(const UnlockConfiguration& configuration);
   /// Tries again to save what could not be saved; nothing when there is no such change.
   std::optional<UnlockError> saveAgain();
-  /// Puts a fresh configuration in the place of one that could not be read. After a failure nothing is readable still.
-  std::optional<UnlockError> reset();
+  /// Puts a configuration in force that is stored already.
+  void adopted(const UnlockConfiguration& configuration);
+  /// The stored configuration, read by somebody else, is not to be relied on: as a failure of `load`.
+  void refuse(const UnlockError& error);
+  /// Puts `fresh` in the place of a configuration that could not be read. After a failure nothing is readable still.
+  std::optional<UnlockError> reset(const UnlockConfiguration& fresh);
 
   const UnlockConfiguration& configuration() const { return configuration_; }
   /// Whether the configuration is the stored one.
   bool isReadable() const { return loadFailure_.empty(); }
   const std::string& loadFailure() const { return loadFailure_; }
+  /// Whether the settings are out of reach for good, with the store that they lie in.
+  bool isStoreLost() const { return storeLost_; }
   /// Why the settings had to be reset; stays after the reset, so that the owner can be told.
   const std::optional<UnlockError>& resetCause() const { return resetCause_; }
   bool unsaved() const { return unsaved_; }
@@ -44,6 +50,7 @@ class UnlockSettings {
   std::string loadFailure_;
   std::optional<UnlockError> resetCause_;
   bool unsaved_ = false;
+  bool storeLost_ = false;
   std::optional<bool> managedFollowsSession_;
 };
 

@@ -24,15 +24,30 @@ auto told(const Sentence& sentenceOf, const Call& call) {
   }
 }
 
+/// StoredSettings are the sealed settings of one vault, in the store of its values.
+class StoredSettings final : public SealedSettings {
+ public:
+  explicit StoredSettings(SecretStore& store) : store_(store) {}
+
+  std::optional<base::SecretText> load(std::string_view name) override;
+  void save(std::string_view name, std::string_view record) override;
+  void remove(std::string_view name) override;
+
+ private:
+  crypto::SymmetricKey key() const;
+
+  SecretStore& store_;
+};
+
 }  // namespace
 
-crypto::SymmetricKey Vault::Settings::key() const {
+crypto::SymmetricKey StoredSettings::key() const {
   auto key = readVaultKey(store_);
   if (!key) throw SettingError(SettingError::Case::wrongKey, std::string(sentence::kKeyDoesNotOpen));
   return *std::move(key);
 }
 
-std::optional<base::SecretText> Vault::Settings::load(std::string_view name) {
+std::optional<base::SecretText> StoredSettings::load(std::string_view name) {
   return told(sentence::settingNotRead, [&]() -> std::optional<base::SecretText> {
     base::SecretText stored;
     try {
@@ -48,7 +63,7 @@ std::optional<base::SecretText> Vault::Settings::load(std::string_view name) {
   });
 }
 
-void Vault::Settings::save(std::string_view name, std::string_view record) {
+void StoredSettings::save(std::string_view name, std::string_view record) {
   if (record.size() > kMaxSettingBytes) {
     throw SettingError(SettingError::Case::storage, sentence::settingTooLarge(name));
   }
@@ -58,8 +73,12 @@ void Vault::Settings::save(std::string_view name, std::string_view record) {
   });
 }
 
-void Vault::Settings::remove(std::string_view name) {
+void StoredSettings::remove(std::string_view name) {
   told(sentence::settingNotSaved, [&] { store_.remove(sealedSettingAccount(name)); });
+}
+
+std::unique_ptr<SealedSettings> sealedSettingsIn(SecretStore& store) {
+  return std::make_unique<StoredSettings>(store);
 }
 
 SealedSettings& Vault::settings() {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -9,7 +10,7 @@
 
 namespace sorvane::vault {
 
-class Vault;
+class SecretStore;
 
 /// SettingError tells why a sealed setting could not be read or saved; its sentence may be shown.
 class SettingError : public base::Error {
@@ -36,6 +37,10 @@ class SealedSettings {
   virtual void save(std::string_view name, std::string_view record) = 0;
   virtual void remove(std::string_view name) = 0;
 };
+
+/// The settings of the vault whose values are in `store`, for those that must read them before the vault opens. The
+/// store outlives them.
+std::unique_ptr<SealedSettings> sealedSettingsIn(SecretStore& store);
 
 inline constexpr std::string_view kApprovalPolicySetting = "approval-policy";
 inline constexpr std::string_view kAgentClientsSetting = "agent-clients";

@@ -309,7 +309,6 @@ class Vault {
  private:
   struct Change;
   struct VerifiedKey;
-  class Settings;
   class Observers;
   using Names = std::vector<std::string>;
 
@@ -424,7 +423,7 @@ class Vault {
   // Constant after construction.
   const std::filesystem::path directory_;
   const Ports ports_;
-  const std::unique_ptr<Settings> settings_;
+  const std::unique_ptr<SealedSettings> settings_;
   const std::unique_ptr<Observers> observers_;          // has its own lock
   const std::unique_ptr<ProtectedKeys> protectedKeys_;  // has its own lock
 

@@ -8,6 +8,7 @@
 #include "vault/manifest.h"
 #include "vault/record_codec.h"
 #include "vault/sealed_files.h"
+#include "vault/sealed_settings.h"
 #include "vault/vault.h"
 #include "vault/vault_index.h"
 #include "vault/vault_observers.h"
@@ -32,7 +33,7 @@ void requireUsableFolder(const fs::path& directory) {
 Vault::Vault(fs::path directory, Ports ports)
     : directory_(std::move(directory)),
       ports_(ports),
-      settings_(std::make_unique<Settings>(ports.store)),
+      settings_(sealedSettingsIn(ports.store)),
       observers_(std::make_unique<Observers>()),
       protectedKeys_(std::make_unique<ProtectedKeys>(*settings_, ports.store)) {
   const base::RecursiveLock lock(lock_);

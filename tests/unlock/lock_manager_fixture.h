@@ -67,6 +67,37 @@ class MemoryConfigurationStore final : public unlock::UnlockConfigurationStore {
   bool failsToSave = false;
 };
 
+/// A gate without a store behind it: it goes by the configuration, and keeps it where the manager reads it.
+class MemoryGate final : public unlock::PassphraseGate {
+ public:
+  explicit MemoryGate(MemoryConfigurationStore& store) : store_(store) {}
+  Verdict attempt(const base::SecretText& passphrase, const unlock::UnlockConfiguration& configuration) override {
+    if (passphrase.empty() || !configuration.passphrase) return Verdict::wrong;
+    const Verdict verdict = configuration.passphrase->check(passphrase.view()) ? Verdict::right : Verdict::wrong;
+    isOpen = isOpen || verdict == Verdict::right;
+    if (whenTried) whenTried();
+    return verdict;
+  }
+  void adopt(const base::SecretText&, const unlock::UnlockConfiguration& configuration) override {
+    store_.save(configuration);
+  }
+  void release(const unlock::UnlockConfiguration& configuration) override { store_.save(configuration); }
+  void close() override {
+    isOpen = false;
+    ++closings;
+  }
+  bool isSealed() const override { return sealed; }
+  unlock::UnlockConfiguration fresh() const override { return kept; }
+
+  std::function<void()> whenTried;
+  unlock::UnlockConfiguration kept;
+  bool isOpen = false, sealed = false;
+  int closings = 0;
+
+ private:
+  MemoryConfigurationStore& store_;
+};
+
 class ManualSignals final : public unlock::SessionSignals {
  public:
   std::optional<unlock::SessionState> observe(Observer observer) override {
@@ -88,6 +119,7 @@ class LockManagerFixture : public ::testing::Test {
           unlock::LockManager::Dependencies{.hardware = [this] { return hardware_; },
                                             .presence = presence_,
                                             .store = store_,
+                                            .gate = gate_,
                                             .managedFollowsSession = [this] { return managed_; },
                                             .signals = signals_,
                                             .now = clock_,
@@ -150,6 +182,7 @@ class LockManagerFixture : public ::testing::Test {
   ManualExecutor main_, work_;
   ManualPresence presence_, terminal_;
   MemoryConfigurationStore store_;
+  MemoryGate gate_{store_};
   ManualSignals signals_;
   unlock::UnlockHardware hardware_;
   std::optional<bool> managed_;

@@ -494,7 +494,6 @@ TEST_F(PassphraseSettings, areUnchangedByWhatALockOrAQuickerChangeOvertook) {
   manager().setPassphrase(twice(kRight), Requirement::only, change());
   presence_.questions.back().reply(OwnerPresence::Granted{});
   main_.runAll();
-  work_.runAll();
   manager().lock();
   EXPECT_EQ(ended(), Words{kCancelled});
   EXPECT_FALSE(store_.stored.passphrase);
@@ -506,23 +505,130 @@ TEST_F(PassphraseSettings, areUnchangedByWhatALockOrAQuickerChangeOvertook) {
   main_.runAll();
   manager().setPassphrase(twice(kWrong), Requirement::only, change());
   presence_.questions.back().reply(OwnerPresence::Granted{});
-  EXPECT_EQ(ended(), (Words{"opened", "done", kCancelled}));
+  EXPECT_EQ(ended(), (Words{"opened", kCancelled, "done"}));
   EXPECT_TRUE(store_.stored.passphrase->check(kRight));
 }
 
-TEST_F(PassphraseSettings, holdWhileTheyCouldNotBeSavedAndAreSavedAgain) {
+TEST_F(PassphraseSettings, areUnchangedWhereAPassphraseCouldNotBeSavedAndOtherwiseSavedAgain) {
   manager();
   store_.failsToSave = true;
   manager().setPassphrase(twice(kRight), Requirement::only, change());
   granted();
-  EXPECT_EQ(ended(), Words{"sorvane couldn’t read or save its unlock settings in the Keychain."});
+  EXPECT_FALSE(manager().settings().configuration().passphrase);
+  manager().changeFollowsSession(false, {}, change());
+  granted();
+  EXPECT_EQ(ended(), Words(2, "sorvane couldn’t read or save its unlock settings in the Keychain."));
   EXPECT_TRUE(manager().settings().unsaved());
+  EXPECT_FALSE(manager().settings().configuration().followsSession);
   store_.failsToSave = false;
   manager().lock();
+  EXPECT_FALSE(manager().settings().unsaved());
+  EXPECT_FALSE(store_.stored.followsSession);
+}
+
+/// What the settings behind the passphrase say, and what was known before it was given.
+class SettingsBehindThePassphrase : public LockManagerFixture {
+ protected:
+  void SetUp() override {
+    havePassphrase(Requirement::only);
+    gate_.sealed = true;
+  }
+  /// The settings turn out to be these once the gate is open.
+  void turnOut(const UnlockConfiguration& stored) {
+    gate_.whenTried = [this, stored] { store_.stored = stored; };
+  }
+};
+
+TEST_F(SettingsBehindThePassphrase, areHonouredWhereTheyAskMore) {
+  UnlockConfiguration more = store_.stored;
+  more.requirement = Requirement::withSystem;
+  turnOut(more);
+  give(kRight);
+  EXPECT_EQ(ended(), Words{kCancelled});
+  EXPECT_TRUE(changes_.empty());
+  EXPECT_FALSE(gate_.isOpen);
+  EXPECT_EQ(store_.stored.requirement, Requirement::withSystem);
+  askSystem();
+  granted();
+  give(kRight);
+  EXPECT_EQ(ended(), (Words{"needs passphrase", "opened"}));
+  EXPECT_TRUE(gate_.isOpen);
+  manager().lock();
+  EXPECT_FALSE(gate_.isOpen);
+
+  signals_.reported->screenLocked = true;
+  more.requirement = Requirement::only;
+  store_.stored = more;
+  store_.stored.followsSession = false;
+  turnOut(more);
+  manager_.reset();
+  changes_.clear();
+  give(kRight);
+  EXPECT_EQ(ended(), Words{kCancelled});
+  EXPECT_TRUE(changes_.empty());
+  EXPECT_FALSE(gate_.isOpen);
+}
+
+TEST_F(SettingsBehindThePassphrase, areDamagedWhereTheyAskLessAndAreResetWithThePassphraseKept) {
+  const UnlockConfiguration known = store_.stored;
+  UnlockConfiguration without, less = known, unfollowing = known;
+  less.requirement = Requirement::only;
+  unfollowing.followsSession = false;
+  for (const auto& [before, found] : {std::pair(Requirement::only, without), std::pair(Requirement::withSystem, less),
+                                      std::pair(Requirement::only, unfollowing)}) {
+    manager_.reset();
+    changes_.clear();
+    presence_.sentence.reset();
+    store_.stored = known;
+    store_.stored.requirement = before;
+    gate_.kept = store_.stored;
+    turnOut(found);
+    if (before == Requirement::withSystem) askSystem(), granted(), ended();
+    give(kRight);
+    const std::string sentence = UnlockError(Case::settingsDamaged).sentence();
+    EXPECT_EQ(ended(), Words{sentence});
+    EXPECT_EQ(manager().prompt(), LockManager::Prompt(LockManager::ResetPrompt{sentence}));
+    EXPECT_TRUE(gate_.isOpen);
+    EXPECT_TRUE(changes_.empty());
+    manager().reset(outcome());
+    granted();
+    EXPECT_EQ(ended(), Words{"opened"});
+    EXPECT_EQ(store_.stored, gate_.kept);
+    EXPECT_EQ(manager().settings().configuration(), gate_.kept);
+    manager().lock();
+    EXPECT_FALSE(gate_.isOpen);
+  }
+}
+
+TEST_F(SettingsBehindThePassphrase, areClosedAgainWhereNobodyResetsThem) {
+  turnOut({});
+  give(kRight);
+  ended();
+  manager().lock();
+  EXPECT_FALSE(gate_.isOpen);
+  havePassphrase(Requirement::only);
+  manager().holdLocked();
+  EXPECT_EQ(manager().prompt(), LockManager::Prompt(LockManager::PassphrasePrompt{}));
+  give(kRight);
+  ended();
+  store_.failsToSave = true;
+  presence_.sentence = "Install what is missing.";
+  manager().reset(outcome());
+  EXPECT_EQ(ended(), Words{"sorvane couldn’t read or save its unlock settings in the Keychain."});
+  EXPECT_TRUE(manager().state().heldLocked);
+  EXPECT_FALSE(gate_.isOpen);
+}
+
+TEST_F(SettingsBehindThePassphrase, wantItOnceMoreBeforeTheStoreIsReleased) {
   give(kRight);
   EXPECT_EQ(ended(), Words{"opened"});
-  EXPECT_FALSE(manager().settings().unsaved());
-  EXPECT_TRUE(store_.stored.passphrase);
+  manager().removePassphrase({}, change());
+  manager().removePassphrase(current(kWrong), change());
+  granted();
+  manager().changeRequirement(Requirement::off, current(kRight), change());
+  granted();
+  EXPECT_EQ(ended(), (Words{kWrongText, kWrongText, "done"}));
+  EXPECT_EQ(store_.stored, UnlockConfiguration{});
 }
 
 /// The manager as it runs: derivations and everything else on threads of their own.
@@ -536,6 +642,7 @@ TEST_F(LockManagerFixture, leavesItsThreadFreeWhileAPassphraseIsChecked) {
         std::make_unique<LockManager>(LockManager::Dependencies{.hardware = [] { return UnlockHardware{}; },
                                                                 .presence = presence_,
                                                                 .store = store_,
+                                                                .gate = gate_,
                                                                 .managedFollowsSession = [] { return std::nullopt; },
                                                                 .signals = signals_,
                                                                 .now = clock_,

@@ -192,4 +192,37 @@ std::vector<std::string> EmbeddedSecretStore::accounts() {
   return names;
 }
 
+void EmbeddedSecretStore::copyFrom(vault::EnumerableSecretStore& from) {
+  const auto run = [this](const char* sql) {
+    const Lock lock(mutex_);
+    execute(sql);
+  };
+  run("BEGIN IMMEDIATE");
+  try {
+    for (const std::string& account : from.accounts()) store(account, from.read(account));
+    run("COMMIT");
+  } catch (const std::exception&) {
+    const Lock lock(mutex_);
+    sqlite3_exec(database_.get(), "ROLLBACK", nullptr, nullptr, nullptr);
+    throw;
+  }
+}
+
+std::string EmbeddedSecretStore::answerOf(const char* sql, int column) {
+  const Statement statement = prepare(sql);
+  Use answer(statement.get());
+  if (answer.step() != SQLITE_ROW) fail();
+  return std::string(base::textOf(answer.bytesOfColumn(column)));
+}
+
+void EmbeddedSecretStore::foldLog() {
+  const Lock lock(mutex_);
+  if (answerOf("PRAGMA wal_checkpoint(TRUNCATE)", 0) != "0") fail();
+}
+
+void EmbeddedSecretStore::standAlone() {
+  const Lock lock(mutex_);
+  if (answerOf("PRAGMA journal_mode=DELETE", 0) != "delete") fail();
+}
+
 }  // namespace sorvane::platform

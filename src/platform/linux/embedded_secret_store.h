@@ -31,6 +31,13 @@ class EmbeddedSecretStore final : public vault::EnumerableSecretStore {
   void remove(std::string_view account) override;
   std::vector<std::string> accounts() override;
 
+  /// Stores every item of `from`, all or none.
+  void copyFrom(vault::EnumerableSecretStore& from);
+  /// Has the file of the database hold every row, its log none.
+  void foldLog();
+  /// The same for good: the file stands alone, without a log, until it is opened again.
+  void standAlone();
+
  private:
   struct Close {
     void operator()(sqlite3* database) const noexcept;
@@ -43,6 +50,8 @@ class EmbeddedSecretStore final : public vault::EnumerableSecretStore {
   void openDatabase(const std::filesystem::path& path) REQUIRES(mutex_);
   Statement prepare(const char* sql) REQUIRES(mutex_);
   void execute(const char* sql) REQUIRES(mutex_);
+  /// The column of the first row.
+  std::string answerOf(const char* sql, int column) REQUIRES(mutex_);
   [[noreturn]] void fail() REQUIRES(mutex_);
 
   // Guarded. mutex_ is a leaf; SQLite's file access happens while it is held, since one connection serves one caller at

@@ -49,12 +49,25 @@ std::optional<crypto::SymmetricKey> PlainKeyFile::load() {
 
 crypto::SymmetricKey PlainKeyFile::make() {
   auto key = crypto::SymmetricKey::random();
+  keep(key);
+  return key;
+}
+
+bool PlainKeyFile::exists() const {
+  std::error_code error;
+  return std::filesystem::symlink_status(path_, error).type() != std::filesystem::file_type::not_found;
+}
+
+void PlainKeyFile::keep(const crypto::SymmetricKey& key) {
   try {
     files_.writeAtomically(path_, key.bytes());
   } catch (const base::FileError& error) {
     throw SecretStoreError::backend(error.sentence());
   }
-  return key;
+}
+
+void PlainKeyFile::remove() {
+  files_.remove(path_);
 }
 
 }  // namespace sorvane::platform

@@ -19,6 +19,17 @@ class StoreKeySource {
   virtual crypto::SymmetricKey make() = 0;
 };
 
+/// GivenKey is a key that somebody else keeps.
+class GivenKey final : public StoreKeySource {
+ public:
+  explicit GivenKey(const crypto::SymmetricKey& key) : key_(key) {}
+  std::optional<crypto::SymmetricKey> load() override { return key_.clone(); }
+  crypto::SymmetricKey make() override { return key_.clone(); }
+
+ private:
+  const crypto::SymmetricKey& key_;
+};
+
 /// PlainKeyFile keeps the key as 32 bytes in a file of mode 0600: whoever can read the user's files can read it. A file
 /// that others may use, as a careless copy makes it, is closed to them before it is read; a link or another user's file
 /// is refused.
@@ -27,6 +38,11 @@ class PlainKeyFile final : public StoreKeySource {
   PlainKeyFile(std::filesystem::path path, base::Files& files) : path_(std::move(path)), files_(files) {}
   std::optional<crypto::SymmetricKey> load() override;
   crypto::SymmetricKey make() override;
+
+  bool exists() const;
+  /// Replaces the key.
+  void keep(const crypto::SymmetricKey& key);
+  void remove();
 
  private:
   const std::filesystem::path path_;
