@@ -3,7 +3,9 @@
 the bare exchange on sorvaned's socket, taken in turn by the same Python client.
 
 Usage: bench/mcp_bench.py BUILD_FOLDER. Uses a throwaway support folder and the embedded store."""
-import json, os, pathlib, signal, socket, statistics, subprocess, sys, tempfile, time
+import json, os, pathlib, statistics, subprocess, sys, tempfile, time
+
+from opened import Sorvaned, exchange
 
 STARTS, WARM, CALLS = 40, 200, 3000
 LIST = b'{"jsonrpc":"2.0","id":1,"method":"tools/list"}\n'
@@ -17,14 +19,7 @@ def milliseconds(work):
 
 
 def bare(info, request):
-    with socket.socket(socket.AF_UNIX) as connection:
-        connection.connect(info["socketPath"])
-        connection.sendall(request)
-        connection.shutdown(socket.SHUT_WR)
-        answer = b""
-        while piece := connection.recv(65536):
-            answer += piece
-    return json.loads(answer)
+    return exchange(info["socketPath"], request)
 
 
 def ask(running, line):
@@ -57,25 +52,13 @@ def first_answer(program, folder, token):
     return taken
 
 
-def wait_for(folder):
-    for _ in range(2000):
-        try:
-            info = json.loads((folder / "agent.json").read_text())
-            if bare(info, json.dumps({"token": info["token"], "op": "listEnvironments"}).encode())["ok"]:
-                return info
-        except (OSError, ValueError):
-            time.sleep(0.005)
-    sys.exit("sorvaned did not answer")
-
-
 def main():
     build = pathlib.Path(sys.argv[1])
     program = str(build / "sorvane")
     with tempfile.TemporaryDirectory(prefix="sorvane-bench-") as temporary:
         folder = pathlib.Path(temporary) / "support"
-        sorvaned = subprocess.Popen([str(build / "sorvaned"), "--support-dir", folder], stdin=subprocess.DEVNULL,
-                                    stderr=subprocess.DEVNULL)
-        info = wait_for(folder)
+        sorvaned = Sorvaned(build, folder).open()
+        info = sorvaned.endpoint()
         request = json.dumps({"token": info["token"], "op": "listEnvironments"}).encode()
         for number in range(10):
             payload = {"action": "environmentAdd", "name": f"Environment {number}"}
@@ -91,8 +74,7 @@ def main():
             calls.append(milliseconds(lambda: ask(running, CALL)))
         assert len(ask(running, CALL)["structuredContent"]["environments"]) == 10
         end(running)
-        sorvaned.send_signal(signal.SIGTERM)
-        sorvaned.wait()
+        sorvaned.stop()
     middle = statistics.median
     print(f"start to the first tools/list answer, {STARTS} starts: median {middle(starts):.2f} ms, worst {max(starts):.2f} ms "
           f"(limit 30 ms); /bin/true takes {middle(floors):.2f} ms")

@@ -6,39 +6,18 @@ Usage: bench/run_bench.py BUILD_FOLDER"""
 import os
 import pathlib
 import shutil
-import signal
 import statistics
 import subprocess
 import sys
 import tempfile
-import threading
 import time
+
+from opened import Sorvaned
 
 build = pathlib.Path(sys.argv[1]).resolve()
 folder = pathlib.Path(tempfile.mkdtemp(prefix="sorvane-bench-"))
 environment = {"PATH": os.environ["PATH"], "HOME": str(folder), "TERM": "dumb"}
-pid, terminal = os.forkpty()
-if pid == 0:
-    os.execve(build / "sorvaned", ["sorvaned", "--support-dir", str(folder / "s")], environment)
-ready = threading.Event()
-
-
-def answer():
-    shown = b""
-    while True:
-        try:
-            shown = (shown + os.read(terminal, 4096))[-4096:]
-        except OSError:
-            return
-        if b"ready" in shown:
-            ready.set()
-        if shown.endswith(b"[y/N] "):
-            shown = b""
-            os.write(terminal, b"y\n")
-
-
-threading.Thread(target=answer, daemon=True).start()
-ready.wait(20)
+sorvaned = Sorvaned(build, folder / "s").open()
 
 
 def sorvane(*words, value=""):
@@ -72,6 +51,5 @@ for _ in range(60):
 floor = statistics.median(times["env … true"])
 for name, taken in times.items():
     print(f"{name:16} {statistics.median(taken):8.2f} ms   {statistics.median(taken) / floor:5.2f} times env")
-os.kill(pid, signal.SIGTERM)
-os.waitpid(pid, 0)
+sorvaned.stop()
 shutil.rmtree(folder)

@@ -1,40 +1,22 @@
 #!/usr/bin/env python3
-"""Measures sorvaned: the time from its start to the first answered request, and its private memory when idle.
+"""Measures sorvaned: the time from its start to its first answer, and its private memory with the vault open and idle.
 
 Usage: bench/start_bench.py BUILD_FOLDER [SECRETS]. Uses a throwaway support folder and the embedded store."""
-import json, pathlib, signal, socket, statistics, subprocess, sys, tempfile, time
+import pathlib, statistics, sys, tempfile, time
+
+from opened import Sorvaned
 
 
-def ask(folder, request):
-    info = json.loads((folder / "agent.json").read_text())
-    with socket.socket(socket.AF_UNIX) as connection:
-        connection.connect(info["socketPath"])
-        connection.sendall(json.dumps(request | {"token": info["token"]}).encode())
-        connection.shutdown(socket.SHUT_WR)
-        answer = b""
-        while piece := connection.recv(65536):
-            answer += piece
-    return json.loads(answer)
-
-
-def start(program, folder):
-    """The running program, and the milliseconds until it answered for the first time."""
+def start(build, folder):
+    """The running program, and the milliseconds until it answered for the first time, with its vault locked still."""
     began = time.perf_counter()
-    running = subprocess.Popen([program, "--support-dir", folder], stdin=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+    running = Sorvaned(build, folder)
     while True:
         try:
-            if ask(folder, {"op": "listEnvironments"})["ok"]:
-                return running, (time.perf_counter() - began) * 1000
-        except (OSError, ValueError):
-            pass
-        if running.poll() is not None:
-            sys.exit("sorvaned ended before it answered")
-        time.sleep(0.0005)
-
-
-def stop(running):
-    running.send_signal(signal.SIGTERM)
-    running.wait()
+            running.owner("status")
+            return running, (time.perf_counter() - began) * 1000
+        except OSError:
+            time.sleep(0.0005)
 
 
 def private_kilobytes(pid):
@@ -43,26 +25,27 @@ def private_kilobytes(pid):
 
 
 def main():
-    program = str(pathlib.Path(sys.argv[1]) / "sorvaned")
+    build = sys.argv[1]
     secrets = int(sys.argv[2]) if len(sys.argv) > 2 else 1000
     with tempfile.TemporaryDirectory(prefix="sorvane-bench-") as temporary:
         folder = pathlib.Path(temporary) / "support"
-        running, _ = start(program, folder)
+        running = Sorvaned(build, folder).open()
         for number in range(secrets):
             payload = {"action": "secretAdd", "name": f"SECRET_{number}"}
-            answer = ask(folder, {"op": "manageVault", "payload": payload, "value": f"made-up-value-{number}"})
+            answer = running.ask("manageVault", payload=payload, value=f"made-up-value-{number}")
             assert answer["ok"], answer
-        stop(running)
+        running.stop()
         times, memory = [], {}
         for _ in range(20):
-            running, milliseconds = start(program, folder)
+            running, milliseconds = start(build, folder)
             times.append(milliseconds)
+            running.open()
             time.sleep(0.2)
             memory = private_kilobytes(running.pid)
-            stop(running)
-    print(f"start to first answer, {secrets} secrets, 20 starts: median {statistics.median(times):.1f} ms, "
+            running.stop()
+    print(f"start to the first answer, {secrets} secrets, 20 starts: median {statistics.median(times):.1f} ms, "
           f"worst {max(times):.1f} ms (limit 50 ms)")
-    print(f"idle private memory: {sum(memory.values()) / 1024:.1f} MB (limit 15 MB), "
+    print(f"idle private memory with the vault open: {sum(memory.values()) / 1024:.1f} MB (limit 15 MB), "
           f"of which dirty {memory['Private_Dirty'] / 1024:.1f} MB")
 
 
