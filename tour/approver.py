@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
 """approver.py COMMAND...: runs sorvaned on a pseudo-terminal and answers its questions there as the owner would.
 
-One JSON object a line. Read from standard input: {"expect": [word, ...]}, what the next question must hold to be answered yes.
-Written to standard output: {"ready": true}; {"question": text, "answer": "yes" or "no"}; at the end {"ended": status,
-"shown": all text}. A question that nobody announced, or that holds something else, is answered with Enter, which means no.
+First it sets the passphrase that a new vault is offered. Then one JSON object a line. Read from standard input: {"expect":
+[word, ...]}, what the next question must hold to be answered yes. Written to standard output: {"ready": true} once the vault is
+open; {"question": text, "answer": "yes" or "no"}; at the end {"ended": status, "shown": all text}. A question that nobody
+announced, or that holds something else, is answered with Enter, which means no.
 It belongs to the tour alone: it is not installed, and sorvaned cannot tell it from a person.
 """
 import json
@@ -15,6 +16,9 @@ import threading
 
 sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "tests" / "support"))
 from terminal import QUESTION, Terminal, Timeout  # noqa: E402
+
+
+PASSPHRASE = "a throwaway passphrase"
 
 
 def say(message):
@@ -32,6 +36,10 @@ def main():
 
     owner = Terminal(sys.argv[1:], dict(os.environ))
     threading.Thread(target=listen, daemon=True).start()
+    for prompt in ("New passphrase[^:\n]*: ", "The same again: "):
+        owner.wait_for(prompt)
+        owner.type(PASSPHRASE + "\n")
+    owner.wait_for(r"\[app\] the vault is open")
     say({"ready": True})
     while not finished.is_set() and not owner.ended():
         try:

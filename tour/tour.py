@@ -14,7 +14,6 @@ import socket
 import subprocess
 import sys
 import tempfile
-import time
 
 HERE = pathlib.Path(__file__).resolve().parent
 ENVIRONMENT = "shop"
@@ -132,9 +131,9 @@ class Tour:
         return json.loads(answer)
 
     def perform(self):
-        step("A throwaway support folder is made, and sorvaned starts in it, on a terminal of its own, with the embedded store.")
+        step("A throwaway support folder is made, and sorvaned starts in it, on a terminal of its own, with the embedded store. It "
+             "offers a passphrase, under which it seals its values; a throwaway one is typed there.")
         self.owner = Owner(self.sorvaned, self.support, self.environment)
-        self._wait_until_served()
 
         step(f"The example project has a .env file with {len(self.values)} credentials. Each is stored as a secret, through a pipe.")
         for name, value in self.values.items():
@@ -231,14 +230,6 @@ class Tour:
         if not answer["ok"] or "no-such-model" not in answer["value"]:
             raise Wrong("The proxy did not answer the command: " + answer.get("value", answer.get("error", "")))
         show(answer["value"])
-
-    def _wait_until_served(self):
-        # The endpoint file appears when the socket listens; there is nothing else a client could be told by.
-        limit = time.monotonic() + 20
-        while not (self.support / "agent.json").exists():
-            if time.monotonic() > limit:
-                raise Wrong("sorvaned did not start.")
-            time.sleep(0.02)
 
     def _check_nothing_leaked(self, shown):
         for name, value in self.values.items():

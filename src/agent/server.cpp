@@ -222,6 +222,7 @@ std::variant<Caller, AgentResponse> AgentServer::authenticate(std::string_view t
       if (bySocket || std::holds_alternative<ApplicationAsController>(caller)) return controller;
     }
   }
+  if (settings_.agentsHeldBack) return AgentResponse::refused(std::string(kNotRunning));
   const auto grants = grants_.current();
   if (const auto* forGrant = std::get_if<ApplicationForGrant>(&caller)) {
     for (const ClientGrant& grant : *grants) {

@@ -47,6 +47,9 @@ class AgentServer {
     std::filesystem::path supportFolder;
     /// How often the endpoint's files are looked at; zero: never.
     std::chrono::milliseconds watchEvery{2000};
+    /// Agents are told that there is no vault; the owner's own command line is served. For a vault whose lock was
+    /// reset.
+    bool agentsHeldBack = false;
   };
   struct Ports {
     base::Files& files;

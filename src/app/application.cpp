@@ -1,13 +1,14 @@
 #include "app/application.h"
 
-#include <unistd.h>
-
 #include <cstdlib>
+#include <utility>
 
 #include "base/diagnostics.h"
 #include "base/support_folder.h"
 #include "base/system.h"
 #include "base/temporary_files.h"
+#include "platform/linux/managed_settings.h"
+#include "platform/linux/owner_hardware.h"
 
 namespace sorvane::app {
 namespace {
@@ -16,112 +17,156 @@ constexpr std::string_view kMemoryMayBeSwapped =
     "The system does not let sorvaned lock its memory, so keys could reach the swap space. Raise the limit of locked "
     "memory (ulimit -l) and restart sorvaned.";
 constexpr std::string_view kNobodyAnswers =
-    "sorvaned runs without a terminal, so every request that needs the owner is denied. Run it in a terminal to answer "
-    "there.";
+    "sorvaned runs without a terminal, so every request that needs the owner is put to the system's owner check, and "
+    "denied where there is none. Run it in a terminal to answer there.";
 
-agent::ApplicationState stateOf(const Application::Setting& setting, bool hasApprover) {
-  agent::ApplicationState state;
-  state.version = SORVANE_VERSION;
-  state.supportFolder = setting.supportFolder.string();
-  state.approver = hasApprover ? "the terminal that sorvaned runs on" : "nobody";
-  state.capabilities.assign(agent::kCapabilities.begin(), agent::kCapabilities.end());
-  if (!hasApprover) state.notices.emplace_back(kNobodyAnswers);
-  if (!setting.memoryIsLocked) state.notices.emplace_back(kMemoryMayBeSwapped);
-  return state;
+std::string sessionId() {
+  const char* const id = std::getenv("XDG_SESSION_ID");
+  return id == nullptr ? std::string() : std::string(id);
 }
 
-/// The store in use, which nothing locks yet.
-vault::MovableStore& opened(Stores& stores) {
-  stores.open();
-  return stores.inUse();
+platform::OwnerCheck::Ports presencePorts(agent::TerminalApprover* approver) {
+  platform::OwnerCheck::Ports ports;
+  if (approver != nullptr) {
+    ports.takeTerminal = [approver](const std::stop_token& withdrawn) { return approver->takeTurn(withdrawn); };
+  }
+  return ports;
 }
 
-std::string homeFolder() {
-  const char* const home = std::getenv("HOME");
-  return home == nullptr ? std::string() : std::string(home);
-}
-
-clients::Connections::Setting connectionSetting(const Application::Setting& setting) {
-  clients::Connections::Setting connections;
-  connections.folders.home = homeFolder();
-  connections.folders.config = base::userConfigFolder();
-  const char* const codex = std::getenv("CODEX_HOME");
-  connections.folders.codex =
-      codex != nullptr && *codex == '/' ? std::filesystem::path(codex) : connections.folders.home / ".codex";
-  connections.supportFolder = setting.supportFolder;
-  connections.isUsualSupportFolder = setting.supportFolder == base::defaultSupportFolder();
-  const std::filesystem::path beside = base::programPath().parent_path() / "sorvane";
-  connections.program = ::access(beside.c_str(), X_OK) == 0 ? beside.string() : "sorvane";
-  return connections;
+std::function<void(pid_t)> askingFor(platform::OwnerCheck& presence) {
+  return [&presence](pid_t pid) {
+    const auto process = pid > 0 ? base::processInfo(pid) : std::nullopt;
+    presence.askFor(process ? std::optional(platform::Asking{*process, false}) : std::nullopt);
+  };
 }
 
 }  // namespace
 
-Application::Application(const Setting& setting, agent::ProcessHost& host, agent::ApprovalProvider* approver)
-    : lock_(setting.supportFolder / base::kLockName),
+class Application::Approver final : public agent::ApprovalProvider {
+ public:
+  Approver(agent::TerminalApprover& terminal, TrustedSession& trusted) : terminal_(terminal), trusted_(trusted) {}
+
+  std::optional<bool> ask(const agent::OwnerApprovalPrompt& prompt, const agent::ApprovalContext& context) override {
+    const auto answer = terminal_.ask(prompt, context);
+    if (answer) trusted_.noteOwner();
+    return answer;
+  }
+
+ private:
+  agent::TerminalApprover& terminal_;
+  TrustedSession& trusted_;
+};
+
+Application::Application(const Setting& setting, agent::ProcessHost& host, agent::TerminalApprover* approver)
+    : setting_(setting),
+      host_(host),
+      hasTerminal_(approver != nullptr),
+      lockFile_(setting.supportFolder / base::kLockName),
       stores_(setting.supportFolder, files_, setting.store),
-      vault_(setting.supportFolder / base::kVaultName, {files_, opened(stores_), clock_, sessions_}),
-      proxy_({setting.supportFolder, files_, stores_.inUse(), vault_, clock_, notifier_, approver, {}}),
-      grants_(setting.supportFolder / base::kGrantsName, files_, vault_),
-      policy_(vault_),
-      connections_(connectionSetting(setting), files_, vault_.settings()),
-      actions_(stateOf(setting, approver != nullptr), stores_, connections_, proxy_),
-      jobs_(clock_),
-      ownerActions_({vault_, grants_, policy_, jobs_, clipboard_, copied_, sessions_, actions_, clock_, &proxy_}),
-      runner_(host),
-      keyFiles_(setting.supportFolder / base::kKeyFilesName, files_, clock_, runner_,
-                agent::minimumEnvironment(environ)),
-      server_({setting.supportFolder}, {files_,
-                                        {vault_,
-                                         grants_,
-                                         ownerActions_,
-                                         runner_,
-                                         notifier_,
-                                         sessions_,
-                                         keyFiles_,
-                                         clipboard_,
-                                         copied_,
-                                         clock_,
-                                         agent::minimumEnvironment(environ),
-                                         homeFolder(),
-                                         setting.supportFolder,
-                                         {},
-                                         &proxy_.broker()},
-                                        {approver,
-                                         ownerPrompt_,
-                                         [this] { return policy_.current().approval; },
-                                         [this] { return policy_.current().approver; },
-                                         {},
-                                         clock_}}) {
+      session_({.sessionId = sessionId()}),
+      presence_(presencePorts(approver)),
+      // The terminal was asked before, and nobody answered there.
+      approvalPresence_(presencePorts(nullptr)),
+      ownerPrompt_({approvalPresence_, askingFor(approvalPresence_), [this] { trusted_.noteOwner(); }}),
+      approver_(approver == nullptr ? nullptr : std::make_unique<Approver>(*approver, trusted_)),
+      screen_(approver == nullptr
+                  ? nullptr
+                  : std::make_unique<LockScreen>(*approver, [this] { return lock_.isAskedOnTerminal(); })),
+      wasNew_(stores_.isNew()),
+      lock_(lockPorts()),
+      ownerServer_(setting.supportFolder, {files_, lock_}) {
   base::removeTemporaryFiles(files_, setting.supportFolder);
   if (!setting.memoryIsLocked) base::diagnose("app", kMemoryMayBeSwapped);
-  if (approver == nullptr) base::diagnose("app", kNobodyAnswers);
-  if (const auto failure = vault_.storageFailure()) {
-    base::diagnose("app", *failure);
+  if (!hasTerminal_) base::diagnose("app", kNobodyAnswers);
+}
+
+Application::~Application() {
+  ownerServer_.stop();
+  if (screen_) screen_->stop();
+  lock_.stop();
+}
+
+VaultLock::Ports Application::lockPorts() {
+  return {
+      .supportFolder = setting_.supportFolder,
+      .stores = stores_,
+      .clock = clock_,
+      .trusted = trusted_,
+      .presence = presence_,
+      .askFor =
+          [this](const agent::LockCaller& caller) {
+            const auto process = caller.peer > 0 ? base::processInfo(caller.peer) : std::nullopt;
+            presence_.askFor(process ? std::optional(platform::Asking{*process, caller.answersItself}) : std::nullopt);
+          },
+      .ownTerminal = screen_.get(),
+      .signals = session_,
+      .managedFollowsSession =
+          [] {
+            return platform::managedFollowsSession(
+                platform::kManagedSettings, [](const std::string& sentence) { base::diagnose("unlock", sentence); });
+          },
+      .hardware = platform::ownerHardware,
+      .open = [this](bool afterReset) { open(afterReset); },
+      .close = [this] { close(); },
+      .onChange =
+          [this] {
+            if (screen_) screen_->wake();
+          },
+      .isNew = wasNew_,
+  };
+}
+
+agent::ApplicationState Application::state() const {
+  agent::ApplicationState state;
+  state.version = SORVANE_VERSION;
+  state.supportFolder = setting_.supportFolder.string();
+  state.approver = hasTerminal_ ? "the terminal that sorvaned runs on" : "the system's owner check";
+  state.capabilities.assign(agent::kCapabilities.begin(), agent::kCapabilities.end());
+  if (!hasTerminal_) state.notices.emplace_back(kNobodyAnswers);
+  if (!setting_.memoryIsLocked) state.notices.emplace_back(kMemoryMayBeSwapped);
+  return state;
+}
+
+OpenVault::Ports Application::vaultPorts(bool afterReset) {
+  return {.supportFolder = setting_.supportFolder,
+          .files = files_,
+          .clock = clock_,
+          .stores = stores_,
+          .host = host_,
+          .notifier = notifier_,
+          .approver = approver_.get(),
+          .ownerPrompt = ownerPrompt_,
+          .trustedSession = [this] { return trusted_.holds(); },
+          .agentsHeldBack = afterReset,
+          .state = state()};
+}
+
+void Application::open(bool afterReset) {
+  stores_.open();
+  vault_ = std::make_unique<OpenVault>(vaultPorts(afterReset));
+  if (vault_->start()) {
+    base::diagnose("app", "the vault is open");
   } else {
-    stores_.opened();
+    base::diagnose("app",
+                   "the agents' socket could not be opened, so nothing is served. Check that the support folder "
+                   "can be written to and that its disk has room.");
   }
 }
 
+void Application::close() {
+  vault_.reset();
+  stores_.close();
+  base::diagnose("app", "the vault is locked");
+}
+
 bool Application::start() {
-  if (!server_.start()) return false;
-  proxy_.start([this] { server_.republish(); },
-               [this] {
-                 const agent::Approver whose = policy_.current().approver;
-                 return whose == agent::Approver::any || whose == agent::Approver::terminal;
-               });
-  if (stores_.record().leaving && !vault_.storageFailure()) {
-    jobs_.start("storeMove", [this](const agent::Jobs::Step&) {
-      try {
-        stores_.finishMove();
-      } catch (const base::Error& error) {
-        base::diagnose("app", error.sentence());
-        throw;
-      }
-      return std::optional<std::string>();
-    });
-  }
+  if (!ownerServer_.start()) return false;
+  lock_.start();
   return true;
+}
+
+void Application::showLock() {
+  if (screen_) screen_->start(lock_, wasNew_);
 }
 
 }  // namespace sorvane::app

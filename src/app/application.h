@@ -4,35 +4,29 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
-#include "agent/approval.h"
-#include "agent/approval_policy.h"
-#include "agent/command_runner.h"
-#include "agent/copied_value.h"
-#include "agent/grant_store.h"
-#include "agent/jobs.h"
-#include "agent/key_env_files.h"
-#include "agent/owner_action_handlers.h"
+#include "agent/owner_server.h"
 #include "agent/process_host.h"
-#include "agent/server.h"
-#include "agent/task_sessions.h"
-#include "app/application_actions.h"
-#include "app/local_proxy.h"
-#include "app/options.h"
+#include "agent/terminal_approver.h"
+#include "app/lock_screen.h"
+#include "app/open_vault.h"
+#include "app/presence_prompt.h"
 #include "app/stores.h"
+#include "app/trusted_session.h"
+#include "app/vault_lock.h"
 #include "base/clock.h"
 #include "base/files.h"
 #include "base/lock_file.h"
-#include "platform/linux/absent_owner_prompt.h"
-#include "platform/linux/clipboard.h"
+#include "platform/linux/login_session.h"
 #include "platform/linux/notifier.h"
-#include "vault/vault.h"
+#include "platform/linux/owner_check.h"
 
 namespace sorvane::app {
 
-/// Application is everything that runs in `sorvaned`, built in the order of its members and taken down the other way.
-/// The constructor opens the vault of the support folder and throws base::Error when the folder or the choice of store
-/// does not allow that; a vault that does not open is said on standard error and served as such.
+/// Application is everything that runs in `sorvaned`, built in the order of its members and taken down the other way:
+/// the lock of the vault and what reaches it live from start to end, the vault itself only while it is open. The
+/// constructor throws base::Error when the folder or the choice of store does not allow it.
 class Application {
  public:
   struct Setting {
@@ -41,48 +35,54 @@ class Application {
     bool memoryIsLocked = true;
   };
   /// `host` and `approver` must outlive the application; `approver` is nullptr without a terminal.
-  Application(const Setting& setting, agent::ProcessHost& host, agent::ApprovalProvider* approver);
+  Application(const Setting& setting, agent::ProcessHost& host, agent::TerminalApprover* approver);
+  ~Application();
   Application(const Application&) = delete;
   Application& operator=(const Application&) = delete;
-  ~Application() {
-    server_.stop();
-    proxy_.stop();
-    sessions_.close();
-  }
 
-  /// Opens the endpoint; false when that failed, with the reason on standard error.
+  /// Opens the owner's socket, and the vault where nothing keeps it locked; false when the socket could not be opened,
+  /// with the reason on standard error.
   bool start();
+  /// Shows the lock on the terminal, where there is one.
+  void showLock();
 
  private:
+  /// The terminal's approver, which shows that the owner is there.
+  class Approver;
+
+  void open(bool afterReset);
+  void close();
+  agent::ApplicationState state() const;
+  OpenVault::Ports vaultPorts(bool afterReset);
+  VaultLock::Ports lockPorts();
+
+  // Constant after construction.
+  const Setting setting_;
+  agent::ProcessHost& host_;
+  const bool hasTerminal_;
+
   // The support folder.
   base::SystemFiles files_;
   base::SystemClock clock_;
-  base::LockFile lock_;
-
-  // The vault.
+  base::LockFile lockFile_;
   Stores stores_;
-  agent::TaskSessions sessions_{clock_};
-  vault::Vault vault_;
 
-  // The local model proxy.
+  // The owner.
   platform::FreedesktopNotifier notifier_;
-  LocalProxy proxy_;
+  TrustedSession trusted_{clock_};
+  platform::LoginSession session_;
+  platform::OwnerCheck presence_, approvalPresence_;
+  PresencePrompt ownerPrompt_;
+  const std::unique_ptr<Approver> approver_;
 
-  // Who may ask, and what the owner may do.
-  agent::GrantStore grants_;
-  agent::ApprovalPolicy policy_;
-  platform::SystemClipboard clipboard_;
-  agent::CopiedValue copied_{clipboard_};
-  clients::Connections connections_;
-  ApplicationActions actions_;
-  agent::Jobs jobs_;
-  agent::OwnerActionHandlers ownerActions_;
+  // What exists while the vault is open. Of the lock's thread.
+  std::unique_ptr<OpenVault> vault_;
 
-  // The endpoint.
-  platform::AbsentOwnerPrompt ownerPrompt_;
-  agent::CommandRunner runner_;
-  agent::KeyEnvFiles keyFiles_;
-  agent::AgentServer server_;
+  // The lock.
+  std::unique_ptr<LockScreen> screen_;
+  const bool wasNew_;  ///< at the start: no vault was ever opened here
+  VaultLock lock_;
+  agent::OwnerServer ownerServer_;
 };
 
 }  // namespace sorvane::app

@@ -8,12 +8,6 @@ namespace {
 
 using vault::StoreKind;
 
-constexpr std::string_view kUnprotected =
-    "No passphrase is set, so any program that runs as this user could read the values.";
-constexpr std::string_view kKeyringUnlocked =
-    "The values lie in the desktop's keyring. While it is unlocked, any program that runs as this user could ask it "
-    "for them.";
-
 StoreKind storeNamed(const std::string& name) {
   const auto kind = vault::storeKindOf(name);
   if (!kind) throw vault::StoreMoveError("Choose embedded or secret-service as the store. Nothing was moved.");
@@ -41,7 +35,7 @@ agent::StoreState ApplicationActions::store() {
   const StoreKind kind = stores_.record().kind;
   agent::StoreState state;
   state.kind = word(kind);
-  state.note = kind == StoreKind::embedded ? kUnprotected : kKeyringUnlocked;
+  state.note = stores_.protectionInWords();
   state.moving = stores_.inUse().isClosed();
   return state;
 }

@@ -9,6 +9,7 @@
 
 #include "agent/terminal_approver.h"
 #include "app/application.h"
+#include "app/options.h"
 #include "base/diagnostics.h"
 #include "base/support_folder.h"
 #include "base/system.h"
@@ -58,6 +59,7 @@ int run(const app::Options& options) {
   }
   base::diagnose("app", "ready, support folder " + folder.string());
   platform::tellServiceManager("READY=1");
+  application.showLock();
   int number = 0;
   while (::sigwait(&stopSignals, &number) != 0) {
   }

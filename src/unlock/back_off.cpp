@@ -31,7 +31,9 @@ std::optional<base::Date> BackOff::waitsUntil(const UnlockConfiguration& configu
   }
   if (since_) remaining = std::max(remaining, nanoseconds(*since_ + delay - instant));
   if (remaining <= nanoseconds::zero()) return std::nullopt;
-  return std::chrono::ceil<seconds>(now + std::chrono::ceil<std::chrono::system_clock::duration>(remaining));
+  // Dates are whole seconds; the rounding must not make the wait longer than the delay.
+  return std::min(std::chrono::ceil<seconds>(now + std::chrono::ceil<std::chrono::system_clock::duration>(remaining)),
+                  std::chrono::floor<seconds>(now) + std::chrono::duration_cast<seconds>(delay));
 }
 
 void BackOff::noteFailure(UnlockConfiguration& configuration) {

@@ -20,6 +20,7 @@ PROGRAMS = pathlib.Path(os.environ.get("SORVANE_PROGRAMS", "build/dev-release"))
 NOBODY = 65534  # an ordinary user with no files of its own
 # Made up, and of a kind that no sentence of the system holds by chance.
 VALUE = "made-up-4fT9zLq81-value"
+PASSPHRASE = "made-up passphrase of a test"
 
 
 def words_of(text):
@@ -106,9 +107,27 @@ class House(unittest.TestCase):
         return Terminal(as_user(self.user, command), self.environment())
 
     def open(self):
+        """Starts sorvaned and opens its vault: the first time its passphrase is set, as its terminal offers."""
         self.owner = self.start()
-        self.owner.wait_for(r"\[app\] ready")
+        self.unlock()
         return self
+
+    def unlock(self, passphrase=PASSPHRASE):
+        """Types the passphrase where the terminal asks for it, and waits until the vault is served."""
+        if "New" in self.owner.wait_for(r"^(New passphrase|Passphrase)[^:\n]*: "):
+            self.owner.type(passphrase + "\n")
+            self.owner.wait_for("^The same again: ")
+        self.owner.type(passphrase + "\n")
+        self.owner.wait_for(r"\[app\] the vault is open")
+
+    def unlock_by_command(self, passphrase=PASSPHRASE):
+        """As where there is no terminal: the passphrase comes from a program."""
+        asker = self.folder / "askpass"
+        asker.write_text(f"#!/bin/sh\nprintf '%s\\n' '{passphrase}'\n")
+        asker.chmod(0o700)
+        return subprocess.run([str(PROGRAMS / "sorvane"), "--support-dir", str(self.support), "unlock"], timeout=60,
+                              stdin=subprocess.DEVNULL, capture_output=True, text=True, start_new_session=True,
+                              env=self.environment() | {"SORVANE_ASKPASS": str(asker)})
 
     def close(self, number=signal.SIGTERM):
         owner, self.owner = self.owner, None

@@ -65,6 +65,7 @@ class Instance(House):
         self.assertEqual(revealed.answer()["value"], VALUE)
 
     def test_withoutATerminalWhatNeedsTheOwnerIsDeniedWithTheReason(self):
+        self.open().close()
         errors = self.folder / "errors"
         with open(errors, "wb") as stream:
             process = subprocess.Popen([str(self.program), "--support-dir", str(self.support)], stdin=subprocess.DEVNULL,
@@ -72,6 +73,8 @@ class Instance(House):
         self.addCleanup(process.wait)
         self.addCleanup(process.terminate)
         wait_until(lambda: "[app] ready" in errors.read_text(), "sorvaned is ready")
+        done = self.unlock_by_command()
+        self.assertEqual(done.returncode, 0, done.stderr)
         self.assertTrue(self.act("secretAdd", name="one", value=VALUE)["ok"])
         answer = self.ask("manageVault", payload={"action": "secretReveal", "name": "one"}).answer()
         self.assertEqual((answer["ok"], answer["error"]), (False, "approval denied"))
@@ -190,7 +193,7 @@ class OrdinaryUser(House):
             process.returncode = 0  # what the wait below finds
             wait_until(lambda: name_of(process.pid) == pathlib.Path(command[0]).name, "it runs")
             if command[0] == str(self.program):
-                wait_until((self.support / "agent.json").exists, "sorvaned is ready")
+                wait_until((self.support / "owner.sock").exists, "sorvaned is ready")
             os.kill(process.pid, signal.SIGABRT)
             status = os.waitpid(process.pid, 0)[1]
             self.assertEqual(os.WTERMSIG(status), signal.SIGABRT)
@@ -236,7 +239,7 @@ class OrdinaryUser(House):
                                    env=self.environment())
         self.addCleanup(process.wait)
         self.addCleanup(process.terminate)
-        wait_until((self.support / "agent.json").exists, "sorvaned is ready")
+        wait_until((self.support / "owner.sock").exists, "sorvaned is ready")
         for number in range(3):
             self.assertEqual(os.readlink(f"/proc/{process.pid}/fd/{number}"), "/dev/null")
 

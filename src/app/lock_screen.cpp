@@ -1,0 +1,212 @@
+#include "app/lock_screen.h"
+
+#include <poll.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <cstdint>
+#include <utility>
+
+#include "base/diagnostics.h"
+#include "base/unicode.h"
+
+namespace sorvane::app {
+
+using agent::LockOutcome;
+using agent::LockReport;
+using platform::TerminalPrompt;
+using Echo = TerminalPrompt::Echo;
+
+namespace {
+
+constexpr std::string_view kOffer =
+    "Without a passphrase any program that runs as this user can read the values that sorvane keeps. With one they lie "
+    "sealed, and sorvane asks for it when it starts and after it was locked. It cannot be recovered: without it, only "
+    "a "
+    "backup brings the values back.";
+constexpr std::string_view kOfferSkipped =
+    "No passphrase was set, so nothing is sealed. Set one at any time with `sorvane passphrase set`.";
+constexpr std::string_view kReset = "Type reset and Enter to put fresh settings in their place: ";
+// No prompt stands for ever: after this long it is shown again.
+constexpr std::chrono::hours kPatience{12};
+
+agent::LockCaller here(const std::stop_token& stop) {
+  return {.peer = 0, .isOwnTerminal = true, .gone = stop};
+}
+
+}  // namespace
+
+void LockScreen::start(agent::OwnerLock& lock, bool isNew) {
+  lock_ = &lock;
+  offers_ = isNew;
+  changed_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  thread_ = std::jthread([this](const std::stop_token& stop) {
+    try {
+      run(stop);
+    } catch (const std::exception& error) {
+      base::diagnose("app", std::string("the lock screen on the terminal ended: ") + error.what());
+    }
+  });
+}
+
+void LockScreen::stop() {
+  if (!thread_.joinable()) return;
+  thread_.request_stop();
+  withdraw();
+  wake();
+  thread_.join();
+}
+
+void LockScreen::wake() {
+  const std::uint64_t one = 1;
+  if (changed_) [[maybe_unused]]
+    const auto written = ::write(changed_.get(), &one, sizeof one);
+}
+
+std::optional<std::string> LockScreen::unavailable() {
+  if (terminal_.isThere()) return std::nullopt;
+  return "The terminal that sorvaned was started on is gone, so nobody can answer there. Nothing was changed. Start "
+         "sorvaned again in a terminal.";
+}
+
+void LockScreen::ask(Check, const std::string& reason, Reply reply) {
+  // Who typed it here has answered already.
+  if (isAskedHere_()) return reply(Granted{});
+  {
+    const base::Lock lock(mutex_);
+    question_ = Question{reason, std::move(reply), std::stop_source()};
+  }
+  wake();
+}
+
+void LockScreen::withdraw() {
+  std::optional<Question> dropped;
+  {
+    const base::Lock lock(mutex_);
+    dropped = std::exchange(question_, std::nullopt);
+    standing_.request_stop();
+  }
+  if (dropped) dropped->reply(Cancelled{});
+}
+
+std::optional<LockScreen::Question> LockScreen::takeQuestion() {
+  const base::Lock lock(mutex_);
+  auto question = std::exchange(question_, std::nullopt);
+  if (question) standing_ = question->withdrawn;
+  return question;
+}
+
+void LockScreen::put(const Question& question) {
+  agent::OwnerApprovalPrompt prompt;
+  prompt.reason = question.reason;
+  agent::ApprovalContext context;
+  context.label = "Terminal";
+  context.isController = true;
+  context.withdrawn = question.withdrawn.get_token();
+  const auto answer = approver_.ask(prompt, context);
+  answer.value_or(false) ? question.reply(Granted{}) : question.reply(Cancelled{});
+}
+
+void LockScreen::run(const std::stop_token& stop) {
+  while (!stop.stop_requested() && terminal_.isThere()) {
+    std::uint64_t changes = 0;
+    [[maybe_unused]] const auto got = ::read(changed_.get(), &changes, sizeof changes);
+    if (const auto question = takeQuestion()) {
+      put(*question);
+      continue;
+    }
+    show(stop);
+  }
+}
+
+void LockScreen::show(const std::stop_token& stop) {
+  const LockReport report = lock_->report();
+  if (report.isUnlocked || report.isAsking) {
+    said_.clear();
+    return rest(stop);
+  }
+  const bool canSet = report.requirement == "off" && !report.hasPassphrase && report.prompt != "reset";
+  if (canSet && (std::exchange(offers_, false) || report.systemCheckUnavailable)) return offerPassphrase(report, stop);
+  if (report.prompt == "passphrase") return showPassphrase(report, stop);
+  if (report.prompt == "system") return showSystem(report, stop);
+  if (report.prompt == "reset") return showReset(report, stop);
+  say(report.sentence);
+  rest(stop);
+}
+
+void LockScreen::showPassphrase(const LockReport& report, const std::stop_token& stop) {
+  say(report.sentence);
+  auto typed = read("Passphrase: ", Echo::no, stop);
+  if (typed) tell(lock_->unlockWithPassphrase(*std::move(typed), here(stop)));
+}
+
+void LockScreen::showSystem(const LockReport& report, const std::stop_token& stop) {
+  say(report.sentence);
+  const auto typed = read("Press Enter to unlock, or type p and Enter for your login password: ", Echo::yes, stop);
+  if (!typed) return;
+  const auto method = typed->view() == "p" ? agent::OwnerLock::Method::password : agent::OwnerLock::Method::first;
+  tell(lock_->unlockWithSystem(method, here(stop)));
+}
+
+void LockScreen::showReset(const LockReport& report, const std::stop_token& stop) {
+  say(report.sentence);
+  const auto typed = read(kReset, Echo::yes, stop);
+  if (typed && typed->view() == "reset") tell(lock_->reset(here(stop)));
+}
+
+void LockScreen::offerPassphrase(const LockReport& report, const std::stop_token& stop) {
+  const bool isOnlyWay = report.systemCheckUnavailable.has_value();
+  say(isOnlyWay ? *report.systemCheckUnavailable + " " + std::string(kOffer) : std::string(kOffer));
+  auto first = read(isOnlyWay ? "New passphrase: " : "New passphrase, or Enter for none: ", Echo::no, stop);
+  if (!first) return;
+  if (first->empty() && !isOnlyWay) return say(std::string(kOfferSkipped));
+  auto again = read("The same again: ", Echo::no, stop);
+  if (!again) return;
+  base::SecretText passphrase = first->clone();
+  const LockOutcome set =
+      lock_->setPassphrase({.text = *std::move(first), .confirmation = *std::move(again)}, "only", here(stop));
+  if (set.kind != LockOutcome::Kind::done) {
+    offers_ = true;
+    return tell(set);
+  }
+  tell(lock_->unlockWithPassphrase(std::move(passphrase), here(stop)));
+}
+
+std::optional<base::SecretText> LockScreen::read(std::string_view prompt, Echo echo, const std::stop_token& stop) {
+  const auto turn = approver_.takeTurn(stop);
+  if (!turn) return std::nullopt;
+  const auto deadline = std::chrono::steady_clock::now() + kPatience;
+  auto line = terminal_.read(prompt, echo, deadline, changed_.get());
+  if (line || stop.stop_requested() || std::chrono::steady_clock::now() >= deadline) return line;
+  pollfd changed{changed_.get(), POLLIN, 0};
+  const bool hasChanged = ::poll(&changed, 1, 0) > 0;
+  // In raw mode the terminal sends no signal of its own.
+  if (!hasChanged && terminal_.isThere()) {
+    ::kill(::getpid(), SIGINT);
+    rest(stop);
+  }
+  return std::nullopt;
+}
+
+void LockScreen::say(const std::string& text) {
+  if (said_ == text) return;
+  said_ = text;
+  const auto turn = approver_.takeTurn(std::stop_token());
+  terminal_.show("\r\n" + base::escapedForDisplay(text) + "\r\n");
+}
+
+void LockScreen::tell(const LockOutcome& outcome) {
+  if (outcome.kind == LockOutcome::Kind::refused) said_.clear();
+  if (!outcome.sentence.empty()) say(outcome.sentence);
+}
+
+void LockScreen::rest(const std::stop_token& stop) {
+  pollfd changed{changed_.get(), POLLIN, 0};
+  while (!stop.stop_requested() && ::poll(&changed, 1, -1) < 0 && errno == EINTR) {
+  }
+}
+
+}  // namespace sorvane::app

@@ -1,0 +1,342 @@
+#include "app/vault_lock.h"
+
+#include <utility>
+#include <variant>
+
+#include "base/diagnostics.h"
+
+namespace sorvane::app {
+
+using agent::LockCaller;
+using agent::LockOutcome;
+using agent::LockReport;
+using unlock::LockManager;
+using unlock::UnlockError;
+using Case = UnlockError::Case;
+using Kind = LockOutcome::Kind;
+
+namespace {
+
+std::string_view word(Case kind) {
+  switch (kind) {
+    case Case::wait:
+      return "wait";
+    case Case::storage:
+      return "storage";
+    case Case::systemCheckFailed:
+      return "systemCheckFailed";
+    case Case::vaultLocked:
+      return "vaultLocked";
+    case Case::cancelled:
+      return "cancelled";
+    case Case::wrongPassphrase:
+      return "wrongPassphrase";
+    case Case::tooShort:
+      return "tooShort";
+    case Case::mismatch:
+      return "mismatch";
+    case Case::managed:
+      return "managed";
+    case Case::settingsMissing:
+      return "settingsMissing";
+    case Case::settingsDamaged:
+      return "settingsDamaged";
+    case Case::vaultKeyMismatch:
+      return "vaultKeyMismatch";
+  }
+  return "cancelled";
+}
+
+LockOutcome refused(const UnlockError& error) {
+  if (!error.cause().empty()) base::diagnose("unlock", error.cause());
+  return {Kind::refused, std::string(word(error.kind())), error.sentence()};
+}
+
+std::string methodInWords(const unlock::SystemUnlockMethod& method) {
+  struct Words {
+    std::string operator()(const unlock::BiometryMethod&) const { return "your fingerprint"; }
+    std::string operator()(const unlock::WatchMethod&) const { return "your watch"; }
+    std::string operator()(const unlock::PasswordMethod&) const { return "your login password"; }
+  };
+  return std::visit(Words{}, method);
+}
+
+std::string choicesInWords(const unlock::UnlockChoices& choices) {
+  std::string words = "sorvane opens with " + methodInWords(choices.primary);
+  if (choices.watchAlsoWorks) words += " or your watch";
+  if (choices.offersPassword) words += ", or with your login password";
+  return words + ".";
+}
+
+/// The prompt as the report names it, and what it says.
+void describe(LockReport& report, const LockManager::Prompt& prompt) {
+  struct Words {
+    LockReport& report;
+    void operator()(const LockManager::SystemPrompt& system) const {
+      report.prompt = "system";
+      report.sentence = choicesInWords(system.choices);
+    }
+    void operator()(const LockManager::UnavailablePrompt& unavailable) const {
+      report.prompt = "unavailable";
+      report.sentence = unavailable.sentence;
+    }
+    void operator()(const LockManager::ResetPrompt& reset) const {
+      report.prompt = "reset";
+      report.sentence = reset.cause;
+    }
+    void operator()(const LockManager::PassphrasePrompt&) const {
+      report.prompt = "passphrase";
+      report.sentence = "sorvane opens with its passphrase.";
+    }
+  };
+  std::visit(Words{report}, prompt);
+}
+
+LockManager::NewPassphrase typed(agent::TypedPassphrase passphrase) {
+  return {std::move(passphrase.text), std::move(passphrase.confirmation)};
+}
+
+/// A function that is copied must hold what cannot be.
+template <typename T>
+std::shared_ptr<T> held(T value) {
+  return std::make_shared<T>(std::move(value));
+}
+
+}  // namespace
+
+/// The session's signals, seen on their way to the lock manager: a session that goes away vouches for nobody, whether
+/// the vault follows it or not.
+class VaultLock::Watched final : public unlock::SessionSignals {
+ public:
+  explicit Watched(VaultLock& lock) : lock_(lock) {}
+
+  std::optional<unlock::SessionState> observe(Observer observer) override {
+    return lock_.ports_.signals.observe([this, observer = std::move(observer)](const auto& state, const Hold& hold) {
+      if (!state.available()) lock_.ports_.trusted.end();
+      observer(state, hold);
+      lock_.main_.post([this] { lock_.announce(); });
+    });
+  }
+
+ private:
+  VaultLock& lock_;
+};
+
+/// The system's check. For the first passphrase of a new vault nobody is asked who typed it on the own terminal.
+class VaultLock::Presence final : public unlock::OwnerPresence {
+ public:
+  explicit Presence(VaultLock& lock) : lock_(lock) {}
+
+  std::optional<std::string> unavailable() override { return system().unavailable(); }
+  void ask(Check check, const std::string& reason, Reply reply) override {
+    if (lock_.isNew_ && lock_.isOnTerminal_ && reason == unlock::kSetReason) return reply(Granted{});
+    system().ask(check, reason, std::move(reply));
+  }
+  void withdraw() override { system().withdraw(); }
+
+ private:
+  unlock::OwnerPresence& system() { return lock_.ports_.presence; }
+
+  VaultLock& lock_;
+};
+
+VaultLock::VaultLock(Ports ports)
+    : ports_(std::move(ports)),
+      signals_(std::make_unique<Watched>(*this)),
+      presence_(std::make_unique<Presence>(*this)),
+      isNew_(ports_.isNew) {
+  main_.run([this] {
+    manager_ = std::make_unique<LockManager>(LockManager::Dependencies{
+        .hardware = ports_.hardware,
+        .presence = *presence_,
+        .store = ports_.stores.configuration(),
+        .gate = ports_.stores.gate(),
+        .managedFollowsSession = ports_.managedFollowsSession,
+        .signals = *signals_,
+        .now = ports_.clock,
+        .main = main_,
+        .work = work_,
+        .ownTerminal = ports_.ownTerminal,
+    });
+    manager_->onUnlockChange = [this](bool isUnlocked) { followed(isUnlocked); };
+  });
+}
+
+VaultLock::~VaultLock() {
+  main_.run([this] { manager_.reset(); });
+}
+
+void VaultLock::start() {
+  main_.run([this] {
+    manager_->start();
+    announce();
+  });
+}
+
+void VaultLock::stop() {
+  main_.run([this] { manager_->lock(); });
+}
+
+void VaultLock::followed(bool isUnlocked) {
+  if (isUnlocked) {
+    isNew_ = false;
+    if (manager_->openedBySystemCheck()) ports_.trusted.begin();
+    ports_.open(manager_->settings().resetCause().has_value());
+    return;
+  }
+  ports_.trusted.end();
+  ports_.close();
+}
+
+void VaultLock::announce() {
+  if (!manager_ || !ports_.onChange) return;
+  Screen now{manager_->isUnlocked(), manager_->state().phase == unlock::LockPhase::asking, manager_->prompt()};
+  if (screen_ == now) return;
+  screen_ = std::move(now);
+  ports_.onChange();
+}
+
+LockOutcome VaultLock::wait(const LockCaller& caller, std::function<void(const Reply& reply)> begin) {
+  struct Pending {
+    base::Mutex mutex;
+    base::Condition answered;
+    std::optional<LockOutcome> outcome GUARDED_BY(mutex);
+  };
+  const auto pending = std::make_shared<Pending>();
+  const Reply reply = [pending](LockOutcome outcome) {
+    const base::Lock lock(pending->mutex);
+    pending->outcome = std::move(outcome);
+    pending->answered.notify_all();
+  };
+  main_.post([this, caller, begin = std::move(begin), reply] {
+    ports_.askFor(caller);
+    isOnTerminal_ = caller.isOwnTerminal;
+    begin(reply);
+    announce();
+  });
+  std::optional<LockOutcome> outcome;
+  {
+    base::Lock lock(pending->mutex);
+    pending->answered.wait(lock.mutex(), caller.gone,
+                           [&]() REQUIRES(pending->mutex) { return pending->outcome.has_value(); });
+    outcome = std::move(pending->outcome);
+  }
+  if (!outcome) {
+    main_.post([this] {
+      if (manager_) manager_->giveUp();
+    });
+    outcome = refused(UnlockError(Case::cancelled));
+  }
+  main_.post([this] { announce(); });
+  return *std::move(outcome);
+}
+
+LockOutcome VaultLock::outcome(const LockManager::Outcome& outcome) {
+  if (const auto* const error = std::get_if<UnlockError>(&outcome)) return refused(*error);
+  return {std::holds_alternative<LockManager::Opened>(outcome) ? Kind::done : Kind::needsPassphrase, {}, {}};
+}
+
+LockOutcome VaultLock::outcome(const std::optional<UnlockError>& error) const {
+  return error ? refused(*error) : LockOutcome{};
+}
+
+LockReport VaultLock::report() {
+  LockReport report;
+  main_.run([&] { report = reportNow(); });
+  return report;
+}
+
+LockReport VaultLock::reportNow() {
+  LockReport report;
+  report.isUnlocked = manager_->isUnlocked();
+  describe(report, manager_->prompt());
+  if (report.isUnlocked) {
+    report.prompt = "open";
+    report.sentence = "sorvane is open.";
+  }
+  const unlock::UnlockSettings& settings = manager_->settings();
+  report.requirement = word(settings.configuration().requirement);
+  report.hasPassphrase = settings.configuration().passphrase.has_value();
+  report.followsSession = settings.followsSession();
+  report.isManaged = settings.managedFollowsSession().has_value();
+  report.heldLocked = manager_->state().heldLocked;
+  report.isAsking = manager_->state().phase == unlock::LockPhase::asking;
+  report.waitSeconds = manager_->waitSeconds();
+  report.store = word(ports_.stores.record().kind);
+  report.storeIsSealed = ports_.stores.isSealed();
+  report.systemCheckUnavailable = ports_.presence.unavailable();
+  report.notices.emplace_back(ports_.stores.protectionInWords());
+  if (settings.unsaved()) report.notices.emplace_back(UnlockError::storage({}).sentence());
+  if (settings.resetCause()) report.notices.emplace_back(unlock::kResetExplanation);
+  report.version = SORVANE_VERSION;
+  report.supportFolder = ports_.supportFolder.string();
+  return report;
+}
+
+LockOutcome VaultLock::unlockWithSystem(Method method, const LockCaller& caller) {
+  const auto button = method == Method::first ? LockManager::Button::primary : LockManager::Button::password;
+  return wait(caller, [this, button](const Reply& reply) {
+    manager_->unlockWithSystem(button, [this, reply](const auto& how) { reply(outcome(how)); });
+  });
+}
+
+LockOutcome VaultLock::unlockWithPassphrase(base::SecretText passphrase, const LockCaller& caller) {
+  return wait(caller, [this, text = held(std::move(passphrase))](const Reply& reply) {
+    manager_->unlockWithPassphrase(std::move(*text), [this, reply](const auto& how) { reply(outcome(how)); });
+  });
+}
+
+LockOutcome VaultLock::lock(Lock lock) {
+  return wait({}, [this, lock](const Reply& reply) {
+    lock == Lock::held ? manager_->holdLocked() : manager_->lock();
+    reply({});
+  });
+}
+
+LockOutcome VaultLock::setPassphrase(agent::TypedPassphrase passphrase, const std::string& requirement,
+                                     const LockCaller& caller) {
+  const auto wanted = unlock::passphraseRequirementOf(requirement).value_or(unlock::PassphraseRequirement::only);
+  return wait(caller, [this, wanted, text = held(std::move(passphrase))](const Reply& reply) {
+    manager_->setPassphrase(typed(std::move(*text)), wanted,
+                            [this, reply](const auto& error) { reply(outcome(error)); });
+  });
+}
+
+LockOutcome VaultLock::changePassphrase(base::SecretText current, agent::TypedPassphrase passphrase,
+                                        const LockCaller& caller) {
+  return wait(caller, [this, known = held(std::move(current)), text = held(std::move(passphrase))](const Reply& reply) {
+    manager_->changePassphrase(std::move(*known), typed(std::move(*text)),
+                               [this, reply](const auto& error) { reply(outcome(error)); });
+  });
+}
+
+LockOutcome VaultLock::removePassphrase(std::optional<base::SecretText> current, const LockCaller& caller) {
+  return wait(caller, [this, known = held(std::move(current))](const Reply& reply) {
+    manager_->removePassphrase(std::move(*known), [this, reply](const auto& error) { reply(outcome(error)); });
+  });
+}
+
+LockOutcome VaultLock::changeRequirement(const std::string& requirement, std::optional<base::SecretText> current,
+                                         const LockCaller& caller) {
+  const auto wanted = unlock::passphraseRequirementOf(requirement);
+  if (!wanted) return refused(UnlockError(Case::cancelled));
+  return wait(caller, [this, wanted, known = held(std::move(current))](const Reply& reply) {
+    manager_->changeRequirement(*wanted, std::move(*known),
+                                [this, reply](const auto& error) { reply(outcome(error)); });
+  });
+}
+
+LockOutcome VaultLock::changeFollowsSession(bool follows, std::optional<base::SecretText> current,
+                                            const LockCaller& caller) {
+  return wait(caller, [this, follows, known = held(std::move(current))](const Reply& reply) {
+    manager_->changeFollowsSession(follows, std::move(*known),
+                                   [this, reply](const auto& error) { reply(outcome(error)); });
+  });
+}
+
+LockOutcome VaultLock::reset(const LockCaller& caller) {
+  return wait(caller,
+              [this](const Reply& reply) { manager_->reset([this, reply](const auto& how) { reply(outcome(how)); }); });
+}
+
+}  // namespace sorvane::app
