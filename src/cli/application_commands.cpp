@@ -1,31 +1,10 @@
 #include <nlohmann/json.hpp>
 
-#include "base/unicode.h"
 #include "cli/commands.h"
 #include "cli/output.h"
 
 namespace sorvane::cli {
 namespace {
-
-int status(Session& session) {
-  const base::Json document = session.read("status");
-  if (session.options().json) return printJson(document), 0;
-  printLine("sorvaned " + cell(document, "version") + " serves the vault in " +
-            base::escapedForDisplay(cell(document, "supportFolder")) + ".");
-  if (document.value("vaultOpen", false)) {
-    printLine("It holds " + cell(document, "secrets") + " secrets and " + cell(document, "environments") +
-              " environments for " + cell(document, "agents") + " agent connections.");
-    const base::Json store = document.value("store", base::Json::object());
-    printLine("Values are kept in the " + cell(store, "kind") + " store. " + cell(store, "note"));
-    printLine("Approval policy: " + cell(document, "policy") + ". " + cell(document, "approver"));
-  } else {
-    printLine("The vault is closed: " + cell(document, "storageFailure"));
-  }
-  for (const base::Json& sentence : items(document, "notices")) {
-    printLine(base::escapedForDisplay(sentence.get<std::string>()));
-  }
-  return 0;
-}
 
 int agents(Session& session) {
   const base::Json document = session.read("agentList");
@@ -112,10 +91,6 @@ int showStore(Session& session) {
 }  // namespace
 
 void Commands::addApplication(CLI::App& app) {
-  app.add_subcommand("status", "What sorvaned serves, and what you should know about it")->callback([this] {
-    action = status;
-  });
-
   auto given = std::make_shared<Given>();
   CLI::App& policy =
       *app.add_subcommand("policy", "When agents' requests ask the owner: shows or sets it (setting asks)");

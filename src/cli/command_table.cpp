@@ -27,6 +27,8 @@ void addCommands(Commands& commands, CLI::App& app, int count, char** words) {
   for (const Group& group : kGroups) {
     if (count > 1 && std::strcmp(words[1], group.word) == 0) return (commands.*group.add)(app);
   }
+  commands.addStatus(app);
+  commands.addLock(app);
   commands.addApplication(app);
   for (const Group& group : kGroups) (commands.*group.add)(app);
 }

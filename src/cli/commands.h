@@ -32,7 +32,9 @@ struct Commands {
   void addProtect(CLI::App& app);
   void addUnprotect(CLI::App& app);
   void addProxy(CLI::App& app);
-  void addApplication(CLI::App& app);  ///< status, policy, settings, gc, store
+  void addStatus(CLI::App& app);
+  void addLock(CLI::App& app);         ///< unlock, lock, passphrase, require, follow-session
+  void addApplication(CLI::App& app);  ///< policy, settings, gc, store
   void addMcp(CLI::App& app);
   void addCompletion(CLI::App& app);
 };

@@ -41,6 +41,7 @@ int runProgram(int count, char** words) {
       "sorvane");
   app.footer(
       "First steps:\n"
+      "  sorvane passphrase set\n"
       "  sorvane secret add STRIPE_KEY\n"
       "  sorvane env create Development --folder ~/src/shop\n"
       "  sorvane env bind Development STRIPE_KEY STRIPE_KEY\n"

@@ -13,6 +13,7 @@
 #include "base/support_folder.h"
 #include "base/unicode.h"
 #include "cli/commands.h"
+#include "cli/lock_link.h"
 #include "cli/mcp_server.h"
 
 namespace sorvane::cli {
@@ -118,9 +119,15 @@ int runServer(Session& session, const std::string& grant) {
   settings.version = SORVANE_VERSION;
   settings.reveal = revealOffered();
   const auto exchange = [&folder, &token](agent::AgentRequest request, const std::stop_token& withdrawal) {
-    const std::string socket = socketIn(folder);
     request.token = token.clone();
-    return agent::exchange(socket, request, withdrawal);
+    try {
+      return agent::exchange(socketIn(folder), request, withdrawal);
+    } catch (const agent::ClientError& error) {
+      const bool gone = error.kind() == agent::ClientError::Case::unavailable;
+      const auto closed = gone ? whyClosed(folder) : std::nullopt;
+      if (!closed) throw;
+      return agent::AgentResponse::refused(closed->sentence, closed->code);
+    }
   };
   mcp::McpServer server(std::move(settings), exchange, writeLine);
   serve(server);

@@ -9,9 +9,8 @@
 #include <nlohmann/json.hpp>
 #include <thread>
 
-#include "agent/client.h"
 #include "base/json_writer.h"
-#include "base/support_folder.h"
+#include "cli/lock_link.h"
 
 namespace sorvane::cli {
 namespace {
@@ -66,6 +65,16 @@ void drawProgress(const base::Json& job) {
 
 }  // namespace
 
+Failure failureOf(const agent::ClientError& error) {
+  const bool gone = error.kind() == agent::ClientError::Case::unavailable;
+  return {gone ? kNotRunning : kFailed, gone ? "not_running" : "bad_answer", error.sentence()};
+}
+
+Failure failureOf(const base::SupportFolderError& error) {
+  const bool missing = error.sentence().starts_with("There is no support folder");
+  return {missing ? kNotRunning : kConfiguration, missing ? "not_running" : "support_folder", error.sentence()};
+}
+
 Failure notUnderstood() {
   return {kFailed, "bad_answer", "sorvaned sent an answer that this program does not understand."};
 }
@@ -103,11 +112,12 @@ agent::AgentResponse Session::send(agent::AgentRequest request, bool asks) {
     }
     return response;
   } catch (const agent::ClientError& error) {
+    // Without an agent socket it may be locked, which another socket tells.
     const bool gone = error.kind() == agent::ClientError::Case::unavailable;
-    throw Failure(gone ? kNotRunning : kFailed, gone ? "not_running" : "bad_answer", error.sentence());
+    const auto closed = gone ? whyClosed(base::supportFolder(options_.supportFolder)) : std::nullopt;
+    throw closed ? Failure(kTryLater, closed->code, closed->sentence) : failureOf(error);
   } catch (const base::SupportFolderError& error) {
-    const bool missing = error.sentence().starts_with("There is no support folder");
-    throw Failure(missing ? kNotRunning : kConfiguration, missing ? "not_running" : "support_folder", error.sentence());
+    throw failureOf(error);
   }
 }
 

@@ -6,9 +6,11 @@
 #include <string_view>
 #include <vector>
 
+#include "agent/client.h"
 #include "agent/protocol.h"
 #include "base/error.h"
 #include "base/json.h"
+#include "base/support_folder.h"
 
 namespace sorvane::cli {
 
@@ -32,6 +34,10 @@ class Failure : public base::Error {
   int exitCode_;
   std::string code_;
 };
+
+/// The failures of a conversation that did not come about.
+Failure failureOf(const agent::ClientError& error);
+Failure failureOf(const base::SupportFolderError& error);
 
 /// The failure for an answer that lacks what it must hold.
 Failure notUnderstood();

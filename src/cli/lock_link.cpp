@@ -1,0 +1,108 @@
+#include "cli/lock_link.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <array>
+#include <string_view>
+
+#include "agent/client.h"
+#include "base/support_folder.h"
+#include "cli/output.h"
+
+namespace sorvane::cli {
+namespace {
+
+using agent::LockOutcome;
+
+constexpr char kLocked[] =
+    "sorvane is locked, so nothing was shared. Its owner opens it with sorvane unlock. Then try again.";
+constexpr char kOpening[] = "sorvane is just opening or closing, so nothing was shared. Try again in a moment.";
+
+struct CodeExit {
+  std::string_view code;
+  int exitCode;
+};
+// Refusals that end with another code than kFailed.
+constexpr std::array kExits{CodeExit{"wait", kTryLater},
+                            CodeExit{"busy", kTryLater},
+                            CodeExit{"vaultLocked", kTryLater},
+                            CodeExit{"wrongPassphrase", kDenied},
+                            CodeExit{"cancelled", kDenied},
+                            CodeExit{"systemCheckFailed", kDenied},
+                            CodeExit{"managed", kDenied},
+                            CodeExit{"tooShort", kUsage},
+                            CodeExit{"mismatch", kUsage},
+                            CodeExit{"settingsMissing", kConfiguration},
+                            CodeExit{"settingsDamaged", kConfiguration},
+                            CodeExit{"vaultKeyMismatch", kConfiguration}};
+
+int exitCodeOf(std::string_view code) {
+  const auto known =
+      std::find_if(kExits.begin(), kExits.end(), [&](const CodeExit& exit) { return exit.code == code; });
+  return known == kExits.end() ? kFailed : known->exitCode;
+}
+
+/// "wrongPassphrase" as the codes of this program are written: "wrong_passphrase".
+std::string snakeCase(std::string_view word) {
+  std::string text;
+  for (const char c : word) {
+    if (c >= 'A' && c <= 'Z') text += '_';
+    text += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
+  }
+  return text;
+}
+
+}  // namespace
+
+std::optional<agent::LockReport> lockReportOf(const std::filesystem::path& supportFolder) {
+  try {
+    return agent::askOwner(supportFolder, {}, {}).status;
+  } catch (const agent::ClientError&) {
+    return std::nullopt;
+  }
+}
+
+std::optional<Closed> whyClosed(const std::filesystem::path& supportFolder) {
+  const auto report = lockReportOf(supportFolder);
+  if (!report) return std::nullopt;
+  return report->isUnlocked ? Closed{"busy", kOpening} : Closed{"locked", kLocked};
+}
+
+agent::OwnerAnswer LockLink::exchange(const agent::OwnerRequest& request) {
+  try {
+    const auto folder = base::supportFolder(options_.supportFolder);
+    base::checkSupportFolder(folder, base::WhenMissing::refuse);
+    return agent::askOwner(folder, request, {});
+  } catch (const agent::ClientError& error) {
+    throw failureOf(error);
+  } catch (const base::SupportFolderError& error) {
+    throw failureOf(error);
+  }
+}
+
+agent::LockReport LockLink::report() {
+  auto status = exchange({}).status;
+  if (!status) throw notUnderstood();
+  return std::move(*status);
+}
+
+LockOutcome LockLink::ask(const agent::OwnerRequest& request) {
+  LockOutcome outcome = exchange(request).outcome;
+  if (outcome.kind == LockOutcome::Kind::refused) {
+    throw Failure(
+        exitCodeOf(outcome.code), snakeCase(outcome.code),
+        outcome.sentence.empty() ? "sorvaned refused without saying why. Nothing was changed." : outcome.sentence);
+  }
+  return outcome;
+}
+
+LockOutcome LockLink::askOwner(const agent::OwnerRequest& request, const agent::LockReport& report) {
+  if (::isatty(STDERR_FILENO) != 0) {
+    note(report.systemCheckUnavailable ? "Waiting for the owner's answer where sorvaned runs (Ctrl-C withdraws it) …"
+                                       : "Waiting for your answer to the system's question (Ctrl-C withdraws it) …");
+  }
+  return ask(request);
+}
+
+}  // namespace sorvane::cli
