@@ -67,8 +67,8 @@ OwnerOp opOf(std::string_view text) {
 void checkShape(const Json& json, const Fields& fields, const Shape& shape) {
   for (const auto& [name, value] : json.items()) {
     if (name == "op") continue;
-    const auto known =
-        std::find_if(kFields.begin(), kFields.end(), [&](const auto& field) { return field.first == name; });
+    const auto known = std::find_if(kFields.begin(), kFields.end(),
+                                    [&wanted = name](const auto& field) { return field.first == wanted; });
     if (known == kFields.end() || ((shape.must | shape.may) & known->second) == 0) throw WrongShape{};
   }
   for (const auto& [name, field] : kFields) {
