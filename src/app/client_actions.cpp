@@ -106,7 +106,7 @@ void ApplicationActions::removeVault() {
   std::filesystem::remove_all(folder / base::kVaultName, failed);
   if (failed) throw vault::VaultError("The vault's files could not be removed: " + failed.message() + ".");
   std::filesystem::remove(folder / base::kGrantsName, failed);
-  for (const std::string& account : stores_.inUse().accounts()) stores_.inUse().remove(account);
+  stores_.removeItems();
   // The answer is still sent: stopping waits for the requests that are served.
   ::kill(::getpid(), SIGTERM);
 }

@@ -181,6 +181,11 @@ void Stores::emptied(StoreKind kind) {
   if (kind == StoreKind::embedded) files_.remove(folder_ / unlock::kWrapName);
 }
 
+void Stores::removeItems() {
+  for (const std::string& account : inUse_.accounts()) inUse_.remove(account);
+  emptied(record().kind);
+}
+
 vault::StoreMoveOutcome Stores::move(StoreKind to, const vault::StoreMoveSteps& steps) {
   const vault::MovableStore::Closed closed(inUse_);
   Moving moving(gate_);

@@ -44,6 +44,9 @@ class Stores {
   /// The vault was opened with the store: a choice that waited for that is recorded.
   void opened();
 
+  /// Removes every item of the store in use, and then what sealed them.
+  void removeItems();
+
   /// Throws vault::StoreMoveError when the items cannot go there now.
   void checkMove(vault::StoreKind to);
   vault::StoreMoveOutcome move(vault::StoreKind to, const vault::StoreMoveSteps& steps);

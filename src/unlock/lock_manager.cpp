@@ -105,6 +105,7 @@ std::optional<UnlockError> LockManager::obstacle() {
   // What a reset does not mend may have mended itself: the credential store may be open by now.
   if (!settings_.isReadable() && !settings_.resetCause()) loadSettings();
   if (settings_.resetCause() && !settings_.isReadable()) return settings_.resetCause();
+  if (settings_.isStoreLost()) return UnlockError::storeLost(settings_.loadFailure());
   if (!settings_.isReadable()) return UnlockError::storage(settings_.loadFailure());
   if (settings_.followsSession() && !state_.sessionAvailable) return UnlockError(Case::cancelled);
   return std::nullopt;

@@ -54,6 +54,7 @@ class ManualPresence final : public unlock::OwnerPresence {
 class MemoryConfigurationStore final : public unlock::UnlockConfigurationStore {
  public:
   unlock::UnlockConfiguration load() override {
+    if (lost) throw unlock::UnlockError::storeLost(*lost);
     if (loadFailure) throw unlock::UnlockError(*loadFailure);
     return stored;
   }
@@ -64,6 +65,7 @@ class MemoryConfigurationStore final : public unlock::UnlockConfigurationStore {
   }
   unlock::UnlockConfiguration stored;
   std::optional<unlock::UnlockError::Case> loadFailure;
+  std::optional<std::string> lost;
   bool failsToSave = false;
 };
 

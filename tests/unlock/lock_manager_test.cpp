@@ -269,6 +269,23 @@ TEST_F(SettingsThatCannotBeRead, areReadAgainWhereTheStoreMayHaveOpened) {
   EXPECT_EQ(ended(), Words{"opened"});
 }
 
+TEST_F(SettingsThatCannotBeRead, holdTheVaultLockedWhereTheStoreLostItsKey) {
+  store_.lost = "The key is gone. Restore a backup.";
+  EXPECT_EQ(manager().prompt(), LockManager::Prompt(LockManager::UnavailablePrompt{*store_.lost}));
+  EXPECT_TRUE(manager().state().heldLocked);
+  askSystem();
+  manager().reset(outcome());
+  EXPECT_EQ(ended(), (Words{*store_.lost, kCancelled}));
+  // Once it is back the owner opens it, and not the session.
+  store_.lost.reset();
+  tell({.screenLocked = true});
+  tell({});
+  EXPECT_FALSE(manager().isUnlocked());
+  askSystem();
+  granted();
+  EXPECT_EQ(ended(), Words{"opened"});
+}
+
 class FollowingTheSession : public LockManagerFixture {};
 
 TEST_F(FollowingTheSession, opensWithItAndClosesForEveryWayToLeaveIt) {
