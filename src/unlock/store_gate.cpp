@@ -379,6 +379,8 @@ UnlockConfiguration StoreGate::loadFrom(vault::SecretStore& store) {
 }
 
 void StoreGate::saveInto(vault::SecretStore& store, const UnlockConfiguration& configuration) {
+  // The store that the items leave is not read again.
+  if (isMoving_) throw UnlockError::storage(std::string(vault::kStoreMoveRunning));
   // A vault that is yet to be made takes this key for its own.
   if (firstRun_ && !vault::readVaultKey(store)) vault::makeVaultKey(store);
   const auto settings = vault::sealedSettingsIn(store);

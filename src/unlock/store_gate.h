@@ -66,7 +66,7 @@ class StoreGate final : public PassphraseGate, public UnlockConfigurationStore {
   /// a sealed store; other failures are those of the store itself and of the files.
   void open();
 
-  /// A move of the items to another store. Until it ends no passphrase is set or removed. Returns the open store;
+  /// A move of the items to another store. Until it ends nothing is saved in the store. Returns the open store;
   /// throws UnlockError vaultLocked without one.
   Store beginMove();
   /// The items are in `store` now, which is of another kind.

@@ -29,12 +29,17 @@ class FaultySealable final : public unlock::SealableStore {
     });
     step();
   }
-  bool hasCopy() override { return real_.hasCopy(); }
+  bool hasCopy() override {
+    if (whenLooking) std::exchange(whenLooking, nullptr)();
+    return real_.hasCopy();
+  }
   void putCopyInPlace() override {
     real_.putCopyInPlace();
     step();
   }
   void removeCopy() override { real_.removeCopy(); }
+  /// Called once, while the gate settles what an earlier end left.
+  std::function<void()> whenLooking;
   bool hasPlainKey() override { return real_.hasPlainKey(); }
   void writePlainKey(const crypto::SymmetricKey& key) override { real_.writePlainKey(key); }
   void removePlainKey() override { real_.removePlainKey(); }
@@ -66,6 +71,7 @@ class GatedStore {
   }
 
   Gate& gate() { return *gate_; }
+  FaultySealable& store() { return *store_; }
   unlock::StoreDoor& door() { return door_; }
   Fault& fault() { return fault_; }
   std::filesystem::path path(std::string_view name) const { return folder_.path() / name; }

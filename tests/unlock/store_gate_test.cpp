@@ -2,8 +2,11 @@
 
 #include <sys/stat.h>
 
+#include <future>
+
 #include "store_gate_fixture.h"
 #include "vault/accounts.h"
+#include "vault/store_move.h"
 #include "vault/vault.h"
 
 namespace sorvane::test {
@@ -122,14 +125,48 @@ TEST(StoreGate, opensNothingForAnAttemptThatACloseOvertook) {
   GatedStore gated;
   gated.fill();
   gated.adopt(kFirst);
+  // Of a cost that gives the close its time.
+  StoreWrap wrap = gated.wrap();
+  sealStoreKey(wrap, WrappingKey::make(kFirst, {}), *openStoreKey(wrap, kFirst));
+  gated.putWrap(wrap);
+  Verdict verdict = Verdict::wrong;
+  for (int tries = 0; tries < 20 && verdict != Verdict::unknown; ++tries) {
+    gated.restart();
+    std::promise<void> begun;
+    gated.store().whenLooking = [&] { begun.set_value(); };
+    auto attempt = std::async(std::launch::async, [&] { return gated.gate().attempt(base::SecretText(kFirst), {}); });
+    begun.get_future().wait();
+    gated.gate().close();
+    verdict = attempt.get();
+    EXPECT_EQ(gated.door().behind(), nullptr);
+    EXPECT_EQ(told([&] { gated.gate().release({}); }), kLocked);
+  }
+  EXPECT_EQ(verdict, Verdict::unknown);
+}
+
+TEST(StoreGate, followsTheItemsToAStoreThatCannotBeSealed) {
+  GatedStore gated;
+  gated.fill();
+  gated.adopt(kFirst);
+  const auto target = std::make_shared<MemorySecretStore>();
+  const auto from = gated.gate().beginMove();
+  EXPECT_EQ(told([&] { gated.adopt(kSecond); }), kStorage);
+  EXPECT_EQ(told([&] { gated.gate().release({}); }), kStorage);
+  EXPECT_EQ(told([&] { gated.gate().save(gated.with(kFirst)); }), kStorage);
+  vault::moveStore(*from, *target, {{}, [&] { gated.gate().moved({[target] { return target; }, nullptr}, target); }});
+  gated.gate().endMove();
+  EXPECT_FALSE(gated.gate().isSealed());
+  gated.expectRows();
   gated.gate().close();
-  // The verdict of an attempt that was begun before the close counts for nothing; one begun after it is another.
-  const UnlockConfiguration known = gated.gate().load();
-  StoreDoor::Pause pause(gated.door());
+  EXPECT_EQ(told([&] { gated.door().accounts(); }), kLocked);
+  // The passphrase is asked as before, and is changed without a wrap.
+  EXPECT_EQ(gated.attempt(kSecond), Verdict::wrong);
   EXPECT_EQ(gated.attempt(kFirst), Verdict::right);
-  gated.gate().close();
-  EXPECT_EQ(gated.door().behind(), nullptr);
-  EXPECT_EQ(gated.gate().load(), known);
+  gated.gate().open();
+  gated.expectRows();
+  gated.adopt(kSecond);
+  EXPECT_EQ(gated.attempt(kSecond), Verdict::right);
+  EXPECT_FALSE(gated.gate().isSealed());
 }
 
 TEST(StoreGate, makesTheVaultKeyThatTheVaultThenTakesForItsOwn) {
