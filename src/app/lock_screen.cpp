@@ -111,82 +111,83 @@ void LockScreen::put(const Question& question) {
 }
 
 void LockScreen::run(const std::stop_token& stop) {
-  while (!stop.stop_requested() && terminal_.isThere()) {
+  stop_ = stop;
+  while (!stop_.stop_requested() && terminal_.isThere()) {
     std::uint64_t changes = 0;
     [[maybe_unused]] const auto got = ::read(changed_.get(), &changes, sizeof changes);
     if (const auto question = takeQuestion()) {
       put(*question);
       continue;
     }
-    show(stop);
+    show();
   }
 }
 
-void LockScreen::show(const std::stop_token& stop) {
+void LockScreen::show() {
   const LockReport report = lock_->report();
   if (report.isUnlocked || report.isAsking) {
     said_.clear();
-    return rest(stop);
+    return rest();
   }
   const bool canSet = report.requirement == "off" && !report.hasPassphrase && report.prompt != "reset";
-  if (canSet && (std::exchange(offers_, false) || report.systemCheckUnavailable)) return offerPassphrase(report, stop);
-  if (report.prompt == "passphrase") return showPassphrase(report, stop);
-  if (report.prompt == "system") return showSystem(report, stop);
-  if (report.prompt == "reset") return showReset(report, stop);
+  if (canSet && (std::exchange(offers_, false) || report.systemCheckUnavailable)) return offerPassphrase(report);
+  if (report.prompt == "passphrase") return showPassphrase(report);
+  if (report.prompt == "system") return showSystem(report);
+  if (report.prompt == "reset") return showReset(report);
   say(report.sentence);
-  rest(stop);
+  rest();
 }
 
-void LockScreen::showPassphrase(const LockReport& report, const std::stop_token& stop) {
+void LockScreen::showPassphrase(const LockReport& report) {
   say(report.sentence);
-  auto typed = read("Passphrase: ", Echo::no, stop);
-  if (typed) tell(lock_->unlockWithPassphrase(*std::move(typed), here(stop)));
+  auto typed = read("Passphrase: ", Echo::no);
+  if (typed) tell(lock_->unlockWithPassphrase(*std::move(typed), here(stop_)));
 }
 
-void LockScreen::showSystem(const LockReport& report, const std::stop_token& stop) {
+void LockScreen::showSystem(const LockReport& report) {
   say(report.sentence);
-  const auto typed = read("Press Enter to unlock, or type p and Enter for your login password: ", Echo::yes, stop);
+  const auto typed = read("Press Enter to unlock, or type p and Enter for your login password: ", Echo::yes);
   if (!typed) return;
   const auto method = typed->view() == "p" ? agent::OwnerLock::Method::password : agent::OwnerLock::Method::first;
-  tell(lock_->unlockWithSystem(method, here(stop)));
+  tell(lock_->unlockWithSystem(method, here(stop_)));
 }
 
-void LockScreen::showReset(const LockReport& report, const std::stop_token& stop) {
+void LockScreen::showReset(const LockReport& report) {
   say(report.sentence);
-  const auto typed = read(kReset, Echo::yes, stop);
-  if (typed && typed->view() == "reset") tell(lock_->reset(here(stop)));
+  const auto typed = read(kReset, Echo::yes);
+  if (typed && typed->view() == "reset") tell(lock_->reset(here(stop_)));
 }
 
-void LockScreen::offerPassphrase(const LockReport& report, const std::stop_token& stop) {
+void LockScreen::offerPassphrase(const LockReport& report) {
   const bool isOnlyWay = report.systemCheckUnavailable.has_value();
   say(isOnlyWay ? *report.systemCheckUnavailable + " " + std::string(kOffer) : std::string(kOffer));
-  auto first = read(isOnlyWay ? "New passphrase: " : "New passphrase, or Enter for none: ", Echo::no, stop);
+  auto first = read(isOnlyWay ? "New passphrase: " : "New passphrase, or Enter for none: ", Echo::no);
   if (!first) return;
   if (first->empty() && !isOnlyWay) return say(std::string(kOfferSkipped));
-  auto again = read("The same again: ", Echo::no, stop);
+  auto again = read("The same again: ", Echo::no);
   if (!again) return;
   base::SecretText passphrase = first->clone();
   const LockOutcome set =
-      lock_->setPassphrase({.text = *std::move(first), .confirmation = *std::move(again)}, "only", here(stop));
+      lock_->setPassphrase({.text = *std::move(first), .confirmation = *std::move(again)}, "only", here(stop_));
   if (set.kind != LockOutcome::Kind::done) {
     offers_ = true;
     return tell(set);
   }
-  tell(lock_->unlockWithPassphrase(std::move(passphrase), here(stop)));
+  tell(lock_->unlockWithPassphrase(std::move(passphrase), here(stop_)));
 }
 
-std::optional<base::SecretText> LockScreen::read(std::string_view prompt, Echo echo, const std::stop_token& stop) {
-  const auto turn = approver_.takeTurn(stop);
+std::optional<base::SecretText> LockScreen::read(std::string_view prompt, Echo echo) {
+  const auto turn = approver_.takeTurn(stop_);
   if (!turn) return std::nullopt;
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
   auto line = terminal_.read(prompt, echo, deadline, changed_.get());
-  if (line || stop.stop_requested() || std::chrono::steady_clock::now() >= deadline) return line;
+  if (line || stop_.stop_requested() || std::chrono::steady_clock::now() >= deadline) return line;
   pollfd changed{changed_.get(), POLLIN, 0};
   const bool hasChanged = ::poll(&changed, 1, 0) > 0;
   // In raw mode the terminal sends no signal of its own.
   if (!hasChanged && terminal_.isThere()) {
     ::kill(::getpid(), SIGINT);
-    rest(stop);
+    rest();
   }
   return std::nullopt;
 }
@@ -194,8 +195,7 @@ std::optional<base::SecretText> LockScreen::read(std::string_view prompt, Echo e
 void LockScreen::say(const std::string& text) {
   if (said_ == text) return;
   said_ = text;
-  const auto turn = approver_.takeTurn(std::stop_token());
-  terminal_.show("\r\n" + base::escapedForDisplay(text) + "\r\n");
+  if (const auto turn = approver_.takeTurn(stop_)) terminal_.show("\r\n" + base::escapedForDisplay(text) + "\r\n");
 }
 
 void LockScreen::tell(const LockOutcome& outcome) {
@@ -203,9 +203,9 @@ void LockScreen::tell(const LockOutcome& outcome) {
   if (!outcome.sentence.empty()) say(outcome.sentence);
 }
 
-void LockScreen::rest(const std::stop_token& stop) {
+void LockScreen::rest() {
   pollfd changed{changed_.get(), POLLIN, 0};
-  while (!stop.stop_requested() && ::poll(&changed, 1, -1) < 0 && errno == EINTR) {
+  while (!stop_.stop_requested() && ::poll(&changed, 1, -1) < 0 && errno == EINTR) {
   }
 }
 

@@ -48,18 +48,17 @@ class LockScreen final : public unlock::OwnerPresence {
   };
   void run(const std::stop_token& stop);
   /// Shows what the lock says and reads the answer.
-  void show(const std::stop_token& stop);
-  void showPassphrase(const agent::LockReport& report, const std::stop_token& stop);
-  void showSystem(const agent::LockReport& report, const std::stop_token& stop);
-  void showReset(const agent::LockReport& report, const std::stop_token& stop);
-  void offerPassphrase(const agent::LockReport& report, const std::stop_token& stop);
+  void show();
+  void showPassphrase(const agent::LockReport& report);
+  void showSystem(const agent::LockReport& report);
+  void showReset(const agent::LockReport& report);
+  void offerPassphrase(const agent::LockReport& report);
   void put(const Question& question);
   /// One line; nullopt when there is none, because the lock changed or the person gave up.
-  std::optional<base::SecretText> read(std::string_view prompt, platform::TerminalPrompt::Echo echo,
-                                       const std::stop_token& stop);
+  std::optional<base::SecretText> read(std::string_view prompt, platform::TerminalPrompt::Echo echo);
   /// Shows a text that was not the last.
   void say(const std::string& text);
-  void rest(const std::stop_token& stop);
+  void rest();
   void tell(const agent::LockOutcome& outcome);
   std::optional<Question> takeQuestion();
 
@@ -71,6 +70,7 @@ class LockScreen final : public unlock::OwnerPresence {
   // Readable once something changed.
   base::Descriptor changed_;
   // Of the thread.
+  std::stop_token stop_;
   bool offers_ = false;
   std::string said_;
   // Guarded. A leaf.
