@@ -3,6 +3,7 @@
 #include <cstdlib>
 #include <string_view>
 
+#include "agent/owner_protocol.h"
 #include "agent/protocol.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
@@ -17,6 +18,16 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto written = encodeResponse(*response);
     const auto again = decodeResponse(written.view());
     if (!again || encodeResponse(*again).view() != written.view()) std::abort();
+  }
+  if (const auto request = decodeOwnerRequest(text)) {
+    const auto written = encodeOwnerRequest(*request);
+    const auto again = decodeOwnerRequest(written.view());
+    if (!again || encodeOwnerRequest(*again).view() != written.view()) std::abort();
+  }
+  if (const auto answer = decodeOwnerAnswer(text)) {
+    const auto written = encodeOwnerAnswer(*answer);
+    const auto again = decodeOwnerAnswer(written.view());
+    if (!again || encodeOwnerAnswer(*again).view() != written.view()) std::abort();
   }
   return 0;
 }

@@ -92,7 +92,10 @@ std::string unlockVault(LockLink& link, agent::OwnerLock::Method method) {
     throw Failure(kConfiguration, "reset_needed",
                   report.sentence + " sorvane stays locked. Run sorvane unlock reset, which first says what it does.");
   }
-  if (report.prompt == "unavailable") throw Failure(kTryLater, "locked", report.sentence);
+  if (report.prompt == "unavailable") {
+    const std::string first = canSetFirst(report) ? " Set a passphrase with sorvane passphrase set." : "";
+    throw Failure(kTryLater, "locked", report.sentence + first);
+  }
   OwnerRequest request;
   request.op = OwnerOp::unlock;
   if (report.prompt == "system") {
@@ -191,6 +194,10 @@ std::string warningOfReset(const LockReport& report) {
   return report.sentence +
          " The reset turns the passphrase off and opens sorvane, once it was checked that it is you. Your secrets are "
          "not changed. Set a new passphrase afterwards with sorvane passphrase set.";
+}
+
+bool canSetFirst(const LockReport& report) {
+  return !report.hasPassphrase && report.requirement == "off" && report.systemCheckUnavailable;
 }
 
 std::vector<std::string> describeLock(const LockReport& report) {

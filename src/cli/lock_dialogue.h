@@ -25,6 +25,9 @@ std::string resetUnlockSettings(LockLink& link);
 std::string warningOfNoPassphrase();
 std::string warningOfReset(const agent::LockReport& report);
 
+/// Whether the first passphrase is the only way to open it.
+bool canSetFirst(const agent::LockReport& report);
+
 /// The lock in words: how it stands, what opens it and what it does not protect against.
 std::vector<std::string> describeLock(const agent::LockReport& report);
 

@@ -9,6 +9,8 @@
 #include "agent/client.h"
 #include "base/support_folder.h"
 #include "cli/output.h"
+#include "cli/passphrase_prompt.h"
+#include "platform/linux/polkit_text_agent.h"
 
 namespace sorvane::cli {
 namespace {
@@ -51,6 +53,28 @@ std::string snakeCase(std::string_view word) {
     text += c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
   }
   return text;
+}
+
+/// Why the system asks, where it asks on this terminal.
+std::string_view reasonOf(agent::OwnerOp op) {
+  switch (op) {
+    case agent::OwnerOp::setPassphrase:
+      return "You set a passphrase for sorvane.";
+    case agent::OwnerOp::changePassphrase:
+      return "You change the passphrase of sorvane.";
+    case agent::OwnerOp::removePassphrase:
+      return "You remove the passphrase of sorvane.";
+    case agent::OwnerOp::require:
+    case agent::OwnerOp::followSession:
+      return "You change what opens sorvane.";
+    case agent::OwnerOp::reset:
+      return "You reset what opens sorvane.";
+    case agent::OwnerOp::status:
+    case agent::OwnerOp::unlock:
+    case agent::OwnerOp::lock:
+      break;
+  }
+  return "You unlock sorvane.";
 }
 
 }  // namespace
@@ -97,10 +121,18 @@ LockOutcome LockLink::ask(const agent::OwnerRequest& request) {
   return outcome;
 }
 
-LockOutcome LockLink::askOwner(const agent::OwnerRequest& request, const agent::LockReport& report) {
+LockOutcome LockLink::askOwner(agent::OwnerRequest& request, const agent::LockReport& report) {
+  const bool isAnswer = request.op == agent::OwnerOp::unlock && request.passphrase;
+  const bool systemAsks = !report.systemCheckUnavailable && !isAnswer;
+  const bool terminalAsks = report.systemCheckUnavailable && !report.hasPassphrase;
+  std::optional<platform::PolkitTextAgent> agent;
+  if (systemAsks && isTypedHere(options_)) agent.emplace(std::string(reasonOf(request.op)));
+  request.answersItself = agent && agent->answersHere();
   if (::isatty(STDERR_FILENO) != 0) {
-    note(report.systemCheckUnavailable ? "Waiting for the owner's answer where sorvaned runs (Ctrl-C withdraws it) …"
-                                       : "Waiting for your answer to the system's question (Ctrl-C withdraws it) …");
+    if (terminalAsks) note("Waiting for the owner's answer where sorvaned runs (Ctrl-C withdraws it) …");
+    if (systemAsks && !request.answersItself) {
+      note("Waiting for your answer to the system's question (Ctrl-C withdraws it) …");
+    }
   }
   return ask(request);
 }

@@ -143,7 +143,13 @@ int runMenu(const Options& options) {
   const Menu menu(options);
   bool greeted = false;
   const auto fill = [&]() -> std::vector<Choice> {
-    const base::Json status = menu.read("status");
+    base::Json status;
+    try {
+      status = menu.read("status");
+    } catch (const Failure& failure) {
+      if (failure.code() != "locked") throw;
+      return lockedChoices(menu);
+    }
     if (!greeted) {
       menu.say("sorvaned " + cell(status, "version") + " serves the vault in " + cell(status, "supportFolder") + ".");
       menu.say("What asks for your yes asks on the terminal where sorvaned runs.");

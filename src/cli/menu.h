@@ -78,6 +78,10 @@ void showConnections(const Menu& menu);
 void showTaskSessions(const Menu& menu);
 void showLog(const Menu& menu);
 void showSettings(const Menu& menu);
+void showUnlock(const Menu& menu);
+
+/// Says how a locked vault stands, and what opens it.
+std::vector<Choice> lockedChoices(const Menu& menu);
 
 /// The main menu, until the person leaves it or ends the input; returns the exit code.
 int runMenu(const Options& options);

@@ -118,6 +118,7 @@ void showSettings(const Menu& menu) {
   menu.screen("Settings", [&menu] {
     const auto policy = menu.session().manage("policyGet", {}, Asks::no);
     std::vector<Choice> choices{{"Agents", [&menu] { return showConnections(menu), Then::stay; }, "Agents"},
+                                {"Unlock", [&menu] { return showUnlock(menu), Then::stay; }, "Unlock"},
                                 {"When agents' requests ask you (now: " + inWords(valueOf(policy).view()) + ")",
                                  [&menu] { return choosePolicy(menu); }}};
     const base::Json settings = menu.read("settingsGet");

@@ -4,8 +4,10 @@
 
 #include <utility>
 
+#include "agent/owner_server.h"
 #include "cli/mcp_fixture.h"
 #include "support/corpus.h"
+#include "support/owner_lock_double.h"
 
 namespace sorvane::test {
 namespace {
@@ -155,6 +157,17 @@ TEST_F(McpProgram, findsSorvanedAgainForEachCall) {
   call(4, "list_environments");
   sorvaned_->next().answer({{"ok", true}, {"names", {"B"}}});
   EXPECT_EQ(heard()["result"]["content"][0]["text"], "B");
+  // A vault that is locked: only its lock is served.
+  sorvaned_.reset();
+  std::filesystem::remove(folder_.path() / "agent.json");
+  base::SystemFiles files;
+  OwnerLockDouble lock;
+  agent::OwnerServer owner(folder_.path(), {files, lock});
+  ASSERT_TRUE(owner.start());
+  call(5, "list_environments");
+  const json locked = heard()["result"];
+  EXPECT_EQ(locked["structuredContent"]["errorCode"], "locked");
+  EXPECT_NE(locked["content"][0]["text"].get<std::string>().find("sorvane unlock"), std::string::npos);
   EXPECT_EQ(end(), 0);
   EXPECT_EQ(errors(), "");
 }

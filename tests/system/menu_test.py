@@ -6,7 +6,7 @@ import subprocess
 import threading
 import unicodedata
 
-from house import PROGRAMS, VALUE, House, output_of
+from house import PASSPHRASE, PROGRAMS, VALUE, House, output_of
 from terminal import Terminal
 
 CHOICE = r"Choice \(Enter: (back|leave)\): $"
@@ -225,6 +225,22 @@ class Menu(House):
             shown = self.choose("2")
             self.assertIn(action + " was done.", self.choose(self.entry(shown, place)))
             self.assertEqual(server.asked[-2], {"action": action, "client": "codex", "project": "/src/shop"})
+        self.checkWidth()
+
+    def test_aVaultIsLockedInTheSettingsAndUnlockedWhereTheMenuStands(self):
+        self.open()
+        self.begin()
+        shown = self.go("Settings", "Unlock")
+        self.assertIn("sealed under the passphrase", shown)
+        self.assertIn("Change the passphrase", shown)
+        shown = self.choose("lock")
+        self.assertIn("sorvane opens with its passphrase.", shown)
+        self.assertNotIn("Change the passphrase", shown)
+        self.choose("unlock", then=r"\(not shown\): $")
+        self.assertFalse(self.person.echoes())
+        self.assertIn("Wrong passphrase.", self.choose("another made-up one", then=r"\(not shown\): $"))
+        self.assertIn("sorvane is open.", self.choose(PASSPHRASE))
+        self.assertTrue(self.person.echoes())
         self.checkWidth()
 
     def test_aTaskSessionIsBegunAndEnded(self):
