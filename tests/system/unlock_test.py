@@ -77,18 +77,15 @@ class Unlock(House):
             person.wait_for(r"Wrong passphrase\.")
         self.assertEqual(person.end(None), 77)
         self.assertNotIn(OTHER, person.text())
+        wait_until(lambda: self.lock()["waitSeconds"] == 0, "the first wait of 5 seconds ends")
+        self.does("unlock", typed=[OTHER], code=77)  # now 15, which a busy machine does not use up
         person = self.person("unlock")
         person.wait_for(TYPED)
         person.type(PASSPHRASE + "\n")
-        self.assertRegex(person.wait_for(r"Too many tries\. Try again in \d seconds?\."), "Too many")
+        person.wait_for(r"Too many tries\. Try again in \d+ seconds?\.")
         self.assertEqual(person.end(None), 75)
         self.assertIn("is taken in", self.does("status"))
-        wait_until(lambda: self.lock()["waitSeconds"] == 0, "the wait ends")
-        person = self.person("unlock")
-        person.wait_for(TYPED)
-        person.type("x\x15" + PASSPHRASE + "é\x7f\n")  # corrected while it is typed
-        person.wait_for("sorvane is open")
-        self.assertEqual(person.end(None), 0)
+        self.assertFalse(self.lock()["isUnlocked"])
 
     def test_ctrlCAndASignalLeaveTheTerminalAsItWas(self):
         self.open()
@@ -105,6 +102,11 @@ class Unlock(House):
             self.assertTrue(shell.echoes())
             self.assertNotIn("some", shell.text())
         self.assertFalse(self.lock()["isUnlocked"])
+        person = self.person("unlock")
+        person.wait_for(TYPED)
+        person.type("x\x15" + PASSPHRASE + "é\x7f\n")  # corrected while it is typed
+        person.wait_for("sorvane is open")
+        self.assertEqual(person.end(None), 0)
 
     def test_thePassphraseIsChangedAndTheOldOneOpensNothing(self):
         self.open().furnish()
