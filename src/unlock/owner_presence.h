@@ -34,13 +34,16 @@ class OwnerPresence {
     static constexpr int kNoLoginPassword = -5;
     static constexpr int kNotInteractive = -1004;  ///< the system could not show a prompt
     int code = 0;
+    /// What stood in the way and what to do about it, as a whole sentence; empty where the code says it all.
+    std::string explanation{};
   };
   using Answer = std::variant<Granted, Cancelled, Failed>;
   /// Called once for each question, from any thread, within the call to `ask` too.
   using Reply = std::function<void(Answer)>;
 
   virtual ~OwnerPresence() = default;
-  /// Why nobody can be asked at all, as a sentence that says what to do about it; nullopt: somebody can.
+  /// Why nobody can be asked at all on this machine, whoever asks, as a sentence that says what to do about it; nullopt:
+  /// somebody can. What stands in the way of one question only is its answer. Does not wait for a service that hangs.
   virtual std::optional<std::string> unavailable() = 0;
   /// Asks with `reason` shown. Does not block.
   virtual void ask(Check check, const std::string& reason, Reply reply) = 0;
