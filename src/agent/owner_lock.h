@@ -23,6 +23,8 @@ struct LockReport {
   std::string requirement;
   bool hasPassphrase = false;
   bool followsSession = false;
+  /// There is a login manager that tells about the session: without one there is nothing to follow.
+  bool sessionIsReported = false;
   /// The organization decided `followsSession`.
   bool isManaged = false;
   bool heldLocked = false;

@@ -118,6 +118,7 @@ LockReport reportOf(const Json& json) {
   report.requirement = plainText(fields.need("requirement"));
   report.hasPassphrase = fields.boolean("hasPassphrase");
   report.followsSession = fields.boolean("followsSession");
+  report.sessionIsReported = fields.boolean("sessionIsReported");
   report.isManaged = fields.boolean("isManaged");
   report.heldLocked = fields.boolean("heldLocked");
   report.isAsking = fields.boolean("isAsking");
@@ -152,6 +153,7 @@ void encode(JsonWriter& out, const LockReport& report) {
   out.field("prompt", std::string_view(report.prompt)).field("sentence", std::string_view(report.sentence));
   out.field("requirement", std::string_view(report.requirement));
   out.key("hasPassphrase").boolean(report.hasPassphrase).key("followsSession").boolean(report.followsSession);
+  out.key("sessionIsReported").boolean(report.sessionIsReported);
   out.key("isManaged").boolean(report.isManaged).key("heldLocked").boolean(report.heldLocked);
   out.key("isAsking").boolean(report.isAsking).key("waitSeconds").integer(report.waitSeconds);
   out.field("store", std::string_view(report.store)).key("storeIsSealed").boolean(report.storeIsSealed);

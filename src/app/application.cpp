@@ -166,7 +166,7 @@ bool Application::start() {
 }
 
 void Application::showLock() {
-  if (screen_) screen_->start(lock_, wasNew_);
+  if (screen_) screen_->start(lock_, wasNew_, [this] { lock_.wasOffered(); });
 }
 
 }  // namespace sorvane::app

@@ -12,6 +12,8 @@
 
 #include "base/diagnostics.h"
 #include "base/unicode.h"
+#include "platform/linux/polkit_text_agent.h"
+#include "unlock/unlock_error.h"
 
 namespace sorvane::app {
 
@@ -27,6 +29,8 @@ constexpr std::string_view kOffer =
     "sealed, and sorvane asks for it when it starts and after it was locked. It cannot be recovered: without it, only "
     "a "
     "backup brings the values back.";
+constexpr std::string_view kOfferForKeyring =
+    "With a passphrase sorvane asks for it when it starts and after it was locked. It cannot be recovered.";
 constexpr std::string_view kOfferSkipped =
     "No passphrase was set, so nothing is sealed. Set one at any time with `sorvane passphrase set`.";
 constexpr std::string_view kReset = "Type reset and Enter to put fresh settings in their place: ";
@@ -39,8 +43,9 @@ agent::LockCaller here(const std::stop_token& stop) {
 
 }  // namespace
 
-void LockScreen::start(agent::OwnerLock& lock, bool isNew) {
+void LockScreen::start(agent::OwnerLock& lock, bool isNew, std::function<void()> onOffered) {
   lock_ = &lock;
+  onOffered_ = std::move(onOffered);
   offers_ = isNew;
   changed_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
   thread_ = std::jthread([this](const std::stop_token& stop) {
@@ -130,7 +135,9 @@ void LockScreen::show() {
     return rest();
   }
   const bool canSet = report.requirement == "off" && !report.hasPassphrase && report.prompt != "reset";
-  if (canSet && (std::exchange(offers_, false) || report.systemCheckUnavailable)) return offerPassphrase(report);
+  // A passphrase came from elsewhere.
+  if (!canSet && std::exchange(offers_, false)) wasOffered();
+  if (canSet && (offers_ || report.systemCheckUnavailable)) return offerPassphrase(report);
   if (report.prompt == "passphrase") return showPassphrase(report);
   if (report.prompt == "system") return showSystem(report);
   if (report.prompt == "reset") return showReset(report);
@@ -149,31 +156,45 @@ void LockScreen::showSystem(const LockReport& report) {
   const auto typed = read("Press Enter to unlock, or type p and Enter for your login password: ", Echo::yes);
   if (!typed) return;
   const auto method = typed->view() == "p" ? agent::OwnerLock::Method::password : agent::OwnerLock::Method::first;
-  tell(lock_->unlockWithSystem(method, here(stop_)));
+  // polkit's question may be answered here, too.
+  const platform::PolkitTextAgent agent{std::string(unlock::kUnlockReason)};
+  const auto turn = agent.answersHere() ? approver_.takeTurn(stop_) : nullptr;
+  agent::LockCaller caller = here(stop_);
+  caller.answersItself = agent.answersHere();
+  caller.peer = ::getpid();
+  tell(lock_->unlockWithSystem(method, caller));
 }
 
 void LockScreen::showReset(const LockReport& report) {
-  say(report.sentence);
+  say(report.storeIsSealed ? report.sentence : report.sentence + " " + std::string(unlock::kResetConfirmation));
   const auto typed = read(kReset, Echo::yes);
   if (typed && typed->view() == "reset") tell(lock_->reset(here(stop_)));
 }
 
 void LockScreen::offerPassphrase(const LockReport& report) {
   const bool isOnlyWay = report.systemCheckUnavailable.has_value();
-  say(isOnlyWay ? *report.systemCheckUnavailable + " " + std::string(kOffer) : std::string(kOffer));
+  std::string why = isOnlyWay ? *report.systemCheckUnavailable + " " : std::string();
+  why += report.store == "embedded" ? kOffer : kOfferForKeyring;
+  say(why);
   auto first = read(isOnlyWay ? "New passphrase: " : "New passphrase, or Enter for none: ", Echo::no);
   if (!first) return;
-  if (first->empty() && !isOnlyWay) return say(std::string(kOfferSkipped));
+  if (first->empty() && !isOnlyWay) {
+    say(std::string(kOfferSkipped));
+    return wasOffered();
+  }
   auto again = read("The same again: ", Echo::no);
   if (!again) return;
   base::SecretText passphrase = first->clone();
   const LockOutcome set =
       lock_->setPassphrase({.text = *std::move(first), .confirmation = *std::move(again)}, "only", here(stop_));
-  if (set.kind != LockOutcome::Kind::done) {
-    offers_ = true;
-    return tell(set);
-  }
+  if (set.kind != LockOutcome::Kind::done) return tell(set);
+  wasOffered();
   tell(lock_->unlockWithPassphrase(std::move(passphrase), here(stop_)));
+}
+
+void LockScreen::wasOffered() {
+  offers_ = false;
+  if (onOffered_) onOffered_();
 }
 
 std::optional<base::SecretText> LockScreen::read(std::string_view prompt, Echo echo) {

@@ -31,7 +31,8 @@ class LockScreen final : public unlock::OwnerPresence {
   LockScreen& operator=(const LockScreen&) = delete;
 
   /// `isNew`: the vault was never opened, so a passphrase is offered.
-  void start(agent::OwnerLock& lock, bool isNew);
+  /// `onOffered` is told when the offer was answered.
+  void start(agent::OwnerLock& lock, bool isNew, std::function<void()> onOffered);
   void stop();
   /// What the lock shows has changed.
   void wake();
@@ -53,6 +54,7 @@ class LockScreen final : public unlock::OwnerPresence {
   void showSystem(const agent::LockReport& report);
   void showReset(const agent::LockReport& report);
   void offerPassphrase(const agent::LockReport& report);
+  void wasOffered();
   void put(const Question& question);
   /// One line; nullopt when there is none, because the lock changed or the person gave up.
   std::optional<base::SecretText> read(std::string_view prompt, platform::TerminalPrompt::Echo echo);
@@ -67,6 +69,7 @@ class LockScreen final : public unlock::OwnerPresence {
   const std::function<bool()> isAskedHere_;
   const platform::TerminalPrompt terminal_;
   agent::OwnerLock* lock_ = nullptr;
+  std::function<void()> onOffered_;
   // Readable once something changed.
   base::Descriptor changed_;
   // Of the thread.

@@ -15,7 +15,7 @@ using FirstRun = unlock::StoreGate::FirstRun;
 
 constexpr std::string_view kManifestName = "active-vault.json";
 constexpr std::string_view kUnprotected =
-    "No passphrase is set, so any program that runs as this user could read the values.";
+    "The values are not sealed under a passphrase, so any program that runs as this user could read them.";
 constexpr std::string_view kSealed =
     "The values lie sealed under the passphrase. While the vault is open, a program that runs as this user can ask "
     "sorvaned for what its access allows; copies made before the passphrase was set still open without it.";

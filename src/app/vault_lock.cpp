@@ -17,6 +17,15 @@ using Kind = LockOutcome::Kind;
 
 namespace {
 
+constexpr std::string_view kSealedReset =
+    "A reset makes fresh settings. It keeps the passphrase, without which the values cannot be opened: if they stay "
+    "closed, only a backup brings them back. If you did not expect this, something changed the files of sorvane.";
+constexpr std::string_view kNotSealedYet =
+    "The passphrase does not seal the values yet. The next unlock with it seals them.";
+constexpr std::string_view kNoLoginManager =
+    "There is no login manager that reports your session, so the vault does not close when the screen locks. Lock it "
+    "with sorvane lock.";
+
 std::string_view word(Case kind) {
   switch (kind) {
     case Case::wait:
@@ -68,6 +77,11 @@ std::string choicesInWords(const unlock::UnlockChoices& choices) {
   return words + ".";
 }
 
+/// What a reset does, beside its cause.
+std::string_view resetInWords(const LockReport& report) {
+  return report.storeIsSealed ? kSealedReset : unlock::kResetExplanation;
+}
+
 /// The prompt as the report names it, and what it says.
 void describe(LockReport& report, const LockManager::Prompt& prompt) {
   struct Words {
@@ -82,7 +96,7 @@ void describe(LockReport& report, const LockManager::Prompt& prompt) {
     }
     void operator()(const LockManager::ResetPrompt& reset) const {
       report.prompt = "reset";
-      report.sentence = reset.cause;
+      report.sentence = reset.cause + " " + std::string(resetInWords(report));
     }
     void operator()(const LockManager::PassphrasePrompt&) const {
       report.prompt = "passphrase";
@@ -105,21 +119,57 @@ std::shared_ptr<T> held(T value) {
 }  // namespace
 
 /// The session's signals, seen on their way to the lock manager: a session that goes away vouches for nobody, whether
-/// the vault follows it or not.
+/// the vault follows it or not. While a passphrase is offered for a new vault the session counts as away.
 class VaultLock::Watched final : public unlock::SessionSignals {
  public:
-  explicit Watched(VaultLock& lock) : lock_(lock) {}
+  Watched(VaultLock& lock, bool isHeldBack) : lock_(lock), isHeldBack_(isHeldBack) {}
 
   std::optional<unlock::SessionState> observe(Observer observer) override {
-    return lock_.ports_.signals.observe([this, observer = std::move(observer)](const auto& state, const Hold& hold) {
-      if (!state.available()) lock_.ports_.trusted.end();
-      observer(state, hold);
-      lock_.main_.post([this] { lock_.announce(); });
-    });
+    observer_ = std::move(observer);
+    const auto state = lock_.ports_.signals.observe([this](const auto& now, const Hold& hold) { pass(now, hold); });
+    const base::Lock lock(mutex_);
+    isReported_ = state.has_value();
+    if (!state || !isHeldBack_) return state;
+    if (!last_) last_ = state;
+    return away(*state);
+  }
+  bool isReported() const {
+    const base::Lock lock(mutex_);
+    return isReported_;
+  }
+  void release() {
+    std::optional<unlock::SessionState> state;
+    {
+      const base::Lock lock(mutex_);
+      if (!std::exchange(isHeldBack_, false)) return;
+      state = last_;
+    }
+    if (state) pass(*state, nullptr);
   }
 
  private:
+  static unlock::SessionState away(unlock::SessionState state) {
+    state.active = false;
+    return state;
+  }
+  void pass(unlock::SessionState state, const Hold& hold) {
+    if (!state.available()) lock_.ports_.trusted.end();
+    {
+      const base::Lock lock(mutex_);
+      last_ = state;
+      if (isHeldBack_) state = away(state);
+    }
+    observer_(state, hold);
+    lock_.main_.post([this] { lock_.announce(); });
+  }
+
   VaultLock& lock_;
+  Observer observer_;  ///< constant after `observe`
+  // Guarded. A leaf.
+  mutable base::Mutex mutex_;
+  bool isHeldBack_ GUARDED_BY(mutex_);
+  bool isReported_ GUARDED_BY(mutex_) = false;
+  std::optional<unlock::SessionState> last_ GUARDED_BY(mutex_);
 };
 
 /// The system's check. For the first passphrase of a new vault nobody is asked who typed it on the own terminal.
@@ -142,7 +192,7 @@ class VaultLock::Presence final : public unlock::OwnerPresence {
 
 VaultLock::VaultLock(Ports ports)
     : ports_(std::move(ports)),
-      signals_(std::make_unique<Watched>(*this)),
+      signals_(std::make_unique<Watched>(*this, ports_.isNew && ports_.ownTerminal != nullptr)),
       presence_(std::make_unique<Presence>(*this)),
       isNew_(ports_.isNew) {
   main_.run([this] {
@@ -177,6 +227,10 @@ void VaultLock::stop() {
   main_.run([this] { manager_->lock(); });
 }
 
+void VaultLock::wasOffered() {
+  signals_->release();
+}
+
 void VaultLock::followed(bool isUnlocked) {
   if (isUnlocked) {
     isNew_ = false;
@@ -198,17 +252,21 @@ void VaultLock::announce() {
 
 LockOutcome VaultLock::wait(const LockCaller& caller, std::function<void(const Reply& reply)> begin) {
   struct Pending {
+    std::uint64_t number = 0;  ///< of the manager's thread
     base::Mutex mutex;
     base::Condition answered;
     std::optional<LockOutcome> outcome GUARDED_BY(mutex);
   };
   const auto pending = std::make_shared<Pending>();
-  const Reply reply = [pending](LockOutcome outcome) {
+  // On the manager's thread, too: nobody is asked for a caller that has its answer.
+  const Reply reply = [this, pending](LockOutcome outcome) {
+    if (pending->number == begun_) ports_.askFor({});
     const base::Lock lock(pending->mutex);
     pending->outcome = std::move(outcome);
     pending->answered.notify_all();
   };
-  main_.post([this, caller, begin = std::move(begin), reply] {
+  main_.post([this, pending, caller, begin = std::move(begin), reply] {
+    pending->number = ++begun_;
     ports_.askFor(caller);
     isOnTerminal_ = caller.isOwnTerminal;
     begin(reply);
@@ -222,8 +280,9 @@ LockOutcome VaultLock::wait(const LockCaller& caller, std::function<void(const R
     outcome = std::move(pending->outcome);
   }
   if (!outcome) {
-    main_.post([this] {
-      if (manager_) manager_->giveUp();
+    // What somebody else began since goes on.
+    main_.post([this, pending] {
+      if (manager_ && pending->number == begun_) manager_->giveUp();
     });
     outcome = refused(UnlockError(Case::cancelled));
   }
@@ -249,6 +308,8 @@ LockReport VaultLock::report() {
 LockReport VaultLock::reportNow() {
   LockReport report;
   report.isUnlocked = manager_->isUnlocked();
+  report.store = word(ports_.stores.record().kind);
+  report.storeIsSealed = ports_.stores.isSealed();
   describe(report, manager_->prompt());
   if (report.isUnlocked) {
     report.prompt = "open";
@@ -258,16 +319,19 @@ LockReport VaultLock::reportNow() {
   report.requirement = word(settings.configuration().requirement);
   report.hasPassphrase = settings.configuration().passphrase.has_value();
   report.followsSession = settings.followsSession();
+  report.sessionIsReported = signals_->isReported();
   report.isManaged = settings.managedFollowsSession().has_value();
   report.heldLocked = manager_->state().heldLocked;
   report.isAsking = manager_->state().phase == unlock::LockPhase::asking;
   report.waitSeconds = manager_->waitSeconds();
-  report.store = word(ports_.stores.record().kind);
-  report.storeIsSealed = ports_.stores.isSealed();
   report.systemCheckUnavailable = ports_.presence.unavailable();
   report.notices.emplace_back(ports_.stores.protectionInWords());
+  if (report.hasPassphrase && !report.storeIsSealed && ports_.stores.record().kind == vault::StoreKind::embedded) {
+    report.notices.emplace_back(kNotSealedYet);
+  }
+  if (report.followsSession && !report.sessionIsReported) report.notices.emplace_back(kNoLoginManager);
   if (settings.unsaved()) report.notices.emplace_back(UnlockError::storage({}).sentence());
-  if (settings.resetCause()) report.notices.emplace_back(unlock::kResetExplanation);
+  if (settings.resetCause()) report.notices.emplace_back(resetInWords(report));
   report.version = SORVANE_VERSION;
   report.supportFolder = ports_.supportFolder.string();
   return report;
@@ -297,8 +361,10 @@ LockOutcome VaultLock::setPassphrase(agent::TypedPassphrase passphrase, const st
                                      const LockCaller& caller) {
   const auto wanted = unlock::passphraseRequirementOf(requirement).value_or(unlock::PassphraseRequirement::only);
   return wait(caller, [this, wanted, text = held(std::move(passphrase))](const Reply& reply) {
-    manager_->setPassphrase(typed(std::move(*text)), wanted,
-                            [this, reply](const auto& error) { reply(outcome(error)); });
+    manager_->setPassphrase(typed(std::move(*text)), wanted, [this, reply](const auto& error) {
+      if (!error) wasOffered();
+      reply(outcome(error));
+    });
   });
 }
 

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -52,6 +53,8 @@ class VaultLock final : public agent::OwnerLock {
   void start();
   /// Locks, and waits until the vault is closed.
   void stop();
+  /// A new vault on a terminal does not open with the session before its owner was offered a passphrase: that was done.
+  void wasOffered();
   /// Whether what is to be confirmed was typed on the application's own terminal; for `ownTerminal` within `ask`.
   bool isAskedOnTerminal() const { return isOnTerminal_; }
 
@@ -97,6 +100,7 @@ class VaultLock final : public agent::OwnerLock {
   const std::unique_ptr<Presence> presence_;
   // Of the manager's thread.
   bool isOnTerminal_ = false;
+  std::uint64_t begun_ = 0;  ///< the number of the last request
   bool isNew_ = false;
   std::optional<Screen> screen_;
   // The manager is made and destroyed on `main_`, and both queues end before what it borrows.

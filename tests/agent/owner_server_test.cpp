@@ -134,6 +134,7 @@ TEST_F(OwnerServer, reportsTheLockAsItIs) {
             false,
             true,
             true,
+            true,
             false,
             30,
             "embedded",
