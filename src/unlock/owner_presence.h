@@ -42,8 +42,9 @@ class OwnerPresence {
   using Reply = std::function<void(Answer)>;
 
   virtual ~OwnerPresence() = default;
-  /// Why nobody can be asked at all on this machine, whoever asks, as a sentence that says what to do about it; nullopt:
-  /// somebody can. What stands in the way of one question only is its answer. Does not wait for a service that hangs.
+  /// Why nobody can be asked at all on this machine, whoever asks, as a sentence that says what to do about it;
+  /// nullopt: somebody can. What stands in the way of one question only is its answer. Does not wait for a service that
+  /// hangs.
   virtual std::optional<std::string> unavailable() = 0;
   /// Asks with `reason` shown. Does not block.
   virtual void ask(Check check, const std::string& reason, Reply reply) = 0;
