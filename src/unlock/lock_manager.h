@@ -133,8 +133,12 @@ class LockManager {
   void changeRequirement(PassphraseRequirement requirement, std::optional<base::SecretText> current, ChangeReply reply);
   void changeFollowsSession(bool follows, std::optional<base::SecretText> current, ChangeReply reply);
   /// Puts fresh settings in the place of those that cannot be read, and opens the vault. The passphrase stays where the
-  /// store cannot be opened without it; it was given by then, and stands for a system check that cannot be had.
+  /// store cannot be opened without it. Confirmed by the system or on the own terminal; a passphrase, which may have
+  /// come from somebody else's connection, confirms nothing here.
   void reset(OutcomeReply reply);
+  /// A backup was restored into the open vault: what the settings say of an earlier reset is over. Nothing else ends
+  /// it. A failure to save leaves it over until the end of the process; vaultLocked: it is not over.
+  std::optional<UnlockError> restored();
 
  private:
   using Passphrase = std::shared_ptr<const base::SecretText>;

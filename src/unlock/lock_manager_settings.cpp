@@ -77,10 +77,13 @@ void LockManager::setPassphrase(NewPassphrase passphrase, PassphraseRequirement 
   if (requirement == PassphraseRequirement::withSystem && dependencies_.presence.unavailable()) {
     return reply(noSystemCheck());
   }
-  authorize(
-      std::string(kSetReason), nullptr,
-      [this, text = shared(std::move(passphrase.text)), requirement, reply = std::move(reply)](
-          std::optional<UnlockError> error) { error ? reply(std::move(error)) : adopt(text, requirement, reply); });
+  authorize(std::string(kSetReason), nullptr,
+            [this, text = shared(std::move(passphrase.text)), requirement,
+             reply = std::move(reply)](std::optional<UnlockError> error) {
+              // One that was set while the owner was asked is not replaced unasked.
+              if (!error && settings_.configuration().passphrase) error = UnlockError(Case::cancelled);
+              error ? reply(std::move(error)) : adopt(text, requirement, reply);
+            });
 }
 
 void LockManager::changePassphrase(base::SecretText current, NewPassphrase passphrase, ChangeReply reply) {
@@ -213,8 +216,15 @@ void LockManager::reset(OutcomeReply reply) {
     closeGate();
     reply(UnlockError(Case::cancelled));
   };
-  if (dependencies_.gate.isSealed() && dependencies_.presence.unavailable()) return confirmed(std::nullopt);
   authorize(std::string(kResetReason), nullptr, confirmed);
+}
+
+std::optional<UnlockError> LockManager::restored() {
+  if (!state_.isUnlocked() || changingStore_) return UnlockError(Case::vaultLocked);
+  if (!settings_.configuration().resetCause) return std::nullopt;
+  UnlockConfiguration configuration = settings_.configuration();
+  configuration.resetCause.reset();
+  return settings_.change(configuration);
 }
 
 std::optional<UnlockError> LockManager::resetSettings() {

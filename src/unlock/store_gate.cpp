@@ -39,8 +39,12 @@ void describe(StoreWrap& wrap, const UnlockConfiguration& configuration) {
 
 /// What a sealed store that is not open is asked for.
 UnlockConfiguration configurationOf(const StoreWrap& wrap) {
-  return {PassphraseVerifier{wrap.verifierSalt, {}, wrap.cost.memoryKiB, wrap.cost.iterations}, wrap.requirement,
-          wrap.followsSession, wrap.failedAttempts, wrap.lastFailure};
+  return {PassphraseVerifier{wrap.verifierSalt, {}, wrap.cost.memoryKiB, wrap.cost.iterations},
+          wrap.requirement,
+          wrap.followsSession,
+          wrap.failedAttempts,
+          wrap.lastFailure,
+          std::nullopt};
 }
 
 void requirePassphrase(const UnlockConfiguration& configuration) {

@@ -11,6 +11,22 @@ namespace {
 
 using base::Json;
 
+using Case = UnlockError::Case;
+/// The causes of a reset as they are stored.
+constexpr std::pair<Case, std::string_view> kResetCauses[] = {{Case::settingsMissing, "settingsMissing"},
+                                                              {Case::settingsDamaged, "settingsDamaged"},
+                                                              {Case::vaultKeyMismatch, "vaultKeyMismatch"}};
+
+/// False when there is one that nobody knows.
+bool readResetCause(const Json& object, std::optional<Case>& cause) {
+  const Json* const stored = memberOf(object, "resetCause");
+  if (stored == nullptr) return true;
+  for (const auto& [known, word] : kResetCauses) {
+    if (stored->is_string() && stored->get_ref<const std::string&>() == word) cause = known;
+  }
+  return cause.has_value();
+}
+
 std::optional<PassphraseVerifier> readVerifier(const Json& object) {
   if (!object.is_object()) return std::nullopt;
   auto salt = bytesAt(object, "salt"), hash = bytesAt(object, "hash");
@@ -68,6 +84,9 @@ base::SecretText encodeConfiguration(const UnlockConfiguration& configuration) {
   json.key("followsSession").boolean(configuration.followsSession);
   json.key("failedAttempts").integer(configuration.failedAttempts);
   if (configuration.lastFailure) json.field("lastFailure", base::iso8601(*configuration.lastFailure));
+  for (const auto& [cause, word] : kResetCauses) {
+    if (configuration.resetCause == cause) json.field("resetCause", word);
+  }
   json.endObject();
   return json.take();
 }
@@ -96,6 +115,7 @@ std::optional<UnlockConfiguration> decodeConfiguration(std::string_view text) {
   configuration.followsSession = *follows;
   configuration.failedAttempts = *attempts;
   if (!readDate(*json, "lastFailure", configuration.lastFailure)) return std::nullopt;
+  if (!readResetCause(*json, configuration.resetCause)) return std::nullopt;
   return configuration;
 }
 

@@ -8,6 +8,7 @@
 #include "base/clock.h"
 #include "base/secret_text.h"
 #include "unlock/passphrase_verifier.h"
+#include "unlock/unlock_error.h"
 
 namespace sorvane::unlock {
 
@@ -31,6 +32,9 @@ struct UnlockConfiguration {
   bool followsSession = true;
   std::int64_t failedAttempts = 0;        ///< wrong passphrases in a row
   std::optional<base::Date> lastFailure;  ///< of the last of them
+  /// Why these were put in the place of others that could not be read; stays until a backup is restored, since nobody
+  /// knows what else was changed.
+  std::optional<UnlockError::Case> resetCause;
   bool operator==(const UnlockConfiguration&) const = default;
 };
 

@@ -9,12 +9,15 @@ bool isMendedByReset(const UnlockError& error) {
          error.kind() == Case::vaultKeyMismatch;
 }
 
+std::optional<UnlockError> causeIn(const UnlockConfiguration& configuration) {
+  return configuration.resetCause ? std::optional(UnlockError(*configuration.resetCause)) : std::nullopt;
+}
+
 }  // namespace
 
 void UnlockSettings::load() {
   try {
     adopted(store_.load());
-    resetCause_.reset();
   } catch (const UnlockError& error) {
     refuse(error);
   }
@@ -25,6 +28,7 @@ void UnlockSettings::adopted(const UnlockConfiguration& configuration) {
   loadFailure_.clear();
   storeLost_ = false;
   unsaved_ = false;
+  resetCause_ = causeIn(configuration);
 }
 
 void UnlockSettings::refuse(const UnlockError& error) {
@@ -37,6 +41,7 @@ void UnlockSettings::refuse(const UnlockError& error) {
 
 std::optional<UnlockError> UnlockSettings::change(const UnlockConfiguration& configuration) {
   configuration_ = configuration;
+  resetCause_ = causeIn(configuration);
   unsaved_ = true;
   return saveAgain();
 }
@@ -52,7 +57,8 @@ std::optional<UnlockError> UnlockSettings::saveAgain() {
   }
 }
 
-std::optional<UnlockError> UnlockSettings::reset(const UnlockConfiguration& fresh) {
+std::optional<UnlockError> UnlockSettings::reset(UnlockConfiguration fresh) {
+  if (resetCause_) fresh.resetCause = resetCause_->kind();
   try {
     store_.save(fresh);
     adopted(fresh);

@@ -25,8 +25,9 @@ class UnlockSettings {
   void adopted(const UnlockConfiguration& configuration);
   /// The stored configuration, read by somebody else, is not to be relied on: as a failure of `load`.
   void refuse(const UnlockError& error);
-  /// Puts `fresh` in the place of a configuration that could not be read. After a failure nothing is readable still.
-  std::optional<UnlockError> reset(const UnlockConfiguration& fresh);
+  /// Puts `fresh` in the place of a configuration that could not be read, with the reason of that stored in it. After a
+  /// failure nothing is readable still.
+  std::optional<UnlockError> reset(UnlockConfiguration fresh);
 
   const UnlockConfiguration& configuration() const { return configuration_; }
   /// Whether the configuration is the stored one.
@@ -34,7 +35,8 @@ class UnlockSettings {
   const std::string& loadFailure() const { return loadFailure_; }
   /// Whether the settings are out of reach for good, with the store that they lie in.
   bool isStoreLost() const { return storeLost_; }
-  /// Why the settings had to be reset; stays after the reset, so that the owner can be told.
+  /// Why the settings had to be reset; stays after the reset, so that the owner can be told. Of a sealed store that is
+  /// closed it is not known.
   const std::optional<UnlockError>& resetCause() const { return resetCause_; }
   bool unsaved() const { return unsaved_; }
 

@@ -235,9 +235,23 @@ TEST_F(SettingsThatCannotBeRead, keepTheVaultLockedUntilTheOwnerResetsThem) {
     manager().reset(outcome());
     granted();
     EXPECT_EQ(ended(), Words{"opened"});
-    EXPECT_EQ(store_.stored, UnlockConfiguration{});
-    EXPECT_EQ(manager().settings().resetCause(), UnlockError(cause));
+    UnlockConfiguration fresh;
+    fresh.resetCause = cause;
+    EXPECT_EQ(store_.stored, fresh);
     EXPECT_EQ(changes_, std::vector<bool>{true});
+    // Neither a lock, nor another passphrase, nor a new start makes it forgotten.
+    manager().setPassphrase(twice(kRight), Requirement::only, change());
+    granted();
+    manager().lock();
+    give(kRight);
+    EXPECT_EQ(ended(), (Words{"done", "opened"}));
+    manager_.reset();
+    give(kRight);
+    EXPECT_EQ(ended(), Words{"opened"});
+    EXPECT_EQ(manager().settings().resetCause(), UnlockError(cause));
+    EXPECT_EQ(manager().restored(), std::nullopt);
+    EXPECT_EQ(manager().settings().resetCause(), std::nullopt);
+    EXPECT_EQ(store_.stored.resetCause, std::nullopt);
   }
 }
 
@@ -524,6 +538,18 @@ TEST_F(PassphraseSettings, areUnchangedByWhatALockOrAQuickerChangeOvertook) {
   presence_.questions.back().reply(OwnerPresence::Granted{});
   EXPECT_EQ(ended(), (Words{"opened", kCancelled, "done"}));
   EXPECT_TRUE(store_.stored.passphrase->check(kRight));
+
+  // The first is set while the owner is asked about another first one.
+  store_.stored = {};
+  manager_.reset();
+  manager().setPassphrase(twice(kRight), Requirement::only, change());
+  presence_.questions.back().reply(OwnerPresence::Granted{});
+  main_.runAll();
+  manager().setPassphrase(twice(kWrong), Requirement::only, change());
+  settle();
+  granted();
+  EXPECT_EQ(ended(), (Words{"done", kCancelled}));
+  EXPECT_TRUE(store_.stored.passphrase->check(kRight));
 }
 
 TEST_F(PassphraseSettings, areUnchangedWhereAPassphraseCouldNotBeSavedAndOtherwiseSavedAgain) {
@@ -610,6 +636,7 @@ TEST_F(SettingsBehindThePassphrase, areDamagedWhereTheyAskLessAndAreResetWithThe
     manager().reset(outcome());
     granted();
     EXPECT_EQ(ended(), Words{"opened"});
+    gate_.kept.resetCause = Case::settingsDamaged;
     EXPECT_EQ(store_.stored, gate_.kept);
     EXPECT_EQ(manager().settings().configuration(), gate_.kept);
     manager().lock();
@@ -630,7 +657,14 @@ TEST_F(SettingsBehindThePassphrase, areClosedAgainWhereNobodyResetsThem) {
   ended();
   store_.failsToSave = true;
   presence_.sentence = "Install what is missing.";
+  // The passphrase may have been another's: somebody at the own terminal answers, or nobody resets it.
+  terminal_.sentence = "Nobody typed there.";
   manager().reset(outcome());
+  EXPECT_EQ(ended(), Words{kNoPrompt});
+  EXPECT_FALSE(manager().isUnlocked());
+  terminal_.sentence.reset();
+  manager().reset(outcome());
+  answerAt(terminal_, OwnerPresence::Granted{});
   EXPECT_EQ(ended(), Words{"sorvane couldn’t read or save its unlock settings in the Keychain."});
   EXPECT_TRUE(manager().state().heldLocked);
   EXPECT_FALSE(gate_.isOpen);

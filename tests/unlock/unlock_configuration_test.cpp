@@ -24,13 +24,14 @@ UnlockConfiguration fullConfiguration() {
   configuration.followsSession = false;
   configuration.failedAttempts = 4;
   configuration.lastFailure = std::chrono::sys_days{std::chrono::year{2026} / 11 / 21} + 9h;
+  configuration.resetCause = Case::settingsDamaged;
   return configuration;
 }
 
 constexpr std::string_view kFullText =
     R"({"passphrase":{"salt":"AQEBAQEBAQEBAQEBAQEBAQ==","hash":"//////////////////////////////////////////8=",)"
     R"("memoryKiB":65536,"iterations":3},"requirement":"withSystem","followsSession":false,"failedAttempts":4,)"
-    R"("lastFailure":"2026-11-21T09:00:00Z"})";
+    R"("lastFailure":"2026-11-21T09:00:00Z","resetCause":"settingsDamaged"})";
 
 TEST(UnlockConfiguration, isWrittenInItsOrderAndReadBack) {
   EXPECT_EQ(encodeConfiguration(fullConfiguration()).view(), kFullText);
@@ -54,6 +55,8 @@ TEST(UnlockConfiguration, isRefusedWhereAnyPartOfItCouldNotBeActedOn) {
       {R"("failedAttempts":4)", R"("failedAttempts":9223372036854775808)"},
       {R"("lastFailure":"2026-11-21T09:00:00Z")", R"("lastFailure":"yesterday")"},
       {R"("lastFailure":"2026-11-21T09:00:00Z")", R"("lastFailure":1)"},
+      {R"("resetCause":"settingsDamaged")", R"("resetCause":"wait")"},
+      {R"("resetCause":"settingsDamaged")", R"("resetCause":1)"},
       {R"("memoryKiB":65536)", R"("memoryKiB":4)"},
       {R"("memoryKiB":65536)", R"("memoryKiB":4294967304)"},
       {R"("iterations":3)", R"("iterations":11)"},
@@ -61,8 +64,8 @@ TEST(UnlockConfiguration, isRefusedWhereAnyPartOfItCouldNotBeActedOn) {
       {R"(AQEBAQEBAQEBAQEBAQEBAQ==)", R"(AQEBAQEBAQEBAQEBAQEB)"},
       {R"("//)", R"("_/)"},
       {R"("hash")", R"("hush")"},
-      {R"(Z"})", R"(Z"}x)"},
-      {R"(Z"})", R"(Z")"},
+      {R"(d"})", R"(d"}x)"},
+      {R"(d"})", R"(d")"},
   };
   for (const auto& [part, replacement] : changes) {
     std::string text(kFullText);
