@@ -34,7 +34,7 @@ void confirm(const Options& options, bool yes, const std::string& warning, const
 void addReset(CLI::App& unlock, Commands& commands) {
   const auto yes = std::make_shared<bool>(false);
   CLI::App& reset = *unlock.add_subcommand(
-      "reset", "Turn the passphrase off and open, when the unlock settings cannot be read (asks)");
+      "reset", "Put fresh unlock settings in the place of those that cannot be read, and open (asks)");
   reset.add_flag("--yes", *yes, "Do not ask here first");
   reset.callback([&commands, yes] {
     commands.action = saying([yes](LockLink& link) {

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <initializer_list>
+#include <nlohmann/json.hpp>
 #include <string_view>
 #include <utility>
 
@@ -76,16 +77,41 @@ std::string requirementInWords(const LockReport& report) {
 
 std::string sessionInWords(const LockReport& report) {
   std::string words = "It stays open when your login session is locked.";
-  if (report.followsSession) {
+  if (report.followsSession && !report.sessionIsReported) {
+    words = "It is set to lock with your login session.";
+  } else if (report.followsSession) {
     words = report.requirement == "off" ? "It opens and locks with your login session."
                                         : "It locks with your login session.";
   }
   return report.isManaged ? words + " Your organization decided so." : words;
 }
 
-}  // namespace
+/// Most names in a sentence; who has more looks them up.
+constexpr std::size_t kMostNamed = 20;
 
-std::string unlockVault(LockLink& link, agent::OwnerLock::Method method) {
+/// What a passphrase cannot undo: values that lay readable until now are in every copy that was made of them.
+std::string adviceOnCopies(const LockLink& link) {
+  const std::string copies = "A copy of the files that was made before this still opens without the passphrase. ";
+  try {
+    Session session(link.options());
+    const base::Json document = session.read("secretList");
+    const base::Json& secrets = items(document, "secrets");
+    if (secrets.empty()) return "";
+    std::string names;
+    for (std::size_t i = 0; i < std::min(secrets.size(), kMostNamed); ++i) {
+      names += (i == 0 ? "" : ", ") + cell(secrets[i], "name");
+    }
+    if (secrets.size() > kMostNamed) {
+      names += " and " + std::to_string(secrets.size() - kMostNamed) + " more (sorvane secret list)";
+    }
+    return copies + "Such a copy holds these keys, so rotate them: " + names + ".";
+  } catch (const Failure&) {
+    return copies + "Rotate every key that sorvane held until now; sorvane secret list names them.";
+  }
+}
+
+/// One attempt: the system's check where it is asked for, then the passphrase where one is needed.
+std::string tryUnlock(LockLink& link, agent::OwnerLock::Method method) {
   const LockReport report = link.report();
   if (report.isUnlocked) return "sorvane is open already.";
   if (report.prompt == "reset") {
@@ -104,11 +130,24 @@ std::string unlockVault(LockLink& link, agent::OwnerLock::Method method) {
     if (outcome.kind == Kind::done) return sentenceOr(outcome, "sorvane is open.");
     request.method.reset();
   }
-  const LockOutcome outcome = askTyped(link, report, request, {"wrong_passphrase"}, [&link](OwnerRequest& typed) {
-    typed.passphrase = readPassphrase(link.options(), kPresent);
-  });
+  request.passphrase = readPassphrase(link.options(), kPresent);
+  const LockOutcome outcome = link.askOwner(request, report);
   if (outcome.kind != Kind::done) throw notUnderstood();
   return sentenceOr(outcome, "sorvane is open.");
+}
+
+}  // namespace
+
+std::string unlockVault(LockLink& link, agent::OwnerLock::Method method) {
+  for (int tries = 1;; ++tries) {
+    try {
+      return tryUnlock(link, method);
+    } catch (const Failure& failure) {
+      // A wrong passphrase ends the attempt, the system's check included: the next one begins with it again.
+      if (failure.code() != "wrong_passphrase" || tries == kMostTries || !isTypedHere(link.options())) throw;
+      note(failure.sentence());
+    }
+  }
 }
 
 std::string lockVault(LockLink& link, agent::OwnerLock::Lock lock) {
@@ -135,7 +174,11 @@ std::string setPassphrase(LockLink& link, const std::optional<std::string>& requ
     typed.newPassphrase = std::move(chosen.text);
     typed.confirmation = std::move(chosen.confirmation);
   });
-  return sentenceOr(outcome, "The passphrase is set. Nobody can find it out for you: without it, only a backup helps.");
+  std::string said =
+      sentenceOr(outcome, "The passphrase is set. Nobody can find it out for you: without it, only a backup helps.");
+  if (report.storeIsSealed || !link.report().storeIsSealed) return said;
+  const std::string advice = adviceOnCopies(link);
+  return advice.empty() ? said : std::move(said) + " " + advice;
 }
 
 std::string changePassphrase(LockLink& link) {
@@ -183,7 +226,9 @@ std::string resetUnlockSettings(LockLink& link) {
   const LockReport report = link.report();
   OwnerRequest request;
   request.op = OwnerOp::reset;
-  return sentenceOr(link.askOwner(request, report), "The unlock settings are reset and sorvane is open.");
+  const LockOutcome outcome = link.askOwner(request, report);
+  const std::string kept = link.report().hasPassphrase ? " Its passphrase is as it was." : "";
+  return sentenceOr(outcome, "The unlock settings are reset and sorvane is open." + kept);
 }
 
 std::string warningOfNoPassphrase() {
@@ -191,9 +236,7 @@ std::string warningOfNoPassphrase() {
 }
 
 std::string warningOfReset(const LockReport& report) {
-  return report.sentence +
-         " The reset turns the passphrase off and opens sorvane, once it was checked that it is you. Your secrets are "
-         "not changed. Set a new passphrase afterwards with sorvane passphrase set.";
+  return report.sentence;
 }
 
 bool canSetFirst(const LockReport& report) {
@@ -209,7 +252,7 @@ std::vector<std::string> describeLock(const LockReport& report) {
                     (report.waitSeconds == 1 ? " second." : " seconds."));
   }
   lines.push_back(requirementInWords(report));
-  if (report.systemCheckUnavailable) lines.push_back(*report.systemCheckUnavailable);
+  if (report.systemCheckUnavailable && report.requirement != "only") lines.push_back(*report.systemCheckUnavailable);
   lines.push_back(sessionInWords(report));
   lines.push_back(report.storeIsSealed
                       ? "The values in the " + report.store + " store are sealed under the passphrase."

@@ -21,7 +21,7 @@ std::string changeRequirement(LockLink& link, const std::string& requirement);
 std::string changeFollowsSession(LockLink& link, bool follows);
 std::string resetUnlockSettings(LockLink& link);
 
-/// What is to be confirmed in words before a change that weakens the lock.
+/// What is to be confirmed in words before a change that weakens the lock; of a reset, the application's own words.
 std::string warningOfNoPassphrase();
 std::string warningOfReset(const agent::LockReport& report);
 

@@ -19,7 +19,9 @@ using agent::LockOutcome;
 
 constexpr char kLocked[] =
     "sorvane is locked, so nothing was shared. Its owner opens it with sorvane unlock. Then try again.";
-constexpr char kOpening[] = "sorvane is just opening or closing, so nothing was shared. Try again in a moment.";
+constexpr char kOpening[] =
+    "sorvane is open, but its agent socket does not answer, so nothing was shared. It may be just opening or closing: "
+    "try again. If it stays so, run sorvane lock and then sorvane unlock.";
 
 struct CodeExit {
   std::string_view code;

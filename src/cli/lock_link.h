@@ -12,8 +12,8 @@ namespace sorvane::cli {
 /// What sorvaned says of its lock; nullopt when nobody serves "owner.sock" of the folder, or does so without sense.
 std::optional<agent::LockReport> lockReportOf(const std::filesystem::path& supportFolder);
 
-/// Why nothing can be asked of a running sorvaned whose agent socket is not there: it is locked, or just opening or
-/// closing. nullopt when it does not run. The one place of these sentences.
+/// Why nothing can be asked of a running sorvaned whose agent socket is not there: it is locked, or open without
+/// it. nullopt when it does not run. The one place of these sentences.
 struct Closed {
   std::string code, sentence;
 };

@@ -110,6 +110,11 @@ base::SecretText readPassphrase(const Options& options, const std::string& what)
     text = askProgram(program, what + ": ");
   }
   if (text.empty()) throw nothingGiven();
+  if (text.size() > kMostPassphraseBytes) {
+    throw Failure(kUsage, "too_long",
+                  "A passphrase has at most " + std::to_string(kMostPassphraseBytes) +
+                      " bytes, and this one is longer, so nothing was changed. Give a shorter one.");
+  }
   if (!base::isUtf8(text.view()) || text.view().find('\0') != std::string_view::npos) {
     throw Failure(kUsage, "not_text", "What was given cannot be read as text, so nothing was changed. Try again.");
   }

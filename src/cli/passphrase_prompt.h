@@ -12,6 +12,9 @@ namespace sorvane::cli {
 /// and any exit code but 0 means that none was given.
 inline constexpr char kAskpassVariable[] = "SORVANE_ASKPASS";
 
+/// The most bytes of a passphrase, as on the terminal of sorvaned: one that is longer is refused, never cut.
+inline constexpr std::size_t kMostPassphraseBytes = 1024;
+
 /// Whether a person types here, so that a wrong passphrase may be asked for again.
 bool isTypedHere(const Options& options);
 

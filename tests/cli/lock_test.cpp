@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <spawn.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -10,6 +11,7 @@
 #include <nlohmann/json.hpp>
 
 #include "agent/owner_server.h"
+#include "base/descriptor.h"
 #include "support/corpus.h"
 #include "support/doubles.h"
 #include "support/owner_lock_double.h"
@@ -35,7 +37,7 @@ class Lock : public ::testing::Test {
     report.prompt = "passphrase";
     report.sentence = "sorvane opens with its passphrase.";
     report.requirement = "only";
-    report.hasPassphrase = report.followsSession = report.storeIsSealed = true;
+    report.hasPassphrase = report.followsSession = report.sessionIsReported = report.storeIsSealed = true;
     report.store = "embedded";
     report.notices = {"A copy of the files can be tried at leisure."};
     report.version = "1.2.3";
@@ -85,6 +87,47 @@ class Lock : public ::testing::Test {
     int status = 0;
     ::waitpid(child, &status, 0);
     return {WIFEXITED(status) ? WEXITSTATUS(status) : 128, textOfFile(out), textOfFile(err)};
+  }
+
+  /// The same with a person at a terminal, who types the lines, one for each time that a passphrase is asked for.
+  Ran runTyped(std::vector<std::string> words, const std::vector<std::string>& typed) {
+    words.insert(words.begin(), SORVANE_BUILD "/sorvane");
+    words.insert(words.begin() + 2, {"--support-dir", folder_.path().string()});
+    std::vector<std::string> variables{"PATH=/usr/bin:/bin"};
+    const base::Descriptor person(::posix_openpt(O_RDWR | O_NOCTTY | O_CLOEXEC));
+    EXPECT_EQ(::grantpt(person.get()) + ::unlockpt(person.get()), 0);
+    const std::string name = ::ptsname(person.get());
+    posix_spawn_file_actions_t files;
+    ::posix_spawn_file_actions_init(&files);
+    // The first terminal that the leader of a session opens is its own.
+    for (int i = 0; i < 3; ++i) ::posix_spawn_file_actions_addopen(&files, i, name.c_str(), O_RDWR, 0);
+    posix_spawnattr_t attributes;
+    ::posix_spawnattr_init(&attributes);
+    ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID);
+    pid_t child = 0;
+    EXPECT_EQ(::posix_spawn(&child, words[0].c_str(), &files, &attributes, pointers(words).data(),
+                            pointers(variables).data()),
+              0);
+    ::posix_spawnattr_destroy(&attributes);
+    ::posix_spawn_file_actions_destroy(&files);
+    Ran ran;
+    std::size_t asked = 0, seen = 0;
+    for (char piece[256];;) {
+      const ssize_t got = ::read(person.get(), piece, sizeof piece);
+      if (got <= 0) break;  // the program has gone
+      ran.output.append(piece, static_cast<std::size_t>(got));
+      constexpr std::string_view kAsks = "(not shown): ";
+      for (std::size_t at = 0; (at = ran.output.find(kAsks, seen)) != std::string::npos; ++asked) {
+        seen = at + kAsks.size();
+        const std::string line = (asked < typed.size() ? typed[asked] : "\x03") + "\r";
+        EXPECT_EQ(::write(person.get(), line.data(), line.size()), static_cast<ssize_t>(line.size()));
+      }
+    }
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    ran.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128;
+    EXPECT_EQ(asked, typed.size()) << ran.output;
+    return ran;
   }
 
   TemporaryFolder folder_;
@@ -137,9 +180,13 @@ TEST_F(Lock, statusSaysHowItStandsAndWhatOpensItInEachState) {
             "The values in the embedded store are sealed under the passphrase.\n"
             "A copy of the files can be tried at leisure.\n");
   agent::LockReport& report = lock_.lockReport;
+  report.systemCheckUnavailable = "Install polkit.";
+  report.sessionIsReported = false;
+  const Ran alone = run({"status"});
+  EXPECT_EQ(alone.output.find("Install polkit."), std::string::npos) << "the passphrase alone opens it";
+  EXPECT_NE(alone.output.find("It is set to lock with your login session."), std::string::npos) << alone.output;
   report.heldLocked = report.isManaged = true;
   report.waitSeconds = 30;
-  report.systemCheckUnavailable = "Install polkit.";
   report.storeIsSealed = false;
   report.requirement = "withSystem";
   const Ran held = run({"status"});
@@ -210,6 +257,57 @@ TEST_F(Lock, refusalsShowTheirSentenceAndHaveTheirExitCodes) {
     EXPECT_EQ(ran.status, c.status) << c.code;
     EXPECT_EQ(json::parse(ran.output)["error"]["code"], c.shown);
   }
+}
+
+TEST_F(Lock, aMistypedPassphraseBeginsAgainWithTheSystemsCheckThatItEnded) {
+  const LockOutcome needs{Kind::needsPassphrase, "", ""}, wrong{Kind::refused, "wrongPassphrase", "Wrong passphrase."};
+  lock_.lockReport.requirement = "withSystem";
+  lock_.lockReport.prompt = "system";
+  outcomes_ = {needs, wrong, needs, {}};
+  const Ran both = runTyped({"unlock"}, {"mistyped", "right"});
+  EXPECT_EQ(both.status, 0) << both.output;
+  const std::vector<std::string> calls{"system first", "passphrase mistyped", "system first", "passphrase right"};
+  EXPECT_EQ(lock_.calls(), calls);
+  EXPECT_EQ(both.output.find("mistyped"), std::string::npos);
+  lock_.lockReport.requirement = "only";
+  lock_.lockReport.prompt = "passphrase";
+  outcomes_ = {wrong, wrong, wrong};
+  const Ran alone = runTyped({"unlock"}, {"one", "two", "three"});
+  EXPECT_EQ(alone.status, 77) << alone.output;
+  EXPECT_EQ(alone.output.find("Waiting for"), std::string::npos) << alone.output;
+}
+
+TEST_F(Lock, whatSealsTheValuesTellsOfTheCopiesThatStayReadable) {
+  lock_.lockReport.isUnlocked = true;
+  lock_.lockReport.hasPassphrase = lock_.lockReport.storeIsSealed = false;
+  const auto set = [this] { return run({"passphrase", "set"}, asker({"new words", "new words"})).errors; };
+  EXPECT_EQ(set().find("copy"), std::string::npos) << "nothing was sealed";
+  lock_.reply = [this](const agent::LockCaller&) {
+    lock_.lockReport.storeIsSealed = true;
+    return LockOutcome{};
+  };
+  const std::string said = set();
+  EXPECT_NE(said.find("made before this still opens without the passphrase."), std::string::npos) << said;
+  EXPECT_NE(said.find("Rotate every key"), std::string::npos) << said;
+}
+
+TEST_F(Lock, aPassphraseThatIsTooLongIsRefusedAndNeverCut) {
+  EXPECT_EQ(run({"unlock"}, asker({std::string(1024, 'x')})).status, 0);
+  const std::size_t before = lock_.calls().size();
+  const Ran ran = run({"unlock"}, asker({std::string(1025, 'x')}));
+  EXPECT_EQ(ran.status, 2);
+  EXPECT_NE(ran.errors.find("has at most 1024 bytes"), std::string::npos) << ran.errors;
+  EXPECT_EQ(lock_.calls().size(), before);
+}
+
+TEST_F(Lock, aResetIsExplainedInTheApplicationsOwnWords) {
+  lock_.lockReport.prompt = "reset";
+  lock_.lockReport.sentence = "The settings are missing. A reset keeps the passphrase.";
+  const Ran asked = run({"unlock", "reset"});
+  EXPECT_EQ(asked.status, 2);
+  EXPECT_EQ(asked.errors.find("turns the passphrase off"), std::string::npos) << asked.errors;
+  EXPECT_NE(asked.errors.find(lock_.lockReport.sentence), std::string::npos) << asked.errors;
+  EXPECT_NE(run({"unlock", "reset", "--yes"}).errors.find("Its passphrase is as it was."), std::string::npos);
 }
 
 TEST_F(Lock, whatNeedsAPassphraseOrAWordFirstSaysSoAndAsksNobody) {
