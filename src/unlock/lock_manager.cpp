@@ -27,7 +27,7 @@ OwnerPresence::Check checkOf(LockManager::Button button, const UnlockHardware& h
 /// Whether the event locks what is locked already: a store may be open all the same, for an attempt or a reset.
 bool locks(LockEvent event, bool followsSession) {
   return event == LockEvent::lock || event == LockEvent::hold || event == LockEvent::resetFailed ||
-         (event == LockEvent::sessionLost && followsSession);
+         event == LockEvent::givenUp || (event == LockEvent::sessionLost && followsSession);
 }
 
 }  // namespace
@@ -42,6 +42,7 @@ LockManager::~LockManager() {
 void LockManager::start() {
   hardware_ = dependencies_.hardware();
   settings_.setManagedFollowsSession(dependencies_.managedFollowsSession());
+  state_.heldLocked = dependencies_.gate.isHeld();
   loadSettings();
   const auto session =
       dependencies_.signals.observe([this, toMain = toMain()](const SessionState& state, SessionSignals::Hold hold) {
@@ -53,18 +54,48 @@ void LockManager::start() {
 }
 
 LockRules LockManager::rules() const {
-  return {.requirement = settings_.configuration().requirement,
+  return {.requirement = asked(),
           .followsSession = settings_.followsSession(),
           .settingsReadable = settings_.isReadable(),
           .sessionReported = sessionReported_};
 }
 
+PassphraseRequirement LockManager::asked() const {
+  const PassphraseRequirement requirement = settings_.configuration().requirement;
+  const bool isUncheckable = requirement == PassphraseRequirement::withSystem && state_.phase == LockPhase::locked &&
+                             dependencies_.gate.isSealed() && dependencies_.presence.unavailable();
+  return isUncheckable ? PassphraseRequirement::only : requirement;
+}
+
+bool LockManager::isOverdue() const {
+  return pendingSince_ && dependencies_.now.instant() - *pendingSince_ > kLongestWait;
+}
+
+void LockManager::expire() {
+  // The owner is being asked: that ends by itself.
+  if (!isOverdue() || questionReply_) return;
+  pendingSince_.reset();
+  if (state_.phase == LockPhase::needsPassphrase) apply(LockEvent::attemptFailed);
+  if (state_.phase == LockPhase::locked) closeGate();
+}
+
+void LockManager::keepHold() {
+  try {
+    dependencies_.gate.setHeld(state_.heldLocked);
+  } catch (const UnlockError& error) {
+    base::diagnose("unlock", describe(error));
+  }
+}
+
 void LockManager::apply(LockEvent event) {
-  const bool wasUnlocked = state_.isUnlocked();
+  const LockPhase phase = state_.phase;
+  const bool wasUnlocked = state_.isUnlocked(), wasHeld = state_.heldLocked;
   state_ = nextState(state_, event, rules());
+  if (state_.phase == LockPhase::needsPassphrase && phase != state_.phase) pendingSince_ = dependencies_.now.instant();
   generation_->store(state_.generation);
   if (state_.isUnlocked() != wasUnlocked && onUnlockChange) onUnlockChange(state_.isUnlocked());
   if (!state_.isUnlocked() && (wasUnlocked || locks(event, settings_.followsSession()))) closeGate();
+  if (state_.heldLocked != wasHeld) keepHold();
 }
 
 void LockManager::closeGate() {
@@ -81,6 +112,7 @@ void LockManager::loadSettings() {
 }
 
 void LockManager::followSession(const SessionState& session) {
+  expire();
   apply(session.available() ? LockEvent::sessionBack : LockEvent::sessionLost);
   if (!state_.sessionAvailable && settings_.followsSession()) dropQuestion();
 }
@@ -102,12 +134,13 @@ LockManager::Then LockManager::whileFresh(Then then) const {
 }
 
 std::optional<UnlockError> LockManager::obstacle() {
+  expire();
   // What a reset does not mend may have mended itself: the credential store may be open by now.
   if (!settings_.isReadable() && !settings_.resetCause()) loadSettings();
   if (settings_.resetCause() && !settings_.isReadable()) return settings_.resetCause();
   if (settings_.isStoreLost()) return UnlockError::storeLost(settings_.loadFailure());
   if (!settings_.isReadable()) return UnlockError::storage(settings_.loadFailure());
-  if (settings_.followsSession() && !state_.sessionAvailable) return UnlockError(Case::cancelled);
+  if (settings_.followsSession() && !state_.sessionAvailable) return UnlockError::staysLocked(kSessionUnavailable);
   return std::nullopt;
 }
 
@@ -117,8 +150,8 @@ LockManager::Prompt LockManager::prompt() const {
   if (settings_.followsSession() && !state_.sessionAvailable) {
     return UnavailablePrompt{std::string(kSessionUnavailable)};
   }
-  const bool wantsPassphrase = settings_.configuration().requirement == PassphraseRequirement::only ||
-                               state_.phase == LockPhase::needsPassphrase ||
+  const bool wantsPassphrase = asked() == PassphraseRequirement::only ||
+                               (state_.phase == LockPhase::needsPassphrase && !isOverdue()) ||
                                state_.phase == LockPhase::checkingPassphrase;
   if (wantsPassphrase) return PassphrasePrompt{};
   if (auto sentence = dependencies_.presence.unavailable()) return UnavailablePrompt{*std::move(sentence)};
@@ -128,7 +161,7 @@ LockManager::Prompt LockManager::prompt() const {
 void LockManager::unlockWithSystem(Button button, OutcomeReply reply) {
   if (state_.isUnlocked()) return reply(Opened{});
   if (auto error = obstacle()) return reply(*std::move(error));
-  if (settings_.configuration().requirement == PassphraseRequirement::only) return reply(NeedsPassphrase{});
+  if (asked() == PassphraseRequirement::only) return reply(NeedsPassphrase{});
   dropQuestion();
   apply(LockEvent::systemAsked);
   // A passphrase that is being checked finishes first.
@@ -176,6 +209,7 @@ void LockManager::giveUp() {
 }
 
 std::int64_t LockManager::waitSeconds() {
+  expire();
   const auto until = backOff_.waitsUntil(settings_.configuration());
   if (!until) return 0;
   return std::chrono::ceil<std::chrono::seconds>(*until - dependencies_.now.wall()).count();
@@ -257,7 +291,9 @@ void LockManager::checked(const Tried& tried, const Then& then) {
   }
   then(error);
   // What the attempt opened stays so for an open vault, and for the reset that it came upon.
-  if (!state_.isUnlocked() && settings_.isReadable()) closeGate();
+  if (state_.isUnlocked()) return;
+  if (settings_.isReadable()) return closeGate();
+  pendingSince_ = dependencies_.now.instant();
 }
 
 void LockManager::countFailure() {
@@ -269,11 +305,16 @@ void LockManager::countFailure() {
 
 std::optional<UnlockError> LockManager::honour(const Tried& tried) {
   const UnlockConfiguration before = settings_.configuration();
+  UnlockConfiguration expected = before;
+  // The passphrase was taken without the check that nobody can make: the settings may do without it.
+  const bool isUnchecked =
+      before.requirement == PassphraseRequirement::withSystem && !state_.isUnlocked() && !state_.systemCheckPassed;
+  if (isUnchecked) expected.requirement = PassphraseRequirement::only;
   // What could not be saved is newer than what is stored.
   UnlockConfiguration configuration = settings_.unsaved() || !tried.stored ? before : *tried.stored;
   if (!settings_.unsaved() && !state_.isUnlocked()) {
     auto refused = tried.unreadable;
-    if (!refused && agreementOf(configuration, before) == Agreement::damaged) {
+    if (!refused && agreementOf(configuration, expected) == Agreement::damaged) {
       refused = UnlockError(Case::settingsDamaged);
     }
     if (refused) {
@@ -281,16 +322,19 @@ std::optional<UnlockError> LockManager::honour(const Tried& tried) {
       return refused;
     }
   }
-  const bool asksMore = agreementOf(configuration, before) == Agreement::asksMore;
+  const bool asksMore = agreementOf(configuration, expected) == Agreement::asksMore;
   const bool counted = before.failedAttempts != 0 || before.lastFailure || configuration.failedAttempts != 0 ||
                        configuration.lastFailure;
   backOff_.noteSuccess(configuration);
-  if (!counted && !asksMore && !settings_.unsaved()) {
+  if (!counted && configuration.requirement == before.requirement && !settings_.unsaved()) {
     settings_.adopted(configuration);
   } else if (const auto unsaved = settings_.change(configuration)) {
     base::diagnose("unlock", describe(*unsaved));
   }
-  return asksMore ? std::optional(stale()) : std::nullopt;
+  if (!asksMore) return std::nullopt;
+  if (!isUnchecked) return UnlockError::staysLocked(kLockFileChanged);
+  const auto missing = dependencies_.presence.unavailable();
+  return missing ? UnlockError::systemCheckMissing(*missing) : stale();
 }
 
 }  // namespace sorvane::unlock

@@ -84,6 +84,9 @@ class LockManager {
     base::SecretText text, confirmation;
   };
 
+  /// How long a passed system check stays good for a passphrase, and a store open for the reset of its settings.
+  static constexpr std::chrono::minutes kLongestWait{2};
+
   explicit LockManager(Dependencies dependencies);
   ~LockManager();
   LockManager(const LockManager&) = delete;
@@ -106,7 +109,7 @@ class LockManager {
 
   /// Asks the system. With requirement "only" nobody is asked and the passphrase is needed.
   void unlockWithSystem(Button button, OutcomeReply reply);
-  /// Checks the passphrase, which with requirement "withSystem" comes after the system check.
+  /// Checks the passphrase, which with requirement "withSystem" comes within kLongestWait after the system check.
   void unlockWithPassphrase(base::SecretText passphrase, OutcomeReply reply);
   /// Closes the vault and makes every attempt under way stale.
   void lock();
@@ -126,7 +129,7 @@ class LockManager {
   /// way. The vault stays locked then, and asks for it.
   void setPassphrase(NewPassphrase passphrase, PassphraseRequirement requirement, ChangeReply reply);
   void changePassphrase(base::SecretText current, NewPassphrase passphrase, ChangeReply reply);
-  /// Of a store that is sealed under it, the current passphrase is asked in any case.
+  /// Of a store that is sealed under it, the current passphrase is asked in any case, here and for the requirement.
   void removePassphrase(std::optional<base::SecretText> current, ChangeReply reply);
   /// `off` is removePassphrase. For another one a passphrase must be set; without it nothing changes and the reply is
   /// wrongPassphrase.
@@ -146,6 +149,13 @@ class LockManager {
   using Then = std::function<void(std::optional<UnlockError>)>;
 
   LockRules rules() const;
+  /// What opens the vault now. The file of a sealed store may ask for a system check that cannot be had, and may have
+  /// been changed: the passphrase is taken then, and the settings behind it decide.
+  PassphraseRequirement asked() const;
+  /// Ends what waited longer than kLongestWait for its other half. There is no timer: the next event finds out.
+  void expire();
+  bool isOverdue() const;
+  void keepHold();
   void apply(LockEvent event);
   void followSession(const SessionState& session);
   /// Why no attempt can be begun now.
@@ -205,6 +215,8 @@ class LockManager {
   UnlockSettings settings_;
   BackOff backOff_;
   LockState state_;
+  /// When a system check was passed that a passphrase is to follow, or a store left open for a reset.
+  std::optional<base::Instant> pendingSince_;
   bool sessionReported_ = false;
   bool checkingPassphrase_ = false;
   bool changingStore_ = false;

@@ -175,13 +175,15 @@ void LockManager::changeRequirement(PassphraseRequirement requirement, std::opti
   if (requirement == PassphraseRequirement::withSystem && dependencies_.presence.unavailable()) {
     return reply(noSystemCheck());
   }
-  authorize(std::string(kRequirementReason), shared(std::move(current)),
-            [this, requirement, reply = std::move(reply)](std::optional<UnlockError> error) {
-              if (error) return reply(std::move(error));
-              UnlockConfiguration configuration = settings_.configuration();
-              configuration.requirement = requirement;
-              save(std::move(configuration), reply);
-            });
+  const Then then = [this, requirement, reply = std::move(reply)](std::optional<UnlockError> error) {
+    if (error) return reply(std::move(error));
+    UnlockConfiguration configuration = settings_.configuration();
+    configuration.requirement = requirement;
+    save(std::move(configuration), reply);
+  };
+  const std::string reason(kRequirementReason);
+  dependencies_.gate.isSealed() ? authorizeWith(reason, shared(std::move(current)), then)
+                                : authorize(reason, shared(std::move(current)), then);
 }
 
 void LockManager::changeFollowsSession(bool follows, std::optional<base::SecretText> current, ChangeReply reply) {
@@ -206,6 +208,7 @@ void LockManager::save(UnlockConfiguration configuration, const ChangeReply& rep
 }
 
 void LockManager::reset(OutcomeReply reply) {
+  expire();
   if (settings_.isReadable() || !settings_.resetCause()) return reply(UnlockError(Case::cancelled));
   const Then confirmed = [this, reply = std::move(reply)](std::optional<UnlockError> error) {
     if (error) return reply(*std::move(error));

@@ -37,7 +37,7 @@ enum class LockEvent {
   sessionLost,
   sessionBack,
   resetGranted,
-  resetFailed,
+  resetFailed,  ///< confirmed, and could not be saved; one that the owner declined changed nothing and is none
 };
 
 /// What the settings and the system say at the time of an event.

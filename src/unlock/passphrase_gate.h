@@ -29,6 +29,11 @@ class PassphraseGate {
   /// Wipes the key of the store from memory; a sealed store needs its passphrase again.
   virtual void close() = 0;
 
+  /// Whether the vault is held locked, as it was kept across a restart. What cannot be read counts as yes.
+  virtual bool isHeld() const = 0;
+  /// Keeps it. Throws UnlockError storage.
+  virtual void setHeld(bool held) = 0;
+
   /// Whether the store cannot be opened without the passphrase.
   virtual bool isSealed() const = 0;
   /// What a reset puts in force: nothing that a store needs, but of a sealed one the passphrase that opened it and how

@@ -15,6 +15,10 @@
 
 namespace sorvane::unlock {
 
+/// The file beside store.wrap that is there while the vault is held locked. It is no secret and guards nothing: a
+/// program that may remove it may read a store without a passphrase as well.
+inline constexpr std::string_view kHoldName = "locked.hold";
+
 /// StoreGate stands before the credential store in use. It keeps the unlock configuration there, and the store key of a
 /// store that can be sealed in the file store.wrap, sealed under the passphrase. While the gate is closed a sealed
 /// store's configuration is what that file says: a verifier of no more than its salt, and the record of wrong
@@ -53,6 +57,8 @@ class StoreGate final : public PassphraseGate, public UnlockConfigurationStore {
   void adopt(const base::SecretText& passphrase, const UnlockConfiguration& configuration) override;
   void release(const UnlockConfiguration& configuration) override;
   void close() override;
+  bool isHeld() const override;
+  void setHeld(bool held) override;
   bool isSealed() const override;
   UnlockConfiguration fresh() const override;
 
@@ -86,6 +92,7 @@ class StoreGate final : public PassphraseGate, public UnlockConfigurationStore {
   Store usable() REQUIRES(mutex_);
   void openDoor(Store store) REQUIRES(mutex_);
   void shutDoor() REQUIRES(mutex_);
+  std::filesystem::path holdPath() const;
   UnlockConfiguration loadFrom(vault::SecretStore& store) REQUIRES(mutex_);
   void saveInto(vault::SecretStore& store, const UnlockConfiguration& configuration) REQUIRES(mutex_);
 

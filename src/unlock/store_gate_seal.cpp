@@ -39,6 +39,29 @@ void StoreGate::writeWrap(const StoreWrap& wrap) {
   ports_.files.writeAtomically(ports_.wrap, encodeWrap(wrap).bytes());
 }
 
+std::filesystem::path StoreGate::holdPath() const {
+  return ports_.wrap.parent_path() / kHoldName;
+}
+
+bool StoreGate::isHeld() const {
+  try {
+    return ports_.files.identity(holdPath()).has_value();
+  } catch (const base::FileError& error) {
+    diagnose(error);
+    return true;
+  }
+}
+
+void StoreGate::setHeld(bool held) {
+  try {
+    const std::string mark = "held\n";
+    held ? static_cast<void>(ports_.files.writeAtomically(holdPath(), base::bytesOf(mark)))
+         : ports_.files.remove(holdPath());
+  } catch (const base::FileError& error) {
+    throw UnlockError::storage(error.sentence());
+  }
+}
+
 /// Without a wrap that can be read nothing is moved or removed, but for a copy that no wrap speaks of.
 void StoreGate::settle() {
   if (isSettled_ || kind_.sealable == nullptr) return;

@@ -87,6 +87,16 @@ UnlockError UnlockError::systemCheckFailed(const SystemCheckFailure& failure) {
   return error;
 }
 
+UnlockError UnlockError::systemCheckMissing(const std::string& sentence) {
+  UnlockError error(Case::systemCheckFailed, sentence);
+  error.failure_ = SystemCheckFailure{OwnerPresence::Failed::kNotInteractive, false};
+  return error;
+}
+
+UnlockError UnlockError::staysLocked(std::string_view sentence) {
+  return {Case::cancelled, std::string(sentence)};
+}
+
 bool UnlockError::operator==(const UnlockError& other) const {
   return kind_ == other.kind_ && until_ == other.until_ && failure_ == other.failure_ && cause_ == other.cause_;
 }

@@ -49,6 +49,10 @@ class UnlockError : public base::Error {
   /// `storage` of a store that nothing here opens again; `sentence` says so and what to do, and is what is shown.
   static UnlockError storeLost(const std::string& sentence);
   static UnlockError systemCheckFailed(const SystemCheckFailure& failure);
+  /// `systemCheckFailed` where nobody can be asked; `sentence` says what to do about it, and is what is shown.
+  static UnlockError systemCheckMissing(const std::string& sentence);
+  /// `cancelled` with a sentence of its own.
+  static UnlockError staysLocked(std::string_view sentence);
 
   Case kind() const { return kind_; }
   const std::optional<base::Date>& until() const { return until_; }
@@ -86,6 +90,11 @@ inline constexpr std::string_view kMethodExplanation =
     "The lock screen offers the first available method. Use password is always one click away.";
 inline constexpr std::string_view kSessionUnavailable =
     "Your session is locked, asleep or not in front. sorvane stays locked until you are back in it.";
+
+inline constexpr std::string_view kLockFileChanged =
+    "The file of sorvane’s lock asked less than its settings do: somebody may have changed it. sorvane stays locked "
+    "and "
+    "goes by its settings now. Unlock it again.";
 
 // Why the owner is asked, as the system's prompt shows it.
 inline constexpr std::string_view kUnlockReason = "Unlock sorvane";

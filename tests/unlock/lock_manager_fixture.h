@@ -88,12 +88,14 @@ class MemoryGate final : public unlock::PassphraseGate {
     isOpen = false;
     ++closings;
   }
+  bool isHeld() const override { return held; }
+  void setHeld(bool keep) override { held = keep; }
   bool isSealed() const override { return sealed; }
   unlock::UnlockConfiguration fresh() const override { return kept; }
 
   std::function<void()> whenTried;
   unlock::UnlockConfiguration kept;
-  bool isOpen = false, sealed = false;
+  bool isOpen = false, sealed = false, held = false;
   int closings = 0;
 
  private:

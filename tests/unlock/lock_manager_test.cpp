@@ -86,6 +86,14 @@ TEST_F(UnlockingTheVault, wantsSystemAndPassphraseInThatOrderWhereBothAreRequire
   EXPECT_EQ(ended(), Words{kCancelled});
   askSystem();
   granted();
+  EXPECT_EQ(ended(), Words{"needs passphrase"});
+  clock_.advance(2min + 1s);
+  EXPECT_NE(manager().prompt(), LockManager::Prompt(LockManager::PassphrasePrompt{}));
+  give(kRight);
+  EXPECT_EQ(ended(), Words{kCancelled});
+  askSystem();
+  granted();
+  clock_.advance(2min);
   give(kRight);
   EXPECT_EQ(ended(), (Words{"needs passphrase", "opened"}));
   EXPECT_TRUE(manager().openedBySystemCheck());
@@ -314,7 +322,7 @@ TEST_F(FollowingTheSession, opensWithItAndClosesForEveryWayToLeaveIt) {
     EXPECT_EQ(manager().prompt(),
               LockManager::Prompt(LockManager::UnavailablePrompt{std::string(kSessionUnavailable)}));
     askSystem();
-    EXPECT_EQ(ended(), Words{kCancelled});
+    EXPECT_EQ(ended(), Words{std::string(kSessionUnavailable)});
     tell({});
     EXPECT_EQ(changes_, (std::vector<bool>{false, true}));
   }
@@ -359,9 +367,14 @@ TEST_F(FollowingTheSession, doesNotOpenAVaultThatIsHeld) {
   tell({.screenLocked = true});
   tell({});
   EXPECT_FALSE(manager().isUnlocked());
+  // Nor does a new start.
+  manager_.reset();
+  EXPECT_FALSE(manager().isUnlocked());
+  EXPECT_TRUE(manager().state().heldLocked);
   askSystem();
   granted();
   EXPECT_EQ(ended(), Words{"opened"});
+  EXPECT_FALSE(gate_.held);
   tell({.screenLocked = true});
   tell({});
   EXPECT_TRUE(manager().isUnlocked());
@@ -587,7 +600,7 @@ TEST_F(SettingsBehindThePassphrase, areHonouredWhereTheyAskMore) {
   more.requirement = Requirement::withSystem;
   turnOut(more);
   give(kRight);
-  EXPECT_EQ(ended(), Words{kCancelled});
+  EXPECT_EQ(ended(), Words{std::string(kLockFileChanged)});
   EXPECT_TRUE(changes_.empty());
   EXPECT_FALSE(gate_.isOpen);
   EXPECT_EQ(store_.stored.requirement, Requirement::withSystem);
@@ -644,6 +657,57 @@ TEST_F(SettingsBehindThePassphrase, areDamagedWhereTheyAskLessAndAreResetWithThe
   }
 }
 
+TEST_F(SettingsBehindThePassphrase, decideWhereTheFileAsksForACheckThatCannotBeHad) {
+  const UnlockConfiguration alone = store_.stored;
+  UnlockConfiguration both = alone;
+  both.requirement = Requirement::withSystem;
+  presence_.sentence = "Install what is missing.";
+  store_.stored = both;
+  turnOut(both);
+  EXPECT_EQ(manager().prompt(), LockManager::Prompt(LockManager::PassphrasePrompt{}));
+  askSystem();
+  give(kRight);
+  EXPECT_EQ(ended(), (Words{"needs passphrase", "Install what is missing."}));
+  EXPECT_FALSE(gate_.isOpen);
+  turnOut(alone);
+  give(kRight);
+  EXPECT_EQ(ended(), Words{"opened"});
+  EXPECT_FALSE(manager().openedBySystemCheck());
+  EXPECT_EQ(store_.stored.requirement, Requirement::only);
+  // Less than the passphrase alone is taken for tampering all the same.
+  manager().lock();
+  store_.stored = both;
+  manager_.reset();
+  turnOut({});
+  give(kRight);
+  EXPECT_EQ(ended(), Words{UnlockError(Case::settingsDamaged).sentence()});
+}
+
+TEST_F(SettingsBehindThePassphrase, areNotLeftOpenForLong) {
+  const UnlockConfiguration known = store_.stored;
+  for (const bool isGivenUp : {true, false}) {
+    store_.stored = known;
+    manager_.reset();
+    turnOut({});
+    give(kRight);
+    ended();
+    ASSERT_TRUE(gate_.isOpen);
+    store_.stored = known;
+    if (isGivenUp) {
+      manager().giveUp();
+    } else {
+      clock_.advance(2min);
+      manager().waitSeconds();
+      EXPECT_TRUE(gate_.isOpen);
+      clock_.advance(1s);
+      manager().reset(outcome());
+      EXPECT_EQ(ended(), Words{kCancelled});
+    }
+    EXPECT_FALSE(gate_.isOpen);
+    EXPECT_EQ(manager().prompt(), LockManager::Prompt(LockManager::PassphrasePrompt{}));
+  }
+}
+
 TEST_F(SettingsBehindThePassphrase, areClosedAgainWhereNobodyResetsThem) {
   turnOut({});
   give(kRight);
@@ -674,11 +738,12 @@ TEST_F(SettingsBehindThePassphrase, wantItOnceMoreBeforeTheStoreIsReleased) {
   give(kRight);
   EXPECT_EQ(ended(), Words{"opened"});
   manager().removePassphrase({}, change());
+  manager().changeRequirement(Requirement::withSystem, {}, change());
   manager().removePassphrase(current(kWrong), change());
   granted();
   manager().changeRequirement(Requirement::off, current(kRight), change());
   granted();
-  EXPECT_EQ(ended(), (Words{kWrongText, kWrongText, "done"}));
+  EXPECT_EQ(ended(), (Words{kWrongText, kWrongText, kWrongText, "done"}));
   EXPECT_EQ(store_.stored, UnlockConfiguration{});
 }
 

@@ -209,6 +209,17 @@ struct Tampered : GatedStore {
   }
 };
 
+TEST(StoreGate, staysHeldOverARestartUntilItIsTakenBack) {
+  GatedStore gated;
+  EXPECT_FALSE(gated.gate().isHeld());
+  gated.gate().setHeld(true);
+  gated.restart();
+  EXPECT_TRUE(gated.gate().isHeld());
+  gated.gate().setHeld(false);
+  gated.gate().setHeld(false);
+  EXPECT_FALSE(gated.gate().isHeld());
+}
+
 TEST(StoreGate, knowsWhatAResetPutsInForceOfASealedStore) {
   for (const bool isMissing : {true, false}) {
     Tampered gated;
