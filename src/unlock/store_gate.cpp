@@ -39,12 +39,8 @@ void describe(StoreWrap& wrap, const UnlockConfiguration& configuration) {
 
 /// What a sealed store that is not open is asked for.
 UnlockConfiguration configurationOf(const StoreWrap& wrap) {
-  return {PassphraseVerifier{wrap.verifierSalt, {}, wrap.cost.memoryKiB, wrap.cost.iterations},
-          wrap.requirement,
-          wrap.followsSession,
-          wrap.failedAttempts,
-          wrap.lastFailure,
-          std::nullopt};
+  PassphraseVerifier verifier{wrap.verifierSalt, {}, wrap.cost.memoryKiB, wrap.cost.iterations};
+  return {std::move(verifier), wrap.requirement, wrap.followsSession, wrap.failedAttempts, wrap.lastFailure, {}};
 }
 
 void requirePassphrase(const UnlockConfiguration& configuration) {
