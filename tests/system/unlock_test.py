@@ -2,7 +2,9 @@
 import json
 import os
 import signal
+import sqlite3
 import subprocess
+import threading
 
 from house import PASSPHRASE, PROGRAMS, VALUE, House, Request, processes_with, wait_until
 from terminal import Terminal
@@ -135,3 +137,113 @@ class Unlock(House):
         self.assertTrue(self.lock()["followsSession"])
         self.does("follow-session", "off", typed=[PASSPHRASE])
         self.assertIn("It stays open when your login session is locked.", self.does("status"))
+
+    def test_requireOffAndRemoveUnsealTheValuesAndANewPassphraseSealsThemAnew(self):
+        self.open().furnish()
+        wrap, key = self.support / "store.wrap", self.support / "store.key"
+        for words in (("require", "off"), ("passphrase", "remove")):
+            self.assertTrue(wrap.exists() and not key.exists())
+            self.does(*words, "--yes", typed=[OTHER], code=77)
+            self.assertTrue(wrap.exists() and not key.exists())
+            self.does(*words, "--yes", typed=[PASSPHRASE])
+            self.assertTrue(key.exists() and not wrap.exists())
+            lock = self.lock()
+            self.assertEqual((lock["requirement"], lock["hasPassphrase"], lock["storeIsSealed"]), ("off", False, False))
+            self.does(*words, "--yes", code=0 if words[0] == "require" else 1)
+            self.assertIn("shop key", self.does("secret", "list"))
+            setting = self.start_command("passphrase", "set", "--require", "only", typed=[PASSPHRASE, PASSPHRASE])
+            self.reply("y")  # where the system can check nobody, who has the terminal of sorvaned says yes
+            said = setting()
+            self.assertIn("still opens without the passphrase", said)
+            self.assertIn("rotate them: shop key.", said)
+        self.does("lock")
+        self.does("unlock", typed=[PASSPHRASE])
+
+    def start_command(self, *words, typed):
+        """One that waits for an answer elsewhere; call what is returned for what it said."""
+        said = []
+        thread = threading.Thread(target=lambda: said.append(self.run_command(*words, typed=typed)))
+        thread.start()
+
+        def ended():
+            thread.join()
+            self.assertEqual(said[0][0], 0, said)
+            return said[0][1]
+        return ended
+
+    def test_theFilesAreUselessWithoutThePassphrase(self):
+        self.open().furnish()
+        self.does("lock")
+        self.close()
+        self.assertFalse((self.support / "store.key").exists())
+        with sqlite3.connect(f"file:{self.support}/values.db?mode=ro", uri=True) as values:
+            rows = values.execute("SELECT * FROM items").fetchall()
+        self.assertGreater(len(rows), 1)
+        self.assertNotIn(VALUE, repr(rows))
+        for file in self.support.rglob("*"):
+            if file.is_file():
+                self.assertNotIn(VALUE.encode(), file.read_bytes(), file.name)
+
+    def test_aWrapThatWasChangedOpensNothingAndTheRightOneStillDoes(self):
+        self.open().furnish()
+        self.close()
+        wrap = self.support / "store.wrap"
+        right = wrap.read_bytes()
+        support, self.support = self.support, self.folder / "other"
+        self.open()
+        self.close()
+        swapped = wrap.parent.parent.joinpath("other", "store.wrap").read_bytes()
+        self.support = support
+        document = json.loads(right)
+        bit = document["key"][:20] + ("A" if document["key"][20] != "A" else "B") + document["key"][21:]
+        values = (self.support / "values.db").read_bytes()
+        for name, text in {"one bit": json.dumps(document | {"key": bit}).encode(), "another vault's": swapped,
+                           "10 MB": right + b" " * (10 << 20), "from the future": json.dumps(document | {"format": 2}).encode(),
+                           "cut": right[:40]}.items():
+            with self.subTest(name):
+                wrap.write_bytes(text)
+                self.owner = self.start()
+                wait_until(lambda: self.run_command("status")[0] == 0, "it answers")
+                code, said = self.run_command("unlock", typed=[PASSPHRASE])
+                self.assertNotEqual(code, 0, said)
+                self.assertFalse(self.lock()["isUnlocked"])
+                self.does("secret", "list", code=75)
+                self.close()
+                self.assertEqual((self.support / "values.db").read_bytes(), values)
+        wrap.write_bytes(right)
+        self.owner = self.start()
+        self.unlock()
+        self.assertIn("shop key", self.does("secret", "list"))
+
+    def test_twoUnlocksAtOnceOpenItOnceAndLeaveItOpen(self):
+        self.open().furnish()
+        self.does("lock")
+        owner = {"socketPath": str(self.support / "owner.sock")}
+        both = [Request(owner, {"op": "unlock", "passphrase": PASSPHRASE}) for _ in range(2)]
+        outcomes = sorted(request.answer()["outcome"] for request in both)
+        self.assertIn("done", outcomes)
+        self.assertTrue(self.lock()["isUnlocked"])
+        self.assertEqual(self.lock()["waitSeconds"], 0)
+        self.owner.wait_for("the vault is open")
+        self.assertIn("shop key", self.does("secret", "list"))
+
+    def test_settingsThatWereDeletedAreResetAtTheTerminalOfSorvanedWithThePassphraseKept(self):
+        self.open().furnish()
+        self.does("lock")
+        self.close()
+        with sqlite3.connect(self.support / "values.db") as values:
+            gone = values.execute("DELETE FROM items WHERE account LIKE '%sealed_unlock-settings%'").rowcount
+        self.assertEqual(gone, 1)
+        self.owner = self.start()
+        self.owner.wait_for("^Passphrase: ")
+        self.owner.type(PASSPHRASE + "\n")
+        self.owner.wait_for("Type reset and Enter")
+        self.assertFalse(self.lock()["isUnlocked"])
+        self.assertIn("unlock reset", self.does("unlock", code=78))
+        self.owner.type("reset\n")
+        self.owner.wait_for(r"\[app\] the vault is open")
+        self.assertIn("shop key", self.does("secret", "list"))
+        self.assertTrue(self.lock()["storeIsSealed"])
+        self.does("lock")
+        self.does("unlock", typed=[OTHER], code=77)
+        self.does("unlock", typed=[PASSPHRASE])
