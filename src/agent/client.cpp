@@ -13,6 +13,7 @@
 
 #include "base/descriptor.h"
 #include "base/files.h"
+#include "base/lock_file.h"
 #include "base/support_folder.h"
 #include "base/system.h"
 
@@ -87,10 +88,23 @@ base::SecretText receive(int socket) {
   throw ClientError(ClientError::Case::badAnswer, "sorvaned sent an answer that this program does not understand.");
 }
 
+/// A passphrase goes to the process that holds the folder's lock file alone: another program of this user may have put
+/// its own socket in the place of sorvaned's.
+void requireLockHolder(int socket, const std::filesystem::path& supportFolder) {
+  const auto peer = base::peerCredentials(socket);
+  const auto holder = base::LockFile::holder(supportFolder / base::kLockName);
+  if (peer && peer->pid > 0 && holder == peer->pid) return;
+  const std::string who = peer && peer->pid > 0 ? " with process id " + std::to_string(peer->pid) : "";
+  throw ClientError(ClientError::Case::unavailable,
+                    "The program" + who + " that answers at " + (supportFolder / base::kOwnerSocketName).string() +
+                        " does not hold " + std::string(base::kLockName) +
+                        " of that folder as sorvaned does, so the passphrase was not sent to it. Find out what it is "
+                        "and stop it, then restart sorvaned and try again.");
+}
+
 /// What came back for one encoded request; empty when the peer closed the connection.
-base::SecretText exchanged(const std::string& path, const base::SecretText& request,
+base::SecretText exchanged(const base::Descriptor& socket, const base::SecretText& request,
                            const std::stop_token& withdrawal) {
-  const base::Descriptor socket = connectTo(path, withdrawal);
   // Ends a send or a receive that waits. The callback is gone before the descriptor is closed, so it never names
   // another file.
   const std::stop_callback close(withdrawal, [&socket] { ::shutdown(socket.get(), SHUT_RDWR); });
@@ -129,7 +143,7 @@ AgentResponse exchange(const std::string& socketPath, const AgentRequest& reques
 }
 
 AgentResponse exchange(const std::string& socketPath, const AgentRequest& request, const std::stop_token& withdrawal) {
-  const base::SecretText answer = exchanged(socketPath, encodeRequest(request), withdrawal);
+  const base::SecretText answer = exchanged(connectTo(socketPath, withdrawal), encodeRequest(request), withdrawal);
   if (answer.empty()) {
     throw ClientError(ClientError::Case::badAnswer,
                       "sorvaned closed the connection without an answer, so nothing was shared. Try again.");
@@ -142,7 +156,11 @@ AgentResponse exchange(const std::string& socketPath, const AgentRequest& reques
 OwnerAnswer askOwner(const std::filesystem::path& supportFolder, const OwnerRequest& request,
                      const std::stop_token& withdrawal) {
   const std::string path = (supportFolder / base::kOwnerSocketName).string();
-  const base::SecretText text = exchanged(path, encodeOwnerRequest(request), withdrawal);
+  const base::Descriptor socket = connectTo(path, withdrawal);
+  if (request.passphrase || request.newPassphrase || request.confirmation) {
+    requireLockHolder(socket.get(), supportFolder);
+  }
+  const base::SecretText text = exchanged(socket, encodeOwnerRequest(request), withdrawal);
   if (text.empty()) {
     throw ClientError(ClientError::Case::badAnswer,
                       "sorvaned closed the connection without an answer. See sorvane status for how it stands.");

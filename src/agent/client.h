@@ -43,7 +43,8 @@ AgentResponse exchange(const std::string& socketPath, const AgentRequest& reques
 AgentResponse exchange(const std::string& socketPath, const AgentRequest& request, const std::stop_token& withdrawal);
 
 /// The same with "owner.sock" of a support folder, which sorvaned serves while the vault is locked too. Throws
-/// ClientError::unavailable when nobody does.
+/// ClientError::unavailable when nobody does, and, before anything is sent, when the request has a passphrase and who
+/// serves does not hold "sorvaned.lock" of the folder.
 OwnerAnswer askOwner(const std::filesystem::path& supportFolder, const OwnerRequest& request,
                      const std::stop_token& withdrawal);
 

@@ -65,15 +65,49 @@ class Watched {
 
 }  // namespace
 
-OwnerServer::OwnerServer(const std::filesystem::path& supportFolder, Ports ports)
+/// A request's place among those of its kind for as long as this lives; without one it is to be refused. A request to
+/// lock needs none.
+class OwnerServer::Place {
+ public:
+  Place(OwnerServer& server, OwnerOp op) : server_(server), op_(op) {
+    const base::Lock lock(server_.mutex_);
+    std::size_t* const taken = count();
+    hasPlace_ = taken == nullptr || *taken < (op_ == OwnerOp::status ? kMostReports : kMostWaiting);
+    if (hasPlace_ && taken != nullptr) ++*taken;
+  }
+  ~Place() {
+    const base::Lock lock(server_.mutex_);
+    if (std::size_t* const taken = count(); hasPlace_ && taken != nullptr) --*taken;
+  }
+  Place(const Place&) = delete;
+  Place& operator=(const Place&) = delete;
+  explicit operator bool() const { return hasPlace_; }
+
+ private:
+  std::size_t* count() REQUIRES(server_.mutex_) {
+    if (op_ == OwnerOp::lock) return nullptr;
+    return op_ == OwnerOp::status ? &server_.reports_ : &server_.waiting_;
+  }
+
+  OwnerServer& server_;
+  const OwnerOp op_;
+  bool hasPlace_ = false;
+};
+
+OwnerServer::OwnerServer(const std::filesystem::path& supportFolder, Ports ports, std::chrono::milliseconds watchEvery)
     : path_(supportFolder / base::kOwnerSocketName),
       files_(ports.files),
       lock_(ports.lock),
       requests_(
           "owner", [this](const ReceivedRequest& received, const RequestPeer& peer) { return answer(received, peer); },
-          [] { return encodeOwnerAnswer(OwnerAnswer::refused("busy", std::string(kBusy))); }) {}
+          [] { return encodeOwnerAnswer(OwnerAnswer::refused("busy", std::string(kBusy))); }) {
+  if (watchEvery > std::chrono::milliseconds::zero()) {
+    watch_.emplace("owner", supportFolder, watchEvery, [this] { return checkSocket(); });
+  }
+}
 
 OwnerServer::~OwnerServer() {
+  watch_.reset();
   stop();
   requests_.drain();
 }
@@ -81,7 +115,9 @@ OwnerServer::~OwnerServer() {
 bool OwnerServer::start() {
   const base::Lock lifecycle(lifecycle_);
   if (isRunning_) return true;
-  if (const auto failure = open()) {
+  auto failure = obstacle(path_);
+  if (!failure) failure = open();
+  if (failure) {
     base::diagnose("owner", *failure);
     return false;
   }
@@ -90,7 +126,6 @@ bool OwnerServer::start() {
 }
 
 std::optional<std::string> OwnerServer::open() {
-  if (auto failure = obstacle(path_)) return failure;
   Listener listener = openListener(path_);
   if (listener.failure) return listener.failure;
   bound_ = listener.identity;
@@ -100,6 +135,16 @@ std::optional<std::string> OwnerServer::open() {
   }
   requests_.listen(std::move(listener.socket), "");
   return std::nullopt;
+}
+
+std::optional<std::string> OwnerServer::checkSocket() {
+  const base::Lock lifecycle(lifecycle_);
+  if (!isRunning_ || (bound_ && !requests_.hasFailed() && socketAt(path_) == bound_)) return std::nullopt;
+  if (bound_) base::diagnose("owner", std::string(kListeningAgain));
+  // Requests in flight keep their connections.
+  requests_.close();
+  bound_.reset();
+  return open();
 }
 
 void OwnerServer::stop() {
@@ -113,7 +158,7 @@ void OwnerServer::stop() {
   hangups_.withdrawAll();
   requests_.close();
   // What another process put under the name meanwhile is its own.
-  if (socketAt(path_) != bound_) return;
+  if (!bound_ || socketAt(path_) != bound_) return;
   try {
     files_.remove(path_);
   } catch (const base::FileError& error) {
@@ -140,6 +185,8 @@ base::SecretText OwnerServer::answer(const ReceivedRequest& received, const Requ
 OwnerAnswer OwnerServer::handle(std::string_view bytes, const LockCaller& caller) {
   auto request = decodeOwnerRequest(bytes);
   if (!request) return OwnerAnswer::refused("badRequest", std::string(kBadRequest));
+  const Place place(*this, request->op);
+  if (!place) return OwnerAnswer::refused("busy", std::string(kBusy));
   try {
     if (request->op == OwnerOp::status) return {{}, lock_.report()};
     LockCaller asking = caller;

@@ -48,7 +48,7 @@ AgentServer::AgentServer(Settings settings, Ports ports)
   // Sessions do not outlive the application, and their files must not.
   keyFiles_.removeAll();
   if (settings_.watchEvery > std::chrono::milliseconds::zero()) {
-    endpointWatch_ = std::jthread([this](const std::stop_token& stop) { watchEndpoint(stop); });
+    endpointWatch_.emplace("agent", settings_.supportFolder, settings_.watchEvery, [this] { return checkEndpoint(); });
   }
 }
 
@@ -70,7 +70,7 @@ void AgentServer::observeSessions() {
 }
 
 AgentServer::~AgentServer() {
-  endpointWatch_ = {};
+  endpointWatch_.reset();
   stop();
   requests_.drain();
   waitUntilIdle(Waiting::everyone);

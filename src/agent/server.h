@@ -6,12 +6,12 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <variant>
 
 #include "agent/approvals.h"
 #include "agent/connection.h"
 #include "agent/endpoint.h"
+#include "agent/endpoint_watch.h"
 #include "agent/grant_book.h"
 #include "agent/handlers.h"
 #include "agent/protocol.h"
@@ -46,7 +46,7 @@ class AgentServer {
   struct Settings {
     std::filesystem::path supportFolder;
     /// How often the endpoint's files are looked at; zero: never.
-    std::chrono::milliseconds watchEvery{2000};
+    std::chrono::milliseconds watchEvery = kWatchEvery;
     /// Agents are told that there is no vault; the owner's own command line is served. For a vault whose lock was
     /// reset.
     bool agentsHeldBack = false;
@@ -91,8 +91,7 @@ class AgentServer {
   std::optional<Entered> enter();
   void leave();
   std::variant<Caller, AgentResponse> authenticate(std::string_view token, const RequestCaller& caller);
-  void watchEndpoint(const std::stop_token& stop);
-  void checkEndpoint(std::string& lastFailure);
+  std::optional<std::string> checkEndpoint();
 
   // Constant after construction, or synchronised by themselves.
   const Settings settings_;
@@ -127,7 +126,7 @@ class AgentServer {
   base::Condition requestLeft_;
 
   // The last member: it is stopped and joined before the others go.
-  std::jthread endpointWatch_;
+  std::optional<EndpointWatch> endpointWatch_;
 };
 
 }  // namespace sorvane::agent

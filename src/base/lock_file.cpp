@@ -12,6 +12,7 @@
 #include <string>
 #include <system_error>
 
+#include "base/lock_holder.h"
 #include "base/system.h"
 
 namespace sorvane::base {
@@ -50,9 +51,17 @@ LockFile::LockFile(const std::filesystem::path& path)
     if (errno == EWOULDBLOCK) throw LockFileError(heldSentence(file_.get(), path.parent_path()));
     failed(path, errno);
   }
-  // Only for the sentence above: the lock holds without it, also on a full disk.
+  // For the sentence above and for a system that names no holder: the lock holds without it, also on a full disk.
   const std::string pid = std::to_string(::getpid()) + "\n";
   if (::ftruncate(file_.get(), 0) != 0 || ::pwrite(file_.get(), pid.data(), pid.size(), 0) < 0) return;
+}
+
+std::optional<pid_t> LockFile::holder(const std::filesystem::path& path) {
+  const Descriptor file(::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
+  if (!file) return {};
+  const auto told = lockHolder(file.get());
+  if (!told) return holderIn(file.get());
+  return *told > 0 ? told : std::nullopt;
 }
 
 }  // namespace sorvane::base

@@ -1,6 +1,9 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <filesystem>
+#include <optional>
 
 #include "base/descriptor.h"
 #include "base/error.h"
@@ -19,6 +22,10 @@ class LockFile {
  public:
   /// Throws LockFileError when another process holds it, which is named, and when the file cannot be made.
   explicit LockFile(const std::filesystem::path& path);
+
+  /// Who holds the lock file at `path` now: the system's word, and the file's own only where the system has none.
+  /// nullopt when nobody does.
+  static std::optional<pid_t> holder(const std::filesystem::path& path);
 
  private:
   Descriptor file_;

@@ -1,18 +1,25 @@
 #include "agent/owner_server.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/file.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/un.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
+#include <chrono>
+#include <csignal>
 #include <cstring>
 #include <fstream>
 #include <thread>
 
 #include "agent/client.h"
+#include "base/lock_file.h"
 #include "base/support_folder.h"
 #include "support/doubles.h"
 #include "support/owner_lock_double.h"
@@ -31,6 +38,11 @@ LockOutcome untilGone(const agent::LockCaller& caller) {
   std::unique_lock<base::Mutex> lock(mutex);
   never.wait(lock, caller.gone, [] { return false; });
   return {Kind::refused, "cancelled", "Couldn’t verify. Try again."};
+}
+
+/// Of a request to lock nobody needs to know when its peer goes away.
+bool isWatched(const agent::LockCaller& caller) {
+  return caller.gone.stop_possible();
 }
 
 class OwnerServer : public ::testing::Test {
@@ -68,7 +80,8 @@ class OwnerServer : public ::testing::Test {
   TemporaryFolder folder_;
   base::SystemFiles files_;
   OwnerLockDouble lock_;
-  std::optional<agent::OwnerServer> server_{std::in_place, folder_.path(), agent::OwnerServer::Ports{files_, lock_}};
+  std::optional<agent::OwnerServer> server_{std::in_place, folder_.path(), agent::OwnerServer::Ports{files_, lock_},
+                                            std::chrono::milliseconds::zero()};
 };
 
 TEST_F(OwnerServer, handsEachRequestToTheLockAndRefusesWhatIsNoRequest) {
@@ -215,6 +228,111 @@ TEST_F(OwnerServer, silentConnectionsDoNotKeepTheOwnerOut) {
   EXPECT_EQ(ask(R"({"op":"lock"})").outcome.kind, Kind::done);
   server_.reset();  // ends, although they are still silent
   EXPECT_FALSE(connected());
+}
+
+TEST_F(OwnerServer, aLockFindsAPlaceBesideAnyNumberOfRequestsThatWait) {
+  std::atomic<bool> isAway = true;
+  lock_.reply = [&isAway](const agent::LockCaller& caller) {
+    return isAway && isWatched(caller) ? untilGone(caller) : LockOutcome{};
+  };
+  ASSERT_TRUE(server_->start());
+  std::vector<base::Descriptor> waiting;
+  for (std::size_t i = 0; i < agent::OwnerServer::kMostWaiting; ++i) {
+    waiting.push_back(connected());
+    send(waiting.back().get(), R"({"op":"unlock"})");
+  }
+  lock_.waitFor(agent::OwnerServer::kMostWaiting);
+  for (int i = 0; i < 80; ++i) EXPECT_EQ(ask(R"({"op":"reset"})").outcome.code, "busy") << i;
+  EXPECT_TRUE(ask(R"({"op":"status"})").status);
+  EXPECT_EQ(ask(R"({"op":"lock"})").outcome.kind, Kind::done);
+  isAway = false;
+  // A place is given back.
+  waiting.front().reset();
+  while (ask(R"({"op":"reset"})").outcome.code == "busy") std::this_thread::yield();
+}
+
+TEST_F(OwnerServer, aSocketThatIsRemovedOrReplacedIsBoundAnew) {
+  server_.emplace(folder_.path(), agent::OwnerServer::Ports{files_, lock_}, std::chrono::milliseconds(20));
+  lock_.reply = [](const agent::LockCaller& caller) { return isWatched(caller) ? untilGone(caller) : LockOutcome{}; };
+  ASSERT_TRUE(server_->start());
+  const base::Descriptor before = connected();
+  send(before.get(), R"({"op":"reset"})");
+  lock_.waitFor(1);
+
+  std::filesystem::remove(path());
+  while (!agent::socketAt(path())) std::this_thread::yield();
+  sockaddr_un address{};
+  address.sun_family = AF_UNIX;
+  std::strcpy(address.sun_path, path().c_str());
+  std::filesystem::remove(path());
+  const base::Descriptor another(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  ASSERT_EQ(::bind(another.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address), 0);
+  ASSERT_EQ(::listen(another.get(), 4), 0);
+  const auto replaced = agent::socketAt(path());
+  for (auto now = replaced; !now || now == replaced; now = agent::socketAt(path())) std::this_thread::yield();
+
+  base::Descriptor served = connected();
+  while (!served) served = connected();  // bound, not yet listening
+  send(served.get(), R"({"op":"lock"})");
+  const auto answer = agent::decodeOwnerAnswer(received(served.get()));
+  ASSERT_TRUE(answer);
+  EXPECT_EQ(answer->outcome.kind, Kind::done);
+  server_->stop();
+  EXPECT_NE(received(before.get()), "") << "a request from before the change is still answered";
+  EXPECT_FALSE(std::filesystem::exists(path()));
+}
+
+TEST_F(OwnerServer, aPassphraseIsSentToTheHolderOfTheLockFileAlone) {
+  const std::filesystem::path lockPath = folder_.path() / base::kLockName;
+  agent::OwnerRequest unlock, change, status;
+  unlock.op = agent::OwnerOp::unlock;
+  unlock.passphrase.emplace("made-up words");
+  change.op = agent::OwnerOp::setPassphrase;
+  change.newPassphrase.emplace("made-up words");
+  change.confirmation.emplace("made-up words");
+  change.requirement = "only";
+  const auto refused = [&](const agent::OwnerRequest& request) {
+    try {
+      agent::askOwner(folder_.path(), request, {});
+    } catch (const agent::ClientError& error) {
+      return error.kind() == agent::ClientError::Case::unavailable &&
+             error.sentence().find("the passphrase was not sent") != std::string::npos &&
+             error.sentence().find(std::to_string(::getpid())) != std::string::npos;
+    }
+    return false;
+  };
+
+  // Another process holds it, and the file names this one: what the file says is not believed. Before the server's
+  // threads.
+  std::array<int, 2> ready{};
+  ASSERT_EQ(::pipe(ready.data()), 0);
+  const std::string named = std::to_string(::getpid()) + "\n";
+  std::ofstream(lockPath) << named;
+  const int file = ::open(lockPath.c_str(), O_RDWR | O_CLOEXEC);
+  const pid_t holder = ::fork();
+  if (holder == 0) {
+    const bool held = ::flock(file, LOCK_EX | LOCK_NB) == 0;
+    if (::write(ready[1], held ? "y" : "n", 1) != 1) ::_exit(1);
+    for (;;) ::pause();
+  }
+  ::close(file);
+  char held = 'n';
+  ASSERT_EQ(::read(ready[0], &held, 1), 1);
+  for (const int end : ready) ::close(end);
+  ASSERT_TRUE(server_->start());
+  const bool believedNothing = held == 'y' && refused(unlock) && refused(change);
+  EXPECT_TRUE(agent::askOwner(folder_.path(), status, {}).status) << "what holds no passphrase is sent";
+  ::kill(holder, SIGKILL);
+  ::waitpid(holder, nullptr, 0);
+  EXPECT_TRUE(believedNothing);
+
+  EXPECT_TRUE(refused(unlock)) << "nobody holds it";
+  std::filesystem::remove(lockPath);
+  EXPECT_TRUE(refused(change)) << "there is none";
+  EXPECT_EQ(lock_.calls(), std::vector<std::string>());
+  const base::LockFile mine(lockPath);
+  EXPECT_EQ(agent::askOwner(folder_.path(), unlock, {}).outcome.kind, Kind::done);
+  EXPECT_EQ(lock_.calls(), std::vector<std::string>{"passphrase made-up words"});
 }
 
 TEST_F(OwnerServer, aPeerOfAnotherUserIsClosedWithoutAnAnswer) {

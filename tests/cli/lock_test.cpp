@@ -12,6 +12,8 @@
 
 #include "agent/owner_server.h"
 #include "base/descriptor.h"
+#include "base/lock_file.h"
+#include "base/support_folder.h"
 #include "support/corpus.h"
 #include "support/doubles.h"
 #include "support/owner_lock_double.h"
@@ -134,6 +136,7 @@ class Lock : public ::testing::Test {
   base::SystemFiles files_;
   OwnerLockDouble lock_;
   std::deque<LockOutcome> outcomes_;
+  base::LockFile lockFile_{folder_.path() / base::kLockName};
   std::optional<agent::OwnerServer> server_{std::in_place, folder_.path(), agent::OwnerServer::Ports{files_, lock_}};
 
  private:

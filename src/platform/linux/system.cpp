@@ -14,10 +14,12 @@
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
+#include <sstream>
 #include <string>
 #include <string_view>
 
 #include "base/diagnostics.h"
+#include "base/lock_holder.h"
 
 namespace sorvane::base {
 namespace {
@@ -54,6 +56,53 @@ int renameWithoutReplacing(const char* from, const char* to) {
 }
 std::size_t maxSocketPath() {
   return sizeof(sockaddr_un{}.sun_path);
+}
+
+namespace {
+
+/// The line of a table that begins with `key`, without it; empty when there is none.
+std::string valueIn(const std::string& table, const std::string& key) {
+  std::ifstream file(table);
+  for (std::string line; std::getline(file, line);) {
+    if (line.starts_with(key)) return line.substr(key.size());
+  }
+  return {};
+}
+
+/// "major:minor" of the file system that `file` lies on, as mountinfo has it: some file systems tell another number
+/// for each of their files.
+std::string deviceOf(int file) {
+  std::istringstream text(valueIn("/proc/self/fdinfo/" + std::to_string(file), "mnt_id:"));
+  std::string mount, parent, device;
+  text >> mount;
+  if (mount.empty()) return {};
+  std::istringstream(valueIn("/proc/self/mountinfo", mount + " ")) >> parent >> device;
+  return device;
+}
+
+}  // namespace
+
+std::optional<pid_t> lockHolder(int file) {
+  struct stat status {};
+  const std::string device = deviceOf(file);
+  unsigned major = 0, minor = 0;
+  char colon = 0;
+  std::istringstream(device) >> major >> colon >> minor;
+  std::ifstream locks("/proc/locks");
+  if (!locks || colon != ':' || ::fstat(file, &status) != 0) return std::nullopt;
+  // proc_locks(5): "1: FLOCK ADVISORY WRITE 708 08:01:3604 0 EOF"; one that waits has "->" behind the number.
+  std::ostringstream wanted;
+  wanted << std::hex;
+  for (const unsigned half : {major, minor}) wanted << (half < 0x10 ? "0" : "") << half << ':';
+  wanted << std::dec << status.st_ino;
+  for (std::string line; std::getline(locks, line);) {
+    std::istringstream fields(line);
+    std::string number, kind, mode, access, place;
+    pid_t pid = 0;
+    if (!(fields >> number >> kind >> mode >> access >> pid >> place)) continue;
+    if (kind == "FLOCK" && access == "WRITE" && place == wanted.str()) return pid > 0 ? pid : 0;
+  }
+  return 0;
 }
 
 std::optional<PeerCredentials> peerCredentials(int socket) {
