@@ -18,7 +18,8 @@ namespace sorvane::test {
 inline std::string wordOf(const unlock::OwnerPresence::Answer& answer) {
   if (std::holds_alternative<unlock::OwnerPresence::Granted>(answer)) return "granted";
   if (std::holds_alternative<unlock::OwnerPresence::Cancelled>(answer)) return "cancelled";
-  return "failed " + std::to_string(std::get<unlock::OwnerPresence::Failed>(answer).code);
+  const auto& failed = std::get<unlock::OwnerPresence::Failed>(answer);
+  return "failed " + std::to_string(failed.code) + (failed.explanation.empty() ? "" : ": " + failed.explanation);
 }
 
 /// An environment variable; empty when it is not set.

@@ -205,7 +205,8 @@ class OrdinaryUser(House):
     def test_whatItInheritsIsClosedScrubbedAndNarrowedAndCommandsKeepTheOwnersMask(self):
         with tempfile.TemporaryFile() as inherited:
             os.set_inheritable(inherited.fileno(), True)
-            environment = {**self.environment(), "LD_PRELOAD": preloadable(), "GLIBC_TUNABLES": "glibc.malloc.check=0"}
+            environment = {**self.environment(), "LD_PRELOAD": preloadable(), "GLIBC_TUNABLES": "glibc.malloc.check=0",
+                           "DBUS_SYSTEM_BUS_ADDRESS": "unix:path=/nonexistent"}
             self.environment = lambda: environment
             control = subprocess.Popen(["/bin/cat"], close_fds=False, env=environment, stdin=subprocess.PIPE, stdout=subprocess.PIPE,
                                        bufsize=0)
@@ -219,9 +220,10 @@ class OrdinaryUser(House):
                 held = {os.stat(f"/proc/{pid}/fd/{fd}").st_ino for fd in os.listdir(f"/proc/{pid}/fd")}
                 variables = pathlib.Path(f"/proc/{pid}/environ").read_bytes()
                 maps = pathlib.Path(f"/proc/{pid}/maps").read_text()
-                return [file in held, b"LD_PRELOAD=" in variables, b"GLIBC_TUNABLES=" in variables, environment["LD_PRELOAD"] in maps]
-            self.assertEqual(inherits(control.pid), [True] * 4)
-            self.assertEqual(inherits(self.owner.pid), [False] * 4)
+                return [file in held, b"LD_PRELOAD=" in variables, b"GLIBC_TUNABLES=" in variables,
+                        b"DBUS_SYSTEM_BUS_ADDRESS=" in variables, environment["LD_PRELOAD"] in maps]
+            self.assertEqual(inherits(control.pid), [True] * 5)
+            self.assertEqual(inherits(self.owner.pid), [False] * 5)
             self.assertEqual(name_of(self.owner.pid), "sorvaned")
         before = os.umask(0o022)
         os.umask(before)

@@ -4,13 +4,6 @@
 #include "platform/linux/reason_text.h"
 
 namespace sorvane::platform {
-namespace {
-
-bool isForPam(const std::optional<std::string>& obstacle) {
-  return obstacle == kPolkitAbsent || obstacle == kPolkitActionAbsent || obstacle == kPolkitAsRoot;
-}
-
-}  // namespace
 
 bool showReasonAsNotice(const std::string& reason) {
   return showNotice("sorvane asks whether it is you", reasonText(reason));
@@ -35,14 +28,11 @@ void OwnerCheck::askFor(std::optional<Asking> asking) {
 
 std::optional<std::string> OwnerCheck::unavailable() {
   const auto obstacle = polkit_.unavailable();
-  if (!isForPam(obstacle)) return obstacle;
-  const auto other = pam_.unavailable();
-  // Where polkit lacks a little only, or root has no terminal either, that is easier to mend.
-  return other && other != kPamNoPassword && obstacle != kPolkitAbsent ? obstacle : other;
+  return obstacle == kPolkitAbsent ? pam_.unavailable() : obstacle;
 }
 
 void OwnerCheck::ask(Check check, const std::string& reason, Reply reply) {
-  if (isForPam(polkit_.unavailable()) && !pam_.unavailable()) return pam_.ask(check, reason, std::move(reply));
+  if (polkit_.unavailable() == kPolkitAbsent) return pam_.ask(check, reason, std::move(reply));
   polkit_.ask(check, reason, std::move(reply));
 }
 

@@ -16,9 +16,9 @@ namespace sorvane::platform {
 bool showReasonAsNotice(const std::string& reason);
 
 /// OwnerCheck asks the owner by what this machine has: polkit, or the authentication modules (PAM) on the application's
-/// own terminal where polkit is not there, does not know the action, or says yes to everybody, as it does to root.
-/// Where a rule forbids the question or nobody could show it, the terminal does not go around that. Else it is
-/// unavailable, with a sentence that says what to install or do.
+/// own terminal where polkit is not there. Where polkit does not know the action, forbids the question or says yes to
+/// everybody, as it does to root, the terminal does not go around that: the check is unavailable, with a sentence that
+/// says what to install or do.
 ///
 /// The application makes one where its thread of the lock is, and says for whom it asks before each question:
 ///

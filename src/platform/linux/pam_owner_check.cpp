@@ -1,8 +1,6 @@
 #include "platform/linux/pam_owner_check.h"
 
 #include <pwd.h>
-#include <shadow.h>
-#include <signal.h>
 #include <sys/eventfd.h>
 #include <unistd.h>
 
@@ -25,27 +23,12 @@ std::string userName() {
   return found->pw_name;
 }
 
-/// Whether this process's account could be asked for a password, as far as it may know.
-bool mayHavePassword() {
-  if (::geteuid() != 0) return true;
-  std::vector<char> buffer(16384);
-  spwd entry{};
-  spwd* found = nullptr;
-  const bool isThere = ::getspnam_r("root", &entry, buffer.data(), buffer.size(), &found) == 0 && found != nullptr;
-  // Locked accounts have a mark that no password gives.
-  const bool has = isThere && found->sp_pwdp != nullptr && *found->sp_pwdp != '\0' && *found->sp_pwdp != '!' &&
-                   *found->sp_pwdp != '*';
-  base::wipe(buffer.data(), buffer.size());
-  return has;
-}
-
 }  // namespace
 
 PamOwnerCheck::PamOwnerCheck(Ports ports) : ports_(std::move(ports)) {}
 
 PamOwnerCheck::~PamOwnerCheck() {
   withdraw();
-  if (thread_.joinable()) thread_.join();
 }
 
 std::string PamOwnerCheck::service() const {
@@ -62,19 +45,13 @@ std::optional<std::string> PamOwnerCheck::unavailable() {
   if (!isPamThere()) return std::string(kPamAbsent);
   if (service().empty()) return std::string(kPamNoService);
   if (!hasTerminal()) return std::string(kPamNoTerminal);
-  if (!mayHavePassword()) return std::string(kPamNoPassword);
   return std::nullopt;
 }
 
 void PamOwnerCheck::ask(Check, const std::string& reason, Reply reply) {
   withdraw();
-  if (thread_.joinable()) thread_.join();
   withdrawn_ = std::stop_source();
-  sigset_t all, earlier;
-  sigfillset(&all);
-  // Signals are for the threads that wait for them; the terminal's own stop none that only shows a prompt.
-  ::pthread_sigmask(SIG_SETMASK, &all, &earlier);
-  thread_ = std::thread([this, reason, reply = std::move(reply), withdrawn = withdrawn_.get_token()] {
+  threads_.start([this, reason, reply = std::move(reply), withdrawn = withdrawn_.get_token()] {
     Answer answer = Failed{Failed::kSystemCancelled};
     try {
       answer = answerTo(reason, withdrawn);
@@ -83,17 +60,16 @@ void PamOwnerCheck::ask(Check, const std::string& reason, Reply reply) {
     }
     reply(answer);
   });
-  ::pthread_sigmask(SIG_SETMASK, &earlier, nullptr);
 }
 
 void PamOwnerCheck::withdraw() {
   withdrawn_.request_stop();
 }
 
-unlock::OwnerPresence::Answer PamOwnerCheck::answerTo(const std::string& reason,
-                                                      const std::stop_token& withdrawn) const {
+unlock::OwnerPresence::Answer PamOwnerCheck::answerTo(const std::string& reason, const std::stop_token& withdrawn) {
   const std::string user = userName(), used = service();
-  if (user.empty() || used.empty() || !hasTerminal()) return Failed{Failed::kNotInteractive};
+  if (auto obstacle = unavailable()) return Failed{Failed::kNotInteractive, *std::move(obstacle)};
+  if (user.empty() || used.empty()) return Failed{Failed::kNotInteractive};
   const auto turn = ports_.takeTurn ? ports_.takeTurn(withdrawn) : nullptr;
   if (withdrawn.stop_requested()) return Cancelled{};
   const base::Descriptor takenBack(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));

@@ -8,9 +8,9 @@
 #include <stop_token>
 #include <string>
 #include <string_view>
-#include <thread>
 #include <vector>
 
+#include "platform/linux/question_threads.h"
 #include "platform/linux/terminal_prompt.h"
 #include "unlock/owner_presence.h"
 
@@ -22,18 +22,14 @@ inline constexpr std::string_view kPamAbsent =
 inline constexpr std::string_view kPamNoService =
     "The system's authentication modules (PAM) have neither a service \"sorvane\" nor one \"login\", so sorvane cannot "
     "ask whether it is you. Nothing was unlocked. Install polkitd, or sorvane's package, which brings its PAM service.";
-inline constexpr std::string_view kPamNoPassword =
-    "sorvane runs as root, who has no password that could show that it is you. Nothing was unlocked. Run sorvaned as "
-    "your own user, or give root a password.";
 inline constexpr std::string_view kPamNoTerminal =
     "There is no terminal on which sorvane could ask for your password. Nothing was unlocked. Install polkitd, or run "
     "sorvaned in a terminal.";
 
 /// PamOwnerCheck asks the owner for the login password on the application's own terminal, where there is no polkit: the
 /// service "sorvane" of the system's authentication modules, or "login" where that is not installed. A yes that took no
-/// answer is none. Without an answer within `limit` of the question the answer is Cancelled. For root it is a check as
-/// for anybody: root's own password is asked, and without one it is unavailable. Whether the account of another user
-/// has one is not for that user to read: it shows when it is asked.
+/// answer is none. Without an answer within `limit` of the question the answer is Cancelled. Whether the account has a
+/// password is not for its user to read: it shows when it is asked.
 class PamOwnerCheck final : public unlock::OwnerPresence {
  public:
   static constexpr std::chrono::seconds kLimit{120};
@@ -61,13 +57,13 @@ class PamOwnerCheck final : public unlock::OwnerPresence {
  private:
   /// Empty where neither file is there.
   std::string service() const;
-  Answer answerTo(const std::string& reason, const std::stop_token& withdrawn) const;
+  Answer answerTo(const std::string& reason, const std::stop_token& withdrawn);
   bool hasTerminal() const { return ports_.terminal && ports_.terminal->isThere(); }
 
   const Ports ports_;
   // Of the thread that asks.
   std::stop_source withdrawn_{std::nostopstate};
-  std::thread thread_;
+  QuestionThreads threads_;
 };
 
 }  // namespace sorvane::platform

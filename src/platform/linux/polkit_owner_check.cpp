@@ -1,12 +1,11 @@
 #include "platform/linux/polkit_owner_check.h"
 
 #include <sdbus-c++/sdbus-c++.h>
-#include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
+#include <algorithm>
+#include <array>
 #include <map>
-#include <vector>
 
 #include "base/ids.h"
 #include "platform/linux/bus_loop.h"
@@ -23,6 +22,8 @@ constexpr char kInterface[] = "org.freedesktop.PolicyKit1.Authority";
 constexpr char kAction[] = "org.sorvane.owner-check";
 /// For everything that waits for polkit and not for a person; polkit may have to be started first.
 constexpr std::chrono::seconds kCallLimit{5};
+/// For the probe, which the thread of the lock waits for, and how long what it found is good.
+constexpr std::chrono::milliseconds kProbeLimit{300}, kProbeIsFresh{1000};
 
 using Details = std::map<std::string, std::string>;
 using Subject = sdbus::Struct<std::string, std::map<std::string, sdbus::Variant>>;
@@ -39,17 +40,31 @@ Subject subjectOf(const base::ProcessInfo& process) {
   return {"unix-process", words};
 }
 
-/// What CheckAuthorization said.
-enum class Verdict { authorized, dismissed, challenge, refused, noService, noAction, noAnswer, gone };
+/// What CheckAuthorization said. `silent`: nothing that tells why.
+enum class Verdict { authorized, dismissed, challenge, refused, noService, noAction, noAsker, noAnswer, silent };
 
-Verdict verdictOf(const sdbus::Error& error) {
+/// Whether nobody is there to answer. A bus that is there and refuses for another reason, such as too many connections
+/// of this user, does not show that polkit is missing.
+bool isAbsence(const std::string& name) {
+  constexpr std::array<std::string_view, 5> kNames = {
+      "org.freedesktop.DBus.Error.ServiceUnknown", "org.freedesktop.DBus.Error.NameHasNoOwner",
+      "org.freedesktop.DBus.Error.FileNotFound", "System.Error.ENOENT", "System.Error.ECONNREFUSED"};
+  return std::ranges::find(kNames, name) != kNames.end() || name.starts_with("org.freedesktop.DBus.Error.Spawn.");
+}
+
+bool isGone(const base::ProcessInfo& process) {
+  const auto now = base::processInfo(process.pid);
+  return !now || now->startedAt != process.startedAt;
+}
+
+Verdict verdictOf(const sdbus::Error& error, const base::ProcessInfo& process) {
   const std::string& name = error.getName();
-  if (name == "org.freedesktop.PolicyKit1.Error.Failed") return Verdict::noAction;
   if (name == "org.freedesktop.PolicyKit1.Error.Cancelled") return Verdict::noAnswer;
-  if (name == "org.freedesktop.DBus.Error.NoReply" || name == "org.freedesktop.DBus.Error.Disconnected") {
-    return Verdict::gone;
-  }
-  return Verdict::noService;
+  // polkit has one name for most failures; "Action … is not registered" is the one about the action.
+  const bool isFailed = name == "org.freedesktop.PolicyKit1.Error.Failed";
+  if (isFailed && error.getMessage().find("is not registered") != std::string::npos) return Verdict::noAction;
+  if (isAbsence(name)) return Verdict::noService;
+  return isGone(process) ? Verdict::noAsker : Verdict::silent;
 }
 
 Verdict verdictOf(const Authorization& authorization) {
@@ -72,12 +87,12 @@ class Authority {
         .onInterface(kInterface)
         .withTimeout(std::chrono::duration_cast<std::chrono::microseconds>(limit + kCallLimit))
         .withArguments(subjectOf(process), std::string(kAction), Details{}, flags, cancellation)
-        .uponReplyInvoke([&verdict](const sdbus::Error* error, const Authorization& authorization) {
-          verdict = error != nullptr ? verdictOf(*error) : verdictOf(authorization);
+        .uponReplyInvoke([&](const sdbus::Error* error, const Authorization& authorization) {
+          verdict = error != nullptr ? verdictOf(*error, process) : verdictOf(authorization);
         });
     const auto end = loop_.run([&] { return verdict || isWithdrawn(); }, steady_clock::now() + limit);
     if (verdict) return *verdict;
-    if (end == BusLoop::End::disconnected) return Verdict::gone;
+    if (end == BusLoop::End::disconnected) return Verdict::silent;
     if (!cancellation.empty()) cancel(cancellation);
     return Verdict::noAnswer;
   }
@@ -104,18 +119,36 @@ std::string_view obstacleIn(const Verdict& verdict) {
     case Verdict::challenge:
       return {};
     case Verdict::authorized:
-      return ::geteuid() == 0 ? kPolkitAsRoot : kPolkitNoQuestion;
+      return kPolkitNoQuestion;
     case Verdict::refused:
     case Verdict::dismissed:
       return kPolkitForbidden;
     case Verdict::noAction:
       return kPolkitActionAbsent;
     case Verdict::noService:
-    case Verdict::noAnswer:
-    case Verdict::gone:
       return kPolkitAbsent;
+    case Verdict::noAsker:
+      return kAskerGone;
+    case Verdict::noAnswer:
+    case Verdict::silent:
+      break;
   }
-  return kPolkitAbsent;
+  return kPolkitSilent;
+}
+
+std::string_view obstacleIn(const sdbus::Error& error) {
+  return isAbsence(error.getName()) ? kPolkitAbsent : kPolkitSilent;
+}
+
+/// Whether it holds for every question on this machine.
+bool isOfTheMachine(std::string_view obstacle) {
+  return !obstacle.empty() && obstacle != kPolkitSilent && obstacle != kAskerGone;
+}
+
+unlock::OwnerPresence::Failed notAsked(std::string_view obstacle) {
+  using Failed = unlock::OwnerPresence::Failed;
+  return {obstacle == kPolkitSilent || obstacle == kPolkitAbsent ? Failed::kSystemCancelled : Failed::kNotInteractive,
+          std::string(obstacle)};
 }
 
 }  // namespace
@@ -148,7 +181,6 @@ PolkitOwnerCheck::PolkitOwnerCheck(Ports ports) : ports_(std::move(ports)) {}
 
 PolkitOwnerCheck::~PolkitOwnerCheck() {
   withdraw();
-  if (thread_.joinable()) thread_.join();
 }
 
 Asking PolkitOwnerCheck::askingNow() const {
@@ -158,41 +190,41 @@ Asking PolkitOwnerCheck::askingNow() const {
 
 std::optional<std::string> PolkitOwnerCheck::unavailable() {
   if (::geteuid() == 0) return std::string(kPolkitAsRoot);
-  const base::ProcessInfo subject = askingNow().process;
-  std::string_view obstacle = kPolkitAbsent;
+  {
+    const base::Lock lock(mutex_);
+    if (probe_ && steady_clock::now() - probe_->at < kProbeIsFresh) return probe_->obstacle;
+  }
+  std::string_view obstacle;
   try {
     BusLoop loop;
-    obstacle = obstacleIn(Authority(loop).check(subject, kAskNobody, kCallLimit, [] { return false; }));
-  } catch (const sdbus::Error&) {
-    // No bus, no polkit.
+    const auto self = base::processInfo(::getpid()).value_or(base::ProcessInfo{});
+    obstacle = obstacleIn(Authority(loop).check(self, kAskNobody, kProbeLimit, [] { return false; }));
+  } catch (const sdbus::Error& error) {
+    obstacle = obstacleIn(error);
   }
-  if (!obstacle.empty()) return std::string(obstacle);
+  const auto found = isOfTheMachine(obstacle) ? std::optional<std::string>(obstacle) : std::nullopt;
   const base::Lock lock(mutex_);
-  const bool isHis = obstacle_ && obstacle_->pid == subject.pid && obstacle_->startedAt == subject.startedAt;
-  return isHis ? std::optional(obstacle_->sentence) : std::nullopt;
+  probe_ = Probe{steady_clock::now(), found};
+  return found;
 }
 
 void PolkitOwnerCheck::ask(Check, const std::string& reason, Reply reply) {
   withdraw();
-  if (thread_.joinable()) thread_.join();
   question_ = std::make_shared<Question>();
   question_->asking = askingNow();
   question_->reason = reason;
   question_->reply = std::move(reply);
-  sigset_t all, earlier;
-  sigfillset(&all);
-  // Signals are for the threads that wait for them.
-  ::pthread_sigmask(SIG_SETMASK, &all, &earlier);
-  thread_ = std::thread([this, question = question_] {
+  threads_.start([this, question = question_] {
     Answer answer = Failed{Failed::kSystemCancelled};
     try {
       answer = answerTo(*question);
+    } catch (const sdbus::Error& error) {
+      answer = notAsked(obstacleIn(error));
     } catch (const std::exception&) {
-      // Without a bus or memory nobody was asked.
+      // Without memory nobody was asked.
     }
     question->reply(answer);
   });
-  ::pthread_sigmask(SIG_SETMASK, &earlier, nullptr);
 }
 
 void PolkitOwnerCheck::withdraw() {
@@ -200,7 +232,7 @@ void PolkitOwnerCheck::withdraw() {
 }
 
 unlock::OwnerPresence::Answer PolkitOwnerCheck::answerTo(Question& question) {
-  if (::geteuid() == 0) return Failed{Failed::kNotInteractive};
+  if (::geteuid() == 0) return notAsked(kPolkitAsRoot);
   BusLoop loop;
   // The loop may be woken until this function returns.
   struct Use {
@@ -212,20 +244,13 @@ unlock::OwnerPresence::Answer PolkitOwnerCheck::answerTo(Question& question) {
   Authority authority(loop);
   const Verdict before = authority.check(question.asking.process, kAskNobody, kCallLimit, isWithdrawn);
   if (isWithdrawn()) return Cancelled{};
-  if (const auto obstacle = obstacleIn(before); !obstacle.empty()) {
-    return Failed{before == Verdict::gone ? Failed::kSystemCancelled : Failed::kNotInteractive};
-  }
-  if (!ports_.showReason(question.reason) && !question.asking.showsReason) {
-    remember(question.asking.process, kReasonNowhere);
-    return Failed{Failed::kNotInteractive};
-  }
+  if (const auto obstacle = obstacleIn(before); !obstacle.empty()) return notAsked(obstacle);
+  const bool isShown = ports_.showReason(question.reason) || question.asking.showsReason;
+  // A notice takes its time.
+  if (isWithdrawn()) return Cancelled{};
+  if (!isShown) return notAsked(kReasonNowhere);
   const Verdict verdict = authority.check(question.asking.process, kAskTheOwner, ports_.limit, isWithdrawn);
   if (isWithdrawn()) return Cancelled{};
-  if (verdict == Verdict::challenge) {
-    remember(question.asking.process, kPolkitNoAgent);
-    return Failed{Failed::kNotInteractive};
-  }
-  forget();
   switch (verdict) {
     case Verdict::authorized:
       return Granted{};
@@ -235,22 +260,14 @@ unlock::OwnerPresence::Answer PolkitOwnerCheck::answerTo(Question& question) {
     case Verdict::refused:
       return Failed{Failed::kNotAccepted};
     case Verdict::challenge:
+      return notAsked(kPolkitNoAgent);
     case Verdict::noService:
     case Verdict::noAction:
-    case Verdict::gone:
+    case Verdict::noAsker:
+    case Verdict::silent:
       break;
   }
-  return Failed{Failed::kSystemCancelled};
-}
-
-void PolkitOwnerCheck::remember(const base::ProcessInfo& subject, std::string_view sentence) {
-  const base::Lock lock(mutex_);
-  obstacle_ = Remembered{subject.pid, subject.startedAt, std::string(sentence)};
-}
-
-void PolkitOwnerCheck::forget() {
-  const base::Lock lock(mutex_);
-  obstacle_.reset();
+  return notAsked(obstacleIn(verdict));
 }
 
 }  // namespace sorvane::platform

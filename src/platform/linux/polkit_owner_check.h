@@ -8,10 +8,10 @@
 #include <optional>
 #include <string>
 #include <string_view>
-#include <thread>
 
 #include "base/mutex.h"
 #include "base/system.h"
+#include "platform/linux/question_threads.h"
 #include "unlock/owner_presence.h"
 
 namespace sorvane::platform {
@@ -23,6 +23,11 @@ inline constexpr std::string_view kPolkitAsRoot =
 inline constexpr std::string_view kPolkitAbsent =
     "The system service polkit is not there, so sorvane cannot ask your system whether it is you. Nothing was "
     "unlocked. Install polkitd, or set a passphrase that opens sorvane by itself.";
+inline constexpr std::string_view kPolkitSilent =
+    "The system service polkit does not answer, so sorvane cannot ask your system whether it is you. Nothing was "
+    "unlocked. Try again, or restart polkit.";
+inline constexpr std::string_view kAskerGone =
+    "The program that asked has ended, so sorvane did not ask whether it is you. Nothing was unlocked. Try again.";
 inline constexpr std::string_view kPolkitActionAbsent =
     "The system service polkit does not know the question of sorvane, so it cannot ask whether it is you. Nothing was "
     "unlocked. Install sorvane's package, which brings the file org.sorvane.owner-check.policy.";
@@ -68,33 +73,31 @@ class PolkitOwnerCheck final : public unlock::OwnerPresence {
   PolkitOwnerCheck(const PolkitOwnerCheck&) = delete;
   PolkitOwnerCheck& operator=(const PolkitOwnerCheck&) = delete;
 
-  /// Asks polkit whether a question could be asked, without asking it; a few milliseconds. That there is no agent shows
-  /// in a question only, and is remembered for the process that it was for.
+  /// Asks polkit whether this machine has such questions, without asking one: for this process, so that no asker
+  /// chooses what is said, and at most once a second. Waits 300 ms at most; a polkit that does not answer by then, a
+  /// missing agent and a reason that cannot be shown are found in a question only.
   std::optional<std::string> unavailable() override;
   void ask(Check check, const std::string& reason, Reply reply) override;
   void withdraw() override;
 
  private:
   struct Question;
-  struct Remembered {
-    pid_t pid = 0;
-    unsigned long long startedAt = 0;
-    std::string sentence;
+  struct Probe {
+    std::chrono::steady_clock::time_point at;
+    std::optional<std::string> obstacle;
   };
 
   Asking askingNow() const;
   Answer answerTo(Question& question);
-  void remember(const base::ProcessInfo& subject, std::string_view sentence);
-  void forget();
 
   // Constant after construction.
   const Ports ports_;
   // Guarded. A leaf.
   base::Mutex mutex_;
-  std::optional<Remembered> obstacle_ GUARDED_BY(mutex_);
+  std::optional<Probe> probe_ GUARDED_BY(mutex_);
   // Of the thread that asks.
   std::shared_ptr<Question> question_;
-  std::thread thread_;
+  QuestionThreads threads_;
 };
 
 }  // namespace sorvane::platform

@@ -32,6 +32,8 @@ constexpr std::array<std::string_view, 12> kLoaderVariables = {
 
 bool isLoaderVariable(std::string_view entry) {
   const std::string_view name = entry.substr(0, entry.find('='));
+  // A bus of somebody's own would bring a polkit and a login manager of its own.
+  if (name == "DBUS_SYSTEM_BUS_ADDRESS") return true;
   return name.starts_with("LD_") || std::ranges::find(kLoaderVariables, name) != kLoaderVariables.end();
 }
 

@@ -2,6 +2,7 @@
 // are asked by an ordinary user's process, which is this program again.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <csignal>
 #include <cstdio>
 #include <cstdlib>
@@ -24,22 +25,38 @@ using Manner = OwnAgent::Manner;
 using Words = std::vector<std::string>;
 
 constexpr char kAsked[] = "org.sorvane.owner-check: sorvane needs to know that it is you";
-constexpr char kNobodyToAsk[] = "failed -1004";
+
+/// The answer to a question that was not asked.
+std::string notAsked(std::string_view sentence, int code = -1004) {
+  return "failed " + std::to_string(code) + ": " + std::string(sentence);
+}
 
 /// Asks as an ordinary user.
 int runAsker() {
   if (::setgid(65534) != 0 || ::setuid(65534) != 0) return 99;
   // As the application is: polkit must get along with a process that nobody can look into.
   base::hardenProcess();
-  bool isShown = true;
-  PolkitOwnerCheck check({.asking = {},
+  std::atomic<bool> isShown = true, isSlow = false;
+  std::promise<void> shown;
+  base::ProcessInfo gone;
+  gone.pid = 4'194'303;
+  gone.startedAt = 1;
+  const auto nobody = [gone] { return platform::Asking{gone, false}; };
+  const bool isForNobody = std::getenv("SORVANE_TEST_FOR_NOBODY") != nullptr;
+  using Asking = std::function<std::optional<platform::Asking>()>;
+  PolkitOwnerCheck check({.asking = isForNobody ? Asking(nobody) : Asking(),
                           .showReason =
                               [&](const std::string& reason) {
                                 std::cout << "reason: " << reason << std::endl;
-                                return isShown;
+                                if (isSlow.exchange(false)) shown.get_future().wait();
+                                return isShown.load();
                               },
                           .limit = std::getenv("SORVANE_TEST_IMPATIENT") != nullptr ? 300ms : 20s});
-  serveAsker(check, [&](const std::string& command) { isShown = command != "ask unseen"; });
+  serveAsker(check, [&](const std::string& command) {
+    isShown = command != "ask unseen";
+    if (command == "ask slowly") isSlow = true;
+    if (command == "go on") shown.set_value();
+  });
   return 0;
 }
 
@@ -70,29 +87,58 @@ TEST(PolkitOwnerCheck, tellsGrantedNotAcceptedAndDismissedApartAndAsksEveryTime)
   }
 }
 
-TEST(PolkitOwnerCheck, saysThatThereIsNoAgentUntilOneAnswers) {
+TEST(PolkitOwnerCheck, saysInTheAnswerThatThereIsNoAgentAndStaysAvailable) {
   Asker asker;
   {
     // An agent of another process is none of this one's.
     Asker other;
     OwnAgent agent(other.pid(), Manner::saysYes);
-    EXPECT_EQ(answerOf(asker), kNobodyToAsk);
+    EXPECT_EQ(answerOf(asker), notAsked(platform::kPolkitNoAgent));
   }
-  EXPECT_EQ(asker.unavailable(), platform::kPolkitNoAgent);
+  EXPECT_EQ(asker.unavailable(), "available");
   OwnAgent agent(asker.pid(), Manner::saysYes);
   EXPECT_EQ(answerOf(asker), "granted");
-  EXPECT_EQ(asker.unavailable(), "available");
 }
 
-TEST(PolkitOwnerCheck, doesNotAskWhatItCannotExplain) {
+TEST(PolkitOwnerCheck, doesNotAskWhatItCannotExplainAndStaysAvailable) {
   Asker asker;
   OwnAgent agent(asker.pid(), Manner::saysYes);
   asker.tell("ask unseen");
   EXPECT_EQ(asker.hear(), "reason: Unlock it");
-  EXPECT_EQ(asker.hear(), kNobodyToAsk);
-  EXPECT_EQ(asker.unavailable(), platform::kReasonNowhere);
+  EXPECT_EQ(asker.hear(), notAsked(platform::kReasonNowhere));
+  EXPECT_EQ(asker.unavailable(), "available");
   EXPECT_EQ(answerOf(asker), "granted");
   EXPECT_EQ(agent.asked(1).size(), 1U);
+}
+
+TEST(PolkitOwnerCheck, asksAnewWhileAQuestionTakenBackStillEnds) {
+  Asker asker;
+  OwnAgent agent(asker.pid(), Manner::saysYes);
+  asker.tell("ask slowly");
+  EXPECT_EQ(asker.hear(), "reason: Unlock it");
+  EXPECT_EQ(answerOf(asker), "granted");
+  asker.tell("go on");
+  EXPECT_EQ(asker.hear(), "cancelled");
+  EXPECT_EQ(agent.asked(1).size(), 1U);
+}
+
+TEST(PolkitOwnerCheck, doesNotTakeAnAskerThatIsGoneForAMissingAction) {
+  Asker asker(Asker::Settings{{"SORVANE_TEST_FOR_NOBODY", "1"}});
+  asker.tell("ask");
+  EXPECT_EQ(asker.hear(), notAsked(platform::kAskerGone));
+  EXPECT_EQ(asker.unavailable(), "available");
+}
+
+TEST(PolkitOwnerCheck, waitsForNoServiceThatHangsAndDoesNotCallItAbsent) {
+  Asker asker;
+  const pid_t polkitd = std::atoi(std::getenv("SORVANE_TEST_POLKITD"));
+  ::kill(polkitd, SIGSTOP);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(asker.unavailable(), "available");
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 2s);
+  asker.tell("ask");
+  EXPECT_EQ(asker.hear(), notAsked(platform::kPolkitSilent, -4));
+  ::kill(polkitd, SIGCONT);
 }
 
 TEST(PolkitOwnerCheck, takesTheQuestionBackFromAnAgentThatNeverAnswers) {
@@ -119,7 +165,7 @@ TEST(PolkitOwnerCheck, isUnavailableToRootWhoWouldNeverBeAsked) {
   std::promise<std::string> said;
   check.ask(unlock::OwnerPresence::Check::any, "Unlock it",
             [&](const auto& answer) { said.set_value(wordOf(answer)); });
-  EXPECT_EQ(said.get_future().get(), kNobodyToAsk);
+  EXPECT_EQ(said.get_future().get(), notAsked(platform::kPolkitAsRoot));
   EXPECT_TRUE(agent.asked(0).empty());
 }
 
@@ -132,7 +178,7 @@ TEST(PolkitOwnerCheck, takesNoYesThatNobodyWasAskedFor) {
     std::ofstream(rule) << "polkit.addRule(function(action, subject) { return polkit.Result." << result << "; });\n";
     EXPECT_EQ(unavailableOnce(asker, sentence), sentence);
     asker.tell("ask");
-    EXPECT_EQ(asker.hear(), kNobodyToAsk);
+    EXPECT_EQ(asker.hear(), notAsked(sentence));
   }
   std::filesystem::remove(rule);
   EXPECT_EQ(unavailableOnce(asker, "available"), "available");
@@ -144,7 +190,7 @@ TEST(PolkitOwnerCheck, namesWhatIsMissing) {
     Asker asker(Asker::Settings{{"DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent"}});
     EXPECT_EQ(asker.unavailable(), platform::kPolkitAbsent);
     asker.tell("ask");
-    EXPECT_EQ(asker.hear(), "failed -4");
+    EXPECT_EQ(asker.hear(), notAsked(platform::kPolkitAbsent, -4));
   }
   Asker asker;
   const std::filesystem::path folder = "/usr/share/polkit-1/actions", file = folder / "org.sorvane.owner-check.policy";
@@ -162,7 +208,7 @@ TEST(PolkitOwnerCheck, survivesAServiceThatGoesWhileItIsAsked) {
   EXPECT_EQ(agent->asked(1), Words{kAsked});
   ::kill(std::atoi(std::getenv("SORVANE_TEST_POLKITD")), SIGKILL);
   EXPECT_EQ(asker.hear(), "reason: Unlock it");
-  EXPECT_EQ(asker.hear(), "failed -4");
+  EXPECT_EQ(asker.hear(), notAsked(platform::kPolkitSilent, -4));
   EXPECT_EQ(asker.unavailable(), platform::kPolkitAbsent);
   agent.reset();
 }
