@@ -37,6 +37,11 @@ constexpr std::string_view kReset = "Type reset and Enter to put fresh settings 
 // No prompt stands for ever: after this long it is shown again.
 constexpr std::chrono::hours kPatience{12};
 
+/// Whether nothing but a passphrase would ever open the vault.
+bool isOnlyWay(const LockReport& report) {
+  return report.systemCheckUnavailable && !(report.followsSession && report.sessionIsReported);
+}
+
 agent::LockCaller here(const std::stop_token& stop) {
   return {.peer = 0, .isOwnTerminal = true, .gone = stop};
 }
@@ -137,7 +142,7 @@ void LockScreen::show() {
   const bool canSet = report.requirement == "off" && !report.hasPassphrase && report.prompt != "reset";
   // A passphrase came from elsewhere.
   if (!canSet && std::exchange(offers_, false)) wasOffered();
-  if (canSet && (offers_ || report.systemCheckUnavailable)) return offerPassphrase(report);
+  if (canSet && (offers_ || isOnlyWay(report))) return offerPassphrase(report);
   if (report.prompt == "passphrase") return showPassphrase(report);
   if (report.prompt == "system") return showSystem(report);
   if (report.prompt == "reset") return showReset(report);
@@ -172,13 +177,13 @@ void LockScreen::showReset(const LockReport& report) {
 }
 
 void LockScreen::offerPassphrase(const LockReport& report) {
-  const bool isOnlyWay = report.systemCheckUnavailable.has_value();
-  std::string why = isOnlyWay ? *report.systemCheckUnavailable + " " : std::string();
+  const bool mustBe = isOnlyWay(report);
+  std::string why = mustBe ? *report.systemCheckUnavailable + " " : std::string();
   why += report.store == "embedded" ? kOffer : kOfferForKeyring;
   say(why);
-  auto first = read(isOnlyWay ? "New passphrase: " : "New passphrase, or Enter for none: ", Echo::no);
+  auto first = read(mustBe ? "New passphrase: " : "New passphrase, or Enter for none: ", Echo::no);
   if (!first) return;
-  if (first->empty() && !isOnlyWay) {
+  if (first->empty() && !mustBe) {
     say(std::string(kOfferSkipped));
     return wasOffered();
   }

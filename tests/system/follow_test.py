@@ -1,0 +1,67 @@
+"""The vault of a house whose login manager, a stand-in, tells about the session."""
+import os
+import pathlib
+import subprocess
+import sys
+
+from house import House, output_of
+
+HERE = pathlib.Path(__file__).resolve().parent
+BESIDE_A_LOGIN_MANAGER = HERE.parent / "support" / "with-login-manager"
+LOCKED, OPEN = r"\[app\] the vault is locked", r"\[app\] the vault is open"
+
+
+class FollowsSession(House):
+    def run(self, result=None):
+        """Runs the test once more where there is a login manager; that run's end is this one's."""
+        if "SORVANE_TEST_LOGIN" in os.environ:
+            return super().run(result)
+        test = getattr(self, self._testMethodName)
+        setattr(self, self._testMethodName, lambda: self.pass_on())
+        try:
+            return super().run(result)
+        finally:
+            setattr(self, self._testMethodName, test)
+
+    def pass_on(self):
+        inner = subprocess.run([str(BESIDE_A_LOGIN_MANAGER), sys.executable, "-B", str(HERE / "runner.py"), self.id()],
+                               capture_output=True, text=True, timeout=100)
+        if inner.returncode == 77:
+            self.skipTest(inner.stdout)
+        self.assertEqual(inner.returncode, 0, inner.stdout + inner.stderr)
+
+    def environment(self):
+        return super().environment() | {"DBUS_SYSTEM_BUS_ADDRESS": os.environ["DBUS_SYSTEM_BUS_ADDRESS"], "XDG_SESSION_ID": "c1"}
+
+    def emit(self, path, signal, signature, arguments):
+        interface = "org.freedesktop.login1." + ("Session" if "session" in path else "Manager")
+        done = output_of(["gdbus", "call", "--system", "-d", "org.freedesktop.login1", "-o", "/org/freedesktop/login1" + path, "-m",
+                          "org.freedesktop.DBus.Mock.EmitSignal", interface, signal, signature, arguments])
+        self.assertEqual(done.returncode, 0, done.stderr)
+
+    def test_aNewVaultWaitsForTheOffersAnswerThenOpensAndClosesWithTheSession(self):
+        self.owner = self.start()
+        self.owner.wait_for("^New passphrase, or Enter for none: ")
+        self.assertFalse((self.support / "agent.json").exists(), "nothing is served before the owner was asked")
+        self.owner.type("\n")
+        self.owner.wait_for("No passphrase was set")
+        self.owner.wait_for(OPEN)
+        self.furnish()
+        self.emit("/session/c1", "Lock", "", "[]")
+        self.owner.wait_for(LOCKED)
+        self.assertFalse((self.support / "agent.json").exists())
+        self.emit("/session/c1", "Unlock", "", "[]")
+        self.owner.wait_for(OPEN)
+        self.emit("", "PrepareForSleep", "b", "[<true>]")
+        self.owner.wait_for(LOCKED)
+        self.emit("", "PrepareForSleep", "b", "[<false>]")
+        self.owner.wait_for(OPEN)
+        self.assertEqual(self.ask("listEnvironments").answer()["names"], ["shop"])
+
+    def test_withAPassphraseTheSessionClosesTheVaultAndDoesNotOpenIt(self):
+        self.open()
+        self.emit("/session/c1", "Lock", "", "[]")
+        self.owner.wait_for(LOCKED)
+        self.emit("/session/c1", "Unlock", "", "[]")
+        self.owner.wait_for("^Passphrase: ")
+        self.assertFalse((self.support / "agent.json").exists())
