@@ -31,7 +31,7 @@ class Sorvaned:
     def __init__(self, build, folder):
         self.folder = pathlib.Path(folder)
         environment = {"PATH": os.environ["PATH"], "HOME": str(self.folder), "TERM": "dumb"}
-        self.terminal = Terminal([str(pathlib.Path(build) / "sorvaned"), "--support-dir", str(self.folder), "--store", "embedded"],
+        self.terminal = Terminal([str(pathlib.Path(build).resolve() / "sorvaned"), "--support-dir", str(self.folder), "--store", "embedded"],
                                  environment)
         self.pid = self.terminal.pid
 
