@@ -134,13 +134,18 @@ LockManager::Then LockManager::whileFresh(Then then) const {
 }
 
 std::optional<UnlockError> LockManager::obstacle() {
+  if (auto error = unreadable()) return error;
+  if (settings_.followsSession() && !state_.sessionAvailable) return UnlockError::staysLocked(kSessionUnavailable);
+  return std::nullopt;
+}
+
+std::optional<UnlockError> LockManager::unreadable() {
   expire();
   // What a reset does not mend may have mended itself: the credential store may be open by now.
   if (!settings_.isReadable() && !settings_.resetCause()) loadSettings();
   if (settings_.resetCause() && !settings_.isReadable()) return settings_.resetCause();
   if (settings_.isStoreLost()) return UnlockError::storeLost(settings_.loadFailure());
   if (!settings_.isReadable()) return UnlockError::storage(settings_.loadFailure());
-  if (settings_.followsSession() && !state_.sessionAvailable) return UnlockError::staysLocked(kSessionUnavailable);
   return std::nullopt;
 }
 
@@ -236,7 +241,8 @@ void LockManager::answered(std::uint64_t question, OwnerPresence::Check check, c
   if (std::holds_alternative<OwnerPresence::Granted>(answer)) return then(std::nullopt);
   const auto* const failed = std::get_if<OwnerPresence::Failed>(&answer);
   if (failed == nullptr) return then(stale());
-  then(UnlockError::systemCheckFailed({failed->code, check == OwnerPresence::Check::passwordOnly}));
+  then(
+      UnlockError::systemCheckFailed({failed->code, check == OwnerPresence::Check::passwordOnly, failed->explanation}));
 }
 
 void LockManager::dropQuestion() {

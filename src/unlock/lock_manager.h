@@ -160,6 +160,8 @@ class LockManager {
   void followSession(const SessionState& session);
   /// Why no attempt can be begun now.
   std::optional<UnlockError> obstacle();
+  /// The same without the session: why the settings cannot be relied on.
+  std::optional<UnlockError> unreadable();
   /// Runs on the main thread, from wherever it is called, unless this object is gone by then.
   std::function<void(std::function<void()>)> toMain() const;
   /// Ends with `cancelled` once the generation is no longer that of now.

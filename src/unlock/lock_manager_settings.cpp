@@ -29,7 +29,7 @@ bool isSameText(const base::SecretText& left, const base::SecretText& right) {
 }
 
 UnlockError noSystemCheck() {
-  return UnlockError::systemCheckFailed({OwnerPresence::Failed::kNotInteractive, false});
+  return UnlockError::systemCheckFailed({OwnerPresence::Failed::kNotInteractive, false, {}});
 }
 
 }  // namespace
@@ -66,7 +66,8 @@ void LockManager::authorizeWith(const std::string& reason, Passphrase current, T
 void LockManager::setPassphrase(NewPassphrase passphrase, PassphraseRequirement requirement, ChangeReply reply) {
   const bool isFirst = !settings_.configuration().passphrase;
   if (!state_.isUnlocked()) {
-    if (auto error = obstacle()) return reply(*std::move(error));
+    // A new vault is offered a passphrase before its session opens it.
+    if (auto error = unreadable()) return reply(*std::move(error));
     if (!isFirst) return reply(UnlockError(Case::vaultLocked));
   }
   if (auto error = refusal(passphrase)) return reply(error);

@@ -43,8 +43,10 @@ std::string sentenceOf(const SystemCheckFailure& failure) {
     return "This Mac has no login password set, so it cannot ask for one.";
   }
   if (failure.code == OwnerPresence::Failed::kNotAccepted) return "Your Mac did not accept that. Try again.";
-  if (failure.passwordPrompt) return "Your Mac could not show the password prompt. Try again.";
-  return sentenceOf(UnlockError::Case::systemCheckFailed);
+  std::string sentence = failure.passwordPrompt ? "Your Mac could not show the password prompt. Try again."
+                                                : sentenceOf(UnlockError::Case::systemCheckFailed);
+  if (!failure.explanation.empty()) sentence += " " + failure.explanation;
+  return sentence;
 }
 
 }  // namespace
@@ -89,7 +91,7 @@ UnlockError UnlockError::systemCheckFailed(const SystemCheckFailure& failure) {
 
 UnlockError UnlockError::systemCheckMissing(const std::string& sentence) {
   UnlockError error(Case::systemCheckFailed, sentence);
-  error.failure_ = SystemCheckFailure{OwnerPresence::Failed::kNotInteractive, false};
+  error.failure_ = SystemCheckFailure{OwnerPresence::Failed::kNotInteractive, false, {}};
   return error;
 }
 

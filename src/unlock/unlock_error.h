@@ -15,6 +15,7 @@ namespace sorvane::unlock {
 struct SystemCheckFailure {
   int code = 0;
   bool passwordPrompt = false;
+  std::string explanation{};  ///< as in OwnerPresence::Failed; shown after the sentence of a code without its own
   bool operator==(const SystemCheckFailure&) const = default;
 };
 

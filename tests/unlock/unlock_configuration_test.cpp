@@ -178,14 +178,16 @@ TEST(UnlockError, hasOneSentenceForEachCaseAndIsEqualByContents) {
       {-6, false, "Your Mac could not show the unlock prompt. Try again."},
   };
   for (const auto& [code, passwordPrompt, sentence] : failures) {
-    EXPECT_EQ(UnlockError::systemCheckFailed({code, passwordPrompt}).sentence(), sentence);
+    EXPECT_EQ(UnlockError::systemCheckFailed({code, passwordPrompt, {}}).sentence(), sentence);
   }
   EXPECT_EQ(diagnosticText({-6, false}), "LocalAuthentication error -6");
   EXPECT_EQ(UnlockError::storage("a").sentence(), "sorvane couldn’t read or save its unlock settings in the Keychain.");
   const base::Date until{100s};
   EXPECT_EQ(UnlockError::wait(until, until - 5s), UnlockError::wait(until, until - 3s));
   EXPECT_FALSE(UnlockError::wait(until, until) == UnlockError::wait(until + 1s, until));
-  EXPECT_FALSE(UnlockError::systemCheckFailed({-1, true}) == UnlockError::systemCheckFailed({-1, false}));
+  EXPECT_EQ(UnlockError::systemCheckFailed({-1004, false, "No agent."}).sentence(),
+            "Your Mac could not show the unlock prompt. Try again. No agent.");
+  EXPECT_FALSE(UnlockError::systemCheckFailed({-1, true, {}}) == UnlockError::systemCheckFailed({-1, false, {}}));
 }
 
 /// The sealed store in a real vault.
