@@ -1,36 +1,15 @@
 """The vault of a house whose login manager, a stand-in, tells about the session."""
 import os
-import pathlib
 import re
-import subprocess
-import sys
 
-from house import House, output_of
+from house import SUPPORT, Within, output_of
 from terminal import Terminal
 
-HERE = pathlib.Path(__file__).resolve().parent
-BESIDE_A_LOGIN_MANAGER = HERE.parent / "support" / "with-login-manager"
 LOCKED, OPEN = r"\[app\] the vault is locked", r"\[app\] the vault is open"
 
 
-class FollowsSession(House):
-    def run(self, result=None):
-        """Runs the test once more where there is a login manager; that run's end is this one's."""
-        if "SORVANE_TEST_LOGIN" in os.environ:
-            return super().run(result)
-        test = getattr(self, self._testMethodName)
-        setattr(self, self._testMethodName, lambda: self.pass_on())
-        try:
-            return super().run(result)
-        finally:
-            setattr(self, self._testMethodName, test)
-
-    def pass_on(self):
-        inner = subprocess.run([str(BESIDE_A_LOGIN_MANAGER), sys.executable, "-B", str(HERE / "runner.py"), self.id()],
-                               capture_output=True, text=True, timeout=100)
-        if inner.returncode == 77:
-            self.skipTest(inner.stdout)
-        self.assertEqual(inner.returncode, 0, inner.stdout + inner.stderr)
+class FollowsSession(Within):
+    within, mark = [SUPPORT / "with-login-manager"], "SORVANE_TEST_LOGIN"
 
     def start(self, *more):
         """The bus of the stand-in lies where the system's does: sorvaned looks nowhere else."""

@@ -13,7 +13,8 @@ import threading
 import time
 import unittest
 
-sys.path.insert(0, str(pathlib.Path(__file__).resolve().parents[1] / "support"))
+SUPPORT = pathlib.Path(__file__).resolve().parents[1] / "support"
+sys.path.insert(0, str(SUPPORT))
 from terminal import QUESTION, Terminal, Timeout  # noqa: E402,F401
 
 PROGRAMS = pathlib.Path(os.environ.get("SORVANE_PROGRAMS", "build/dev-release")).resolve()
@@ -173,6 +174,31 @@ class House(unittest.TestCase):
 
     def log(self):
         return json.loads(self.act("log")["document"])["events"]
+
+
+class Within(House):
+    """A house whose tests run once more under the commands `within`, which give it services of its own and set `mark`; that run's
+    end is the test's."""
+
+    within, mark = (), ""
+
+    def run(self, result=None):
+        if self.mark in os.environ:
+            return super().run(result)
+        test = getattr(self, self._testMethodName)
+        setattr(self, self._testMethodName, self._pass_on)
+        try:
+            return super().run(result)
+        finally:
+            setattr(self, self._testMethodName, test)
+
+    def _pass_on(self):
+        runner = pathlib.Path(__file__).resolve().parent / "runner.py"
+        inner = subprocess.run([*map(str, self.within), sys.executable, "-B", str(runner), self.id()], capture_output=True, text=True,
+                               timeout=100)
+        if inner.returncode == 77:
+            self.skipTest(inner.stdout)
+        self.assertEqual(inner.returncode, 0, inner.stdout + inner.stderr)
 
 
 def processes_with(mark):
