@@ -63,8 +63,8 @@ Application::Application(const Setting& setting, agent::ProcessHost& host, agent
       hasTerminal_(approver != nullptr),
       lockFile_(setting.supportFolder / base::kLockName),
       stores_(setting.supportFolder, files_, setting.store),
-      session_({.sessionId = sessionId()}),
-      presence_(presencePorts(approver)),
+      session_(std::in_place, platform::LoginSession::Ports{.sessionId = sessionId()}),
+      presence_(std::in_place, presencePorts(approver)),
       // The terminal was asked before, and nobody answered there.
       approvalPresence_(presencePorts(nullptr)),
       ownerPrompt_({approvalPresence_, askingFor(approvalPresence_), [this] { trusted_.noteOwner(); }}),
@@ -74,16 +74,20 @@ Application::Application(const Setting& setting, agent::ProcessHost& host, agent
                   : std::make_unique<LockScreen>(*approver, [this] { return lock_.isAskedOnTerminal(); })),
       wasNew_(stores_.isNew()),
       lock_(lockPorts()),
-      ownerServer_(setting.supportFolder, {files_, lock_}) {
+      ownerServer_(std::in_place, setting.supportFolder, agent::OwnerServer::Ports{files_, lock_}) {
   base::removeTemporaryFiles(files_, setting.supportFolder);
   if (!setting.memoryIsLocked) base::diagnose("app", kMemoryMayBeSwapped);
   if (!hasTerminal_) base::diagnose("app", kNobodyAnswers);
 }
 
 Application::~Application() {
-  ownerServer_.stop();
+  // Waits for the requests in flight, which the lock still answers.
+  ownerServer_.reset();
   if (screen_) screen_->stop();
   lock_.stop();
+  // A late answer or signal finds the lock's threads still there.
+  session_.reset();
+  presence_.reset();
 }
 
 VaultLock::Ports Application::lockPorts() {
@@ -92,14 +96,14 @@ VaultLock::Ports Application::lockPorts() {
       .stores = stores_,
       .clock = clock_,
       .trusted = trusted_,
-      .presence = presence_,
+      .presence = *presence_,
       .askFor =
           [this](const agent::LockCaller& caller) {
             const auto process = caller.peer > 0 ? base::processInfo(caller.peer) : std::nullopt;
-            presence_.askFor(process ? std::optional(platform::Asking{*process, caller.answersItself}) : std::nullopt);
+            presence_->askFor(process ? std::optional(platform::Asking{*process, caller.answersItself}) : std::nullopt);
           },
       .ownTerminal = screen_.get(),
-      .signals = session_,
+      .signals = *session_,
       .managedFollowsSession =
           [] {
             return platform::managedFollowsSession(
@@ -142,14 +146,17 @@ OpenVault::Ports Application::vaultPorts(bool afterReset) {
 }
 
 void Application::open(bool afterReset) {
-  stores_.open();
-  vault_ = std::make_unique<OpenVault>(vaultPorts(afterReset));
-  if (vault_->start()) {
-    base::diagnose("app", "the vault is open");
-  } else {
+  try {
+    stores_.open();
+    vault_ = std::make_unique<OpenVault>(vaultPorts(afterReset));
+    if (vault_->start()) return base::diagnose("app", "the vault is open");
     base::diagnose("app",
-                   "the agents' socket could not be opened, so nothing is served. Check that the support folder "
-                   "can be written to and that its disk has room.");
+                   "the agents' socket could not be opened, so nothing is served. Check that the support folder can be "
+                   "written to and that its disk has room.");
+  } catch (const std::exception& error) {
+    // Whoever unlocked it is answered all the same; the lock is open and serves nothing.
+    vault_.reset();
+    base::diagnose("app", std::string("the vault could not be opened, so nothing is served: ") + error.what());
   }
 }
 
@@ -160,7 +167,7 @@ void Application::close() {
 }
 
 bool Application::start() {
-  if (!ownerServer_.start()) return false;
+  if (!ownerServer_->start()) return false;
   lock_.start();
   return true;
 }

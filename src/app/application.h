@@ -70,8 +70,10 @@ class Application {
   // The owner.
   platform::FreedesktopNotifier notifier_;
   TrustedSession trusted_{clock_};
-  platform::LoginSession session_;
-  platform::OwnerCheck presence_, approvalPresence_;
+  // Gone before the lock's threads, to which theirs report.
+  std::optional<platform::LoginSession> session_;
+  std::optional<platform::OwnerCheck> presence_;
+  platform::OwnerCheck approvalPresence_;
   PresencePrompt ownerPrompt_;
   const std::unique_ptr<Approver> approver_;
 
@@ -82,7 +84,7 @@ class Application {
   std::unique_ptr<LockScreen> screen_;
   const bool wasNew_;  ///< at the start: no vault was ever opened here
   VaultLock lock_;
-  agent::OwnerServer ownerServer_;
+  std::optional<agent::OwnerServer> ownerServer_;
 };
 
 }  // namespace sorvane::app

@@ -212,9 +212,7 @@ VaultLock::VaultLock(Ports ports)
   });
 }
 
-VaultLock::~VaultLock() {
-  main_.run([this] { manager_.reset(); });
-}
+VaultLock::~VaultLock() = default;
 
 void VaultLock::start() {
   main_.run([this] {
@@ -224,7 +222,10 @@ void VaultLock::start() {
 }
 
 void VaultLock::stop() {
-  main_.run([this] { manager_->lock(); });
+  main_.run([this] {
+    manager_->lock();
+    manager_.reset();
+  });
 }
 
 void VaultLock::wasOffered() {

@@ -44,14 +44,14 @@ class VaultLock final : public agent::OwnerLock {
     bool isNew = false;
   };
   explicit VaultLock(Ports ports);
-  /// `stop` came before.
+  /// After `stop`.
   ~VaultLock() override;
   VaultLock(const VaultLock&) = delete;
   VaultLock& operator=(const VaultLock&) = delete;
 
   /// Reads the settings and the session; opens the vault where they say so.
   void start();
-  /// Locks, and waits until the vault is closed.
+  /// Locks, and waits until the vault is closed. Nothing is asked of the lock afterwards, and it asks nobody any more.
   void stop();
   /// A new vault on a terminal does not open with the session before its owner was offered a passphrase: that was done.
   void wasOffered();
