@@ -63,7 +63,8 @@ std::string jsonEscaped(std::string_view value) {
   return std::string(out.view().substr(1, out.size() - 2));
 }
 
-/// `\uXXXX` in the place of every character outside ASCII, as writers that stay in ASCII put it.
+/// `\u` and four hexadecimal digits in the place of every character outside ASCII, as writers that stay in ASCII put
+/// it.
 std::string asciiEscaped(std::string_view json) {
   static constexpr std::string_view kHex = "0123456789abcdef";
   std::string out;

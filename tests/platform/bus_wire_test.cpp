@@ -49,7 +49,7 @@ BusMessage question() {
   return call;
 }
 
-TEST(BusWire, writesWhatTheSpecificationShows) {
+TEST(BusWire, writesWhatTheProtocolShows) {
   BusMessage hello;
   hello.serial = 1;
   hello.path = "/a";

@@ -68,7 +68,7 @@ bool BusLink::connectTo(const std::string& path) {
 }
 
 bool BusLink::authenticate(Deadline deadline) {
-  // The zero byte carries the credentials (D-Bus Specification, "Authentication Protocol").
+  // The zero byte carries the credentials (D-Bus's authentication protocol).
   const std::string begin = std::string(1, '\0') + "AUTH EXTERNAL " + hex(std::to_string(::geteuid())) + "\r\n";
   if (!sendAll(begin)) return false;
   while (received_.find("\r\n") == std::string::npos) {

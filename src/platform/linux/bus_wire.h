@@ -9,7 +9,7 @@
 
 namespace sorvane::platform {
 
-// The little of the D-Bus wire format (D-Bus Specification, "Message Protocol", version 1) that the agent on a terminal
+// The little of the D-Bus wire format (the message protocol of D-Bus, version 1) that the agent on a terminal
 // needs: the helper program is linked statically and cannot use the system's library. Messages are in this machine's
 // byte order, which is the one that everybody on its bus uses.
 
