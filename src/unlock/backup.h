@@ -35,6 +35,10 @@ struct BackupExport {
   std::int64_t secretCount = 0;
 };
 
+/// Throws BackupError for a passphrase that is none, and for a file without encryption that would expose a version
+/// which is limited to deployment targets.
+void requireBackupChoice(const BackupChoice& choice, const std::vector<vault::Secret>& secrets);
+
 /// What a long piece of work is at; called between steps from the thread that asked for it. What it throws stops the
 /// work with nothing saved; throw BackupError(sentence::kExportCancelled) for a person's wish.
 enum class BackupStep { sealing, wrapping, encoding, verifying };

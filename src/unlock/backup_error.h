@@ -75,6 +75,11 @@ inline constexpr std::string_view kFileExists =
     "replaced.";
 inline constexpr std::string_view kFileChanged =
     "The backup file changed while it was read. Nothing was restored. Try again when nothing writes to it.";
+inline constexpr std::string_view kNotTheFileShown =
+    "The backup file is not the one that was shown. Nothing was restored. Look at it again.";
+inline constexpr std::string_view kStillRunning =
+    "Requests are still running, so nothing was restored and your current vault is unchanged. Try again when they have "
+    "ended.";
 inline constexpr std::string_view kFileMissing = "There is no backup file of that name. Nothing was restored.";
 
 std::string valueUnreadable(std::string_view secretName);

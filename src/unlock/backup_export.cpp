@@ -36,8 +36,7 @@ class Exporter {
   BackupExport run(BackupPayload payload) {
     result_.secretCount = static_cast<std::int64_t>(payload.secrets.size());
     const bool plain = choice_.protection == BackupProtection::none;
-    if (plain && limitsDeploymentTargets(payload.secrets)) throw BackupError(sentence::kPlainWouldExpose);
-    if (choice_.protection == BackupProtection::passphrase) requirePassphrase(choice_.passphrase);
+    requireBackupChoice(choice_, payload.secrets);
     base::SecretText text = encodePayload(payload);
     requireSize(plain ? text.size() : base::base64Size(text.size()));
     const Counts counts = countsOf(payload);
@@ -148,6 +147,13 @@ BackupProtection backupProtectionOf(std::string_view word) {
     if (name == word) return protection;
   }
   throw BackupError(sentence::kChooseProtection);
+}
+
+void requireBackupChoice(const BackupChoice& choice, const std::vector<vault::Secret>& secrets) {
+  if (choice.protection == BackupProtection::none && limitsDeploymentTargets(secrets)) {
+    throw BackupError(sentence::kPlainWouldExpose);
+  }
+  if (choice.protection == BackupProtection::passphrase) requirePassphrase(choice.passphrase);
 }
 
 BackupExport exportBackup(BackupPayload payload, const BackupChoice& choice, const BackupProgress& progress) {

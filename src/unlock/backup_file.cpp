@@ -30,18 +30,6 @@ bool isThere(const fs::path& path) {
   return fs::exists(fs::symlink_status(path, error));
 }
 
-void requirePlace(const BackupDestination& destination) {
-  // The folder, and where a link of that name leads to.
-  if (liesWithin(destination.path.parent_path(), destination.vaultFolder) ||
-      liesWithin(destination.path, destination.vaultFolder)) {
-    throw BackupError(sentence::kInsideVault);
-  }
-  if (!destination.path.has_filename()) throw BackupError(sentence::kNotSaved);
-  if (destination.existing == ExistingFile::refuse && isThere(destination.path)) {
-    throw BackupError(sentence::kFileExists);
-  }
-}
-
 bool holds(const base::Files& files, const fs::path& path, const base::SecretText& data) {
   auto contents = files.read(path, data.size());
   if (!contents) return false;
@@ -81,6 +69,18 @@ class Beside {
 
 }  // namespace
 
+void requireBackupPlace(const BackupDestination& destination) {
+  // The folder, and where a link of that name leads to.
+  if (liesWithin(destination.path.parent_path(), destination.vaultFolder) ||
+      liesWithin(destination.path, destination.vaultFolder)) {
+    throw BackupError(sentence::kInsideVault);
+  }
+  if (!destination.path.has_filename()) throw BackupError(sentence::kNotSaved);
+  if (destination.existing == ExistingFile::refuse && isThere(destination.path)) {
+    throw BackupError(sentence::kFileExists);
+  }
+}
+
 BackupFile readBackupFile(const base::Files& files, const fs::path& path) try {
   std::error_code error;
   const fs::path real = fs::canonical(path, error);
@@ -101,12 +101,12 @@ void saveBackupFile(base::Files& files, const BackupDestination& wanted, const b
                     const std::function<void()>& check) try {
   BackupDestination destination = wanted;
   destination.path = fs::absolute(wanted.path);
-  requirePlace(destination);
+  requireBackupPlace(destination);
   Beside beside(files, destination.path);
   files.writeAtomically(beside.path(), data.bytes());
   if (!holds(files, beside.path(), data)) throw BackupError(sentence::kSavedNotVerified);
   if (check) check();
-  requirePlace(destination);  // looked at again: verifying took a while
+  requireBackupPlace(destination);  // looked at again: verifying took a while
   beside.moveTo(destination.path);
   if (!holds(files, destination.path, data)) {
     files.remove(destination.path);  // what cannot be trusted must not look like a backup

@@ -40,6 +40,9 @@ struct BackupDestination {
   std::filesystem::path vaultFolder;
 };
 
+/// Throws BackupError when a backup may not be written there.
+void requireBackupPlace(const BackupDestination& destination);
+
 /// Writes the bytes beside the destination, reads them back, moves them into place and reads them back there. Until
 /// then a file that is to be replaced stays as it is. After a failure nothing of the new file is left. `check` is
 /// called before the move and may throw to stop. Throws BackupError.

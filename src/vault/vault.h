@@ -233,6 +233,8 @@ class Vault {
   /// Whether the secret's current version holds exactly this value; nothing leaves the vault. False for an unknown id
   /// and a value that cannot be read.
   bool currentValueIs(std::string_view secretId, const base::SecretText& value);
+  /// The same of any version.
+  bool valueIs(std::string_view secretId, std::int64_t version, const base::SecretText& value);
   /// Without `version` the current one. With `declared` the deployment policy decides; the owner's own look passes
   /// none.
   RevealResult reveal(std::string_view secretId, std::optional<std::int64_t> version,

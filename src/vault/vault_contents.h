@@ -34,6 +34,9 @@ struct VaultContents {
 /// value that a store takes for each active or retired version and for no other.
 bool isRestorable(const VaultContents& contents);
 
+/// Secrets whose current values are provider keys, by id, as they, their names or their variables tell.
+std::vector<std::pair<std::string, ProxyProvider>> providerKeys(const VaultContents& contents);
+
 /// The value of a version that should have one could not be read.
 class UnreadableValue : public VaultError {
  public:

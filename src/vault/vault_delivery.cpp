@@ -127,9 +127,16 @@ bool Vault::currentValueIs(std::string_view secretId, const base::SecretText& va
   const base::RecursiveLock lock(lock_);
   const auto records = currentRecords();
   const Secret* const secret = records->secretById(secretId);
-  if (secret == nullptr || secret->current() == nullptr) return false;
+  return secret != nullptr && valueIs(secretId, secret->currentVersion, value);
+}
+
+bool Vault::valueIs(std::string_view secretId, std::int64_t version, const base::SecretText& value) {
+  const base::RecursiveLock lock(lock_);
+  const auto records = currentRecords();
+  const Secret* const secret = records->secretById(secretId);
+  if (secret == nullptr || secret->find(version) == nullptr) return false;
   try {
-    return readValue(*secret, secret->currentVersion).sameAs(value.view());
+    return readValue(*secret, version).sameAs(value.view());
   } catch (const VaultError&) {
     return false;
   }

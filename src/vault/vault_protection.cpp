@@ -2,7 +2,9 @@
 
 #include "vault/accounts.h"
 #include "vault/vault.h"
+#include "vault/vault_contents.h"
 #include "vault/vault_hold_back.h"
+#include "vault/vault_index.h"
 #include "vault/vault_observers.h"
 #include "vault/vault_sentences.h"
 #include "vault/vault_state.h"
@@ -19,6 +21,23 @@ bool stands(const base::SecretText& needle, std::string_view value) {
 
 bool standsAny(const std::vector<base::SecretText>& needles, std::string_view value) {
   return std::any_of(needles.begin(), needles.end(), [&](const auto& needle) { return stands(needle, value); });
+}
+
+/// The provider that a value, its secret's name or its variables tell; nullopt when none does. What contradicts itself
+/// is for the owner to say.
+std::optional<ProxyProvider> toldProvider(const Records& records, const Secret& secret, std::string_view value) {
+  std::set<ProxyProvider> told;
+  const auto tell = [&](std::optional<ProxyProvider> provider) {
+    if (provider) told.insert(*provider);
+  };
+  if (isDistinctShape(value)) tell(providerByShape(value));
+  tell(providerByName(secret.name));
+  for (const Project* const project : records.projectsUsing(secret.id)) {
+    for (const EnvBinding& binding : project->bindings) {
+      if (binding.secretId == secret.id) tell(providerByName(binding.envVarName));
+    }
+  }
+  return told.size() == 1 ? std::optional(*told.begin()) : std::nullopt;
 }
 
 }  // namespace
@@ -170,20 +189,25 @@ std::optional<ProxyProvider> Vault::recognisedProvider(std::string_view secretId
   const auto records = currentRecords();
   const Secret* const secret = records->secretById(secretId);
   if (secret == nullptr) throw VaultError(std::string(sentence::kUnknownSecret));
-  const base::SecretText value = readValue(*secret, secret->currentVersion);
-  std::set<ProxyProvider> told;
-  const auto tell = [&](std::optional<ProxyProvider> provider) {
-    if (provider) told.insert(*provider);
-  };
-  if (isDistinctShape(value.view())) tell(providerByShape(value.view()));
-  tell(providerByName(secret->name));
-  for (const Project* const project : records->projectsUsing(secret->id)) {
-    for (const EnvBinding& binding : project->bindings) {
-      if (binding.secretId == secret->id) tell(providerByName(binding.envVarName));
+  return toldProvider(*records, *secret, readValue(*secret, secret->currentVersion).view());
+}
+
+std::vector<std::pair<std::string, ProxyProvider>> providerKeys(const VaultContents& contents) {
+  Records records;
+  records.secrets = contents.secrets;
+  records.projects = contents.projects;
+  indexSecrets(records);
+  indexProjects(records);
+  std::vector<std::pair<std::string, ProxyProvider>> keys;
+  for (const SecretValueEntry& entry : contents.values) {
+    const Secret* const secret = records.secretById(entry.secretId);
+    if (secret == nullptr || secret->currentVersion != entry.version || entry.value.size() < kShortestProtected)
+      continue;
+    if (const auto provider = toldProvider(records, *secret, entry.value.view())) {
+      keys.emplace_back(secret->id, *provider);
     }
   }
-  // What contradicts itself is for the owner to say.
-  return told.size() == 1 ? std::optional(*told.begin()) : std::nullopt;
+  return keys;
 }
 
 void Vault::editProtection(const std::function<void(LocalProxySettings&)>& edit) {

@@ -114,14 +114,20 @@ TEST(BackupFormat, refusesEverySingleChangedBitOfASealedFile) {
 
 /// What the second reader finds in a file; nullopt when this computer has no Python with the libraries it needs.
 std::optional<std::string> readByPeer(const std::string& file, const Json& entered) {
-  if (std::system("python3 -c 'import cryptography' 2>/dev/null") != 0) return std::nullopt;
+  std::string python;
+  // A python3 of one's own may stand before the system's, which has the libraries.
+  for (const char* const candidate : {"python3", "/usr/bin/python3"}) {
+    const std::string look = std::string(candidate) + " -c 'import cryptography' 2>/dev/null";
+    if (python.empty() && std::system(look.c_str()) == 0) python = candidate;
+  }
+  if (python.empty()) return std::nullopt;
   const test::TemporaryFolder folder;
   const auto write = [&](const char* name, std::string_view text) {
     std::ofstream(folder.path() / name, std::ios::binary) << text;
     return (folder.path() / name).string();
   };
   const std::string out = (folder.path() / "out").string();
-  const std::string command = "python3 -B " SORVANE_SOURCE "/tests/peers/backup/backup_peer.py open " +
+  const std::string command = python + " -B " SORVANE_SOURCE "/tests/peers/backup/backup_peer.py open " +
                               write("file", file) + " <" + write("secret", entered.dump()) + " >" + out;
   EXPECT_EQ(std::system(command.c_str()), 0);
   return test::textOfFile(out);
