@@ -19,6 +19,7 @@ namespace sorvane::agent {
 class JobStopped : public base::Error {
  public:
   JobStopped() : Error("The work was cancelled. What was done up to there stays.") {}
+  explicit JobStopped(std::string_view sentence) : Error(std::string(sentence)) {}
 };
 
 /// Jobs runs long work in threads of its own, tells how far it is, and keeps what came of it for an hour. A job ends

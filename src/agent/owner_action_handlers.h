@@ -21,6 +21,7 @@
 namespace sorvane::agent {
 
 class CopiedValue;
+class OwnerBackups;
 class TaskSessions;
 
 /// ActionPlan is an action whose arguments were checked: the question, for one that asks, and what is done after a yes.
@@ -44,7 +45,8 @@ class OwnerActionHandlers final : public OwnerActions {
     TaskSessions& sessions;
     VaultActions& application;
     const base::Clock& clock;
-    OwnerProxy* proxy = nullptr;  ///< absent: no proxy runs here
+    OwnerProxy* proxy = nullptr;      ///< absent: no proxy runs here
+    OwnerBackups* backups = nullptr;  ///< absent: no backups are made here
   };
   explicit OwnerActionHandlers(Ports ports) : ports_(ports) {}
 
@@ -129,6 +131,15 @@ class OwnerActionHandlers final : public OwnerActions {
   ActionPlan proxyPricesFetch(const ActionArguments& arguments, ActionCall& call);
   ActionPlan proxyPricesOverride(const ActionArguments& arguments, ActionCall& call);
 
+  // Backups (backup_actions.cpp).
+  ActionPlan backupCreate(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan backupRecoveryKey(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan backupInspect(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan backupShow(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan backupPreview(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan backupRestore(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan backupUndo(const ActionArguments& arguments, ActionCall& call);
+
  private:
   vault::Secret secretNamed(const ActionArguments& arguments, std::string_view argument = "name");
   vault::Project projectNamed(const ActionArguments& arguments, std::string_view argument = "name");
@@ -138,6 +149,7 @@ class OwnerActionHandlers final : public OwnerActions {
   std::vector<std::string> uninstallSteps(bool withVault);
   std::int64_t rotationGraceDays();
   OwnerProxy& runningProxy() const;
+  OwnerBackups& backups() const;
   proxy::ProxyGrantStatus grantNamed(const ActionArguments& arguments) const;
   void writeSummary(base::JsonWriter& out, const vault::Secret& secret, std::int64_t graceDays);
 

@@ -79,6 +79,13 @@ constexpr std::array kActions{
     Row{"proxyPrices", Asks::no, &H::proxyPrices},
     Row{"proxyPricesFetch", Asks::no, &H::proxyPricesFetch},
     Row{"proxyPricesOverride", Asks::yes, &H::proxyPricesOverride},
+    Row{"backupCreate", Asks::yes, &H::backupCreate},
+    Row{"backupRecoveryKey", Asks::no, &H::backupRecoveryKey},
+    Row{"backupInspect", Asks::no, &H::backupInspect},
+    Row{"backupShow", Asks::no, &H::backupShow},
+    Row{"backupPreview", Asks::no, &H::backupPreview},
+    Row{"backupRestore", Asks::yes, &H::backupRestore},
+    Row{"backupUndo", Asks::yes, &H::backupUndo},
     Row{"job", Asks::no, &H::job},
     Row{"jobCancel", Asks::no, &H::jobCancel},
 };

@@ -80,7 +80,7 @@ AgentServer::~AgentServer() {
 bool AgentServer::start() {
   const base::Lock lifecycle(lifecycle_);
   wanted_ = true;
-  if (isRunning()) return true;
+  if (isRunning() || paused_) return true;
   const auto failure = open();
   if (failure) {
     base::diagnose("agent", *failure);
@@ -92,7 +92,31 @@ bool AgentServer::start() {
 void AgentServer::stop() {
   const base::Lock lifecycle(lifecycle_);
   wanted_ = false;
-  if (isRunning()) close();
+  if (isRunning() || paused_) close();
+}
+
+bool AgentServer::alone(std::chrono::milliseconds patience, const std::function<void()>& work) {
+  {
+    const base::Lock lifecycle(lifecycle_);
+    if (!isRunning() || paused_) return false;
+    paused_ = true;
+    withdraw();
+  }
+  struct Resume {
+    AgentServer& server;
+    ~Resume() { server.resume(); }
+  } const resuming{*this};
+  if (!waitUntilIdle(Waiting::everyoneElse, patience)) return false;
+  work();
+  return true;
+}
+
+void AgentServer::resume() {
+  const base::Lock lifecycle(lifecycle_);
+  if (!paused_) return;  // it was stopped
+  close();
+  const auto failure = wanted_ ? open() : std::nullopt;
+  if (failure) base::diagnose("agent", *failure);
 }
 
 bool AgentServer::isRunning() const {
@@ -123,7 +147,7 @@ std::optional<std::string> AgentServer::open() {
   return "could not publish endpoint";
 }
 
-void AgentServer::close() {
+void AgentServer::withdraw() {
   {
     const base::Lock lock(mutex_);
     running_ = false;
@@ -134,6 +158,11 @@ void AgentServer::close() {
   approvals_.setGeneration(std::nullopt);
   hangups_.withdrawAll();
   sessions_.endAll();
+}
+
+void AgentServer::close() {
+  withdraw();
+  paused_ = false;
   requests_.close();
   published_.withdraw();
   std::error_code ignored;
@@ -171,13 +200,23 @@ void AgentServer::leave() {
 }
 
 void AgentServer::waitUntilIdle(Waiting waiting) {
+  while (!waitUntilIdle(waiting, std::chrono::hours(1))) {
+  }
+}
+
+bool AgentServer::waitUntilIdle(Waiting waiting, std::chrono::milliseconds atMost) {
+  const auto until = std::chrono::steady_clock::now() + atMost;
   base::Lock lock(mutex_);
   // Requests that wait themselves do not wait for one another.
   const std::size_t self = waiting == Waiting::everyoneElse ? 1 : 0;
   waitingRequests_ += self;
   requestLeft_.notify_all();
-  while (activeRequests_ > waitingRequests_) requestLeft_.wait(lock.mutex());
+  while (activeRequests_ > waitingRequests_) {
+    if (requestLeft_.wait_until(lock.mutex(), until) == std::cv_status::timeout) break;
+  }
+  const bool isIdle = activeRequests_ <= waitingRequests_;
   waitingRequests_ -= self;
+  return isIdle;
 }
 
 base::SecretText AgentServer::answer(const ReceivedRequest& received, const RequestPeer& peer) {

@@ -70,17 +70,27 @@ class AgentServer {
   /// Writes "agent.json" again. Does nothing while stopped.
   void republish();
 
+  /// Refuses requests as a stopped server does, ends what a stop ends, waits until no request but the caller's own is
+  /// in flight, and calls `work` then; afterwards the endpoint is opened anew, unless the server was stopped meanwhile.
+  /// False, and `work` was not called, when requests are still in flight after `patience` or the server does not run.
+  bool alone(std::chrono::milliseconds patience, const std::function<void()>& work);
+
   /// The single entry of every request.
   AgentResponse handle(std::string_view bytes, const RequestCaller& caller);
 
   /// Blocks until no request is in flight. A request that waits itself passes `everyoneElse`.
   enum class Waiting { everyone, everyoneElse };
   void waitUntilIdle(Waiting waiting);
+  /// The same for a time; false when requests are still in flight then.
+  bool waitUntilIdle(Waiting waiting, std::chrono::milliseconds atMost);
 
  private:
   void observeSessions();
   std::optional<std::string> open() REQUIRES(lifecycle_);
   void close() REQUIRES(lifecycle_);
+  /// Refuses requests from now on and ends what they began.
+  void withdraw() REQUIRES(lifecycle_);
+  void resume();
   AgentInfo info() const;
   base::SecretText answer(const ReceivedRequest& received, const RequestPeer& peer);
   /// What a request takes along of the generation that it came in.
@@ -111,6 +121,7 @@ class AgentServer {
   PublishedFile published_ GUARDED_BY(lifecycle_);
   SocketIdentity publishedSocket_ GUARDED_BY(lifecycle_);
   bool wanted_ GUARDED_BY(lifecycle_) = false;
+  bool paused_ GUARDED_BY(lifecycle_) = false;  ///< refuses requests, but still accepts connections
 
   std::vector<TaskSessions::ObserverToken> sessionObservers_;
 

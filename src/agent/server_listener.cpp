@@ -7,7 +7,7 @@ namespace sorvane::agent {
 
 std::optional<std::string> AgentServer::checkEndpoint() {
   const base::Lock lifecycle(lifecycle_);
-  if (!wanted_) return std::nullopt;
+  if (!wanted_ || paused_) return std::nullopt;
   if (!isRunning()) return open();
   if (requests_.hasFailed() || socketAt(socketPath_) != publishedSocket_) {
     base::diagnose("agent", std::string(kListeningAgain));

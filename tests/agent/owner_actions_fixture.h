@@ -3,12 +3,14 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <future>
 #include <optional>
 #include <string>
 #include <vector>
 
 #include "agent/copied_value.h"
 #include "agent/owner_action_handlers.h"
+#include "agent/owner_backups.h"
 #include "agent/task_sessions.h"
 #include "support/doubles.h"
 #include "vault/vault_fixture.h"
@@ -85,6 +87,47 @@ class StandInProxy final : public agent::OwnerProxy {
   std::string own;
 };
 
+/// Notes what it is asked for.
+class StandInBackups final : public agent::OwnerBackups {
+ public:
+  void check(const agent::BackupOrder& order) override { noted.push_back("check " + order.file); }
+  std::string create(agent::BackupOrder order, const std::string& ticket, const vault::AccessContext&,
+                     const Jobs::Step&) override {
+    tickets.set_value(ticket + " " + order.protection + " " + std::string(order.passphrase.view()));
+    return "{}";
+  }
+  std::optional<base::SecretText> takeRecoveryKey(const std::string&) override { return std::nullopt; }
+  void confirmRecoveryKey(const std::string& ticket) override { noted.push_back("confirmed " + ticket); }
+  std::string inspect(const std::string& file) override { return "{\"file\":\"" + file + "\"}"; }
+  std::string show(agent::BackupToOpen, const Jobs::Step&) override { return "{}"; }
+  std::string preview(agent::BackupToOpen, const Jobs::Step&) override { return "{}"; }
+  std::shared_ptr<Restore> prepareRestore(agent::BackupToOpen backup, const std::string& sha256,
+                                          bool protectKeys) override {
+    class Prepared final : public Restore {
+     public:
+      Prepared(StandInBackups& all, std::string what) : all_(all), what_(std::move(what)) {}
+      std::vector<std::string> details() const override { return {"details of " + what_}; }
+      std::string run(const vault::AccessContext&) override {
+        all_.noted.push_back("restored " + what_);
+        return "{}";
+      }
+
+     private:
+      StandInBackups& all_;
+      const std::string what_;
+    };
+    const auto& given = backup.passphrase ? backup.passphrase : backup.recoveryKey;
+    return std::make_shared<Prepared>(*this, backup.file + " " + sha256 + (backup.recoveryKey ? " recovery " : " ") +
+                                                 (given ? std::string(given->view()) : "unopened") +
+                                                 (protectKeys ? " protecting" : ""));
+  }
+  void checkStepBack() override {}
+  void stepBack(const vault::AccessContext&) override { noted.emplace_back("undone"); }
+
+  std::vector<std::string> noted;
+  std::promise<std::string> tickets;
+};
+
 class OwnerActions : public VaultFixture {
  protected:
   void SetUp() override {
@@ -130,12 +173,13 @@ class OwnerActions : public VaultFixture {
   agent::ApprovalPolicy policy_{vault()};
   StandInApplication application_;
   StandInProxy proxy_;
+  StandInBackups backups_;
   MemoryClipboard clipboard_;
   agent::CopiedValue copied_{clipboard_};
   agent::TaskSessions sessions_{clock_};
   Jobs jobs_{clock_};
   agent::OwnerActionHandlers actions_{
-      {vault(), grants_, policy_, jobs_, clipboard_, copied_, sessions_, application_, clock_, &proxy_}};
+      {vault(), grants_, policy_, jobs_, clipboard_, copied_, sessions_, application_, clock_, &proxy_, &backups_}};
   std::vector<std::string> asked_;
   std::vector<std::string> details_;  ///< of the last question
   std::function<void()> whileAsked_;

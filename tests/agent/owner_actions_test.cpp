@@ -76,6 +76,13 @@ const std::map<std::string, Payload>& validArguments() {
       {"proxyPrices", {}},
       {"proxyPricesFetch", {}},
       {"proxyPricesOverride", {}},
+      {"backupCreate", {{"file", "/backup"}, {"protection", "none"}}},
+      {"backupRecoveryKey", {{"ticket", "nothing"}}},
+      {"backupInspect", {{"file", "/backup"}}},
+      {"backupShow", {{"file", "/backup"}}},
+      {"backupPreview", {{"file", "/backup"}}},
+      {"backupRestore", {{"file", "/backup"}, {"sha256", "00"}}},
+      {"backupUndo", {}},
       {"job", {{"id", "nothing"}}},
       {"jobCancel", {{"id", "nothing"}}},
   };
@@ -349,6 +356,35 @@ TEST(JobsTest, tellsHowFarTheWorkIsStopsItAndForgetsItAfterAnHour) {
   const std::string next = jobs.start("gc", [](const Jobs::Step&) { return std::optional<std::string>(); });
   EXPECT_FALSE(jobs.view(id));
   EXPECT_TRUE(jobs.view(next));
+}
+
+TEST_F(OwnerActions, aBackupIsCheckedBeforeTheQuestionAndMadeAfterIt) {
+  EXPECT_EQ(act({{"action", "backupCreate"}, {"file", "relative"}, {"protection", "none"}}).error,
+            "backupCreate needs the whole path of the file. Nothing was done.");
+  EXPECT_TRUE(asked_.empty());
+  const AgentResponse response =
+      act({{"action", "backupCreate"}, {"file", "/b"}, {"protection", "passphrase"}}, "made-up words");
+  ASSERT_TRUE(response.ok);
+  EXPECT_EQ(backups_.noted, std::vector<std::string>{"check /b"});
+  const std::string made = backups_.tickets.get_future().get();
+  const auto document = base::parseJson(response.document->view());
+  EXPECT_EQ(made, document->value("ticket", "") + " passphrase made-up words");
+  EXPECT_EQ(asked_.front(), "Terminal (sorvane command line) wants to save a backup of the vault. File: /b");
+}
+
+TEST_F(OwnerActions, aRestoreIsOfWhatWasOpenedBeforeTheQuestion) {
+  whileAsked_ = [&] { EXPECT_TRUE(backups_.noted.empty()); };
+  EXPECT_TRUE(act({{"action", "backupRestore"},
+                   {"file", "/b"},
+                   {"sha256", "ab"},
+                   {"unlock", "recoveryKey"},
+                   {"protectKeys", "true"}},
+                  "MADEU-P")
+                  .ok);
+  EXPECT_EQ(details_, std::vector<std::string>{"details of /b ab recovery MADEU-P protecting"});
+  EXPECT_EQ(backups_.noted, std::vector<std::string>{"restored /b ab recovery MADEU-P protecting"});
+  EXPECT_EQ(act({{"action", "backupShow"}, {"file", "/b"}, {"unlock", "guess"}}).error,
+            "Choose passphrase, recoveryKey, or none.");
 }
 
 }  // namespace

@@ -126,6 +126,60 @@ TEST_F(Server, aRequestCanWaitForAllOthersButItself) {
   EXPECT_TRUE(ask(request(AgentOp::manageVault)).ok);
 }
 
+TEST_F(Server, workIsDoneAloneWhileOthersAreRefusedAndTheEndpointIsOpenedAnew) {
+  secret("KEY", "made-up-value");
+  provider_.answer = untilWithdrawn;
+  const base::Descriptor other = connected();
+  send(other.get(), agent::encodeRequest(request(AgentOp::getSecret, "KEY")).view());
+  ::shutdown(other.get(), SHUT_WR);
+  provider_.asked.waitFor(1);
+  std::optional<std::string> refusal;
+  actions_.action = [&](agent::ActionCall&) {
+    agent::AgentResponse response;
+    response.ok = server_->alone(std::chrono::minutes(1), [&] {
+      EXPECT_FALSE(server_->isRunning());
+      refusal = ask(request(AgentOp::listEnvironments)).error;
+    });
+    EXPECT_TRUE(server_->isRunning());
+    return response;
+  };
+  const std::string before(endpoint().token.view());
+  EXPECT_TRUE(ask(request(AgentOp::manageVault)).ok) << "answered on its own connection";
+  EXPECT_EQ(refusal, "vault unavailable; retry after unlocking or restoring");
+  EXPECT_TRUE(vault_.accessLog().empty()) << "what waited was withdrawn";
+  EXPECT_NE(endpoint().token.view(), before);
+  EXPECT_TRUE(ask(request(AgentOp::listEnvironments)).ok);
+}
+
+TEST_F(Server, workIsNotDoneAloneWhileARequestGoesOnAndAStopMeanwhileCounts) {
+  secret("KEY", "made-up-value");
+  std::promise<void> ended;
+  provider_.answer = [&](const Asked&) {
+    ended.get_future().wait();
+    return std::optional(true);
+  };
+  auto other = std::async(std::launch::async, [&] { return ask(request(AgentOp::getSecret, "KEY")); });
+  provider_.asked.waitFor(1);
+  bool wasDone = false;
+  actions_.action = [&](agent::ActionCall&) {
+    agent::AgentResponse response;
+    response.ok = !server_->alone(std::chrono::milliseconds(20), [&] { wasDone = true; });
+    return response;
+  };
+  EXPECT_TRUE(ask(request(AgentOp::manageVault)).ok);
+  EXPECT_FALSE(wasDone);
+  ended.set_value();
+  other.wait();
+  EXPECT_TRUE(server_->isRunning());
+  actions_.action = [&](agent::ActionCall&) {
+    agent::AgentResponse response;
+    response.ok = server_->alone(std::chrono::minutes(1), [&] { server_->stop(); });
+    return response;
+  };
+  EXPECT_TRUE(ask(request(AgentOp::manageVault)).ok);
+  EXPECT_FALSE(server_->isRunning());
+}
+
 TEST_F(Server, aThousandSilentConnectionsDoNotKeepOthersOut) {
   environment("app");
   std::vector<base::Descriptor> silent;
