@@ -12,6 +12,9 @@
 namespace sorvane::app {
 namespace {
 
+/// How long requests in flight may take to end before the vault is replaced.
+constexpr std::chrono::seconds kPatience{10};
+
 std::string homeFolder() {
   const char* const home = std::getenv("HOME");
   return home == nullptr ? std::string() : std::string(home);
@@ -43,8 +46,10 @@ OpenVault::OpenVault(Ports ports)
       policy_(vault_),
       connections_(connectionSetting(ports.supportFolder), ports.files, vault_.settings()),
       actions_(std::move(ports.state), stores_, connections_, proxy_),
+      backups_({vault_, ports.files, ports.clock, [this](const std::function<void()>& work) { alone(work); }}),
       jobs_(ports.clock),
-      ownerActions_({vault_, grants_, policy_, jobs_, clipboard_, copied_, sessions_, actions_, ports.clock, &proxy_}),
+      ownerActions_(
+          {vault_, grants_, policy_, jobs_, clipboard_, copied_, sessions_, actions_, ports.clock, &proxy_, &backups_}),
       runner_(ports.host),
       keyFiles_(ports.supportFolder / base::kKeyFilesName, ports.files, ports.clock, runner_,
                 agent::minimumEnvironment(environ)),
@@ -74,13 +79,29 @@ OpenVault::OpenVault(Ports ports)
   }
 }
 
-bool OpenVault::start() {
-  if (!server_.start()) return false;
+void OpenVault::alone(const std::function<void()>& work) {
+  const bool wasClosed = vault_.storageFailure().has_value();
+  const auto replace = [&] {
+    work();
+    if (!wasClosed || vault_.storageFailure()) return;
+    // What a start leaves out for a vault that does not open.
+    stores_.opened();
+    startProxy();
+  };
+  if (!server_.alone(kPatience, replace)) throw unlock::BackupError(unlock::sentence::kStillRunning);
+}
+
+void OpenVault::startProxy() {
   proxy_.start([this] { server_.republish(); },
                [this] {
                  const agent::Approver whose = policy_.current().approver;
                  return whose == agent::Approver::any || whose == agent::Approver::terminal;
                });
+}
+
+bool OpenVault::start() {
+  if (!server_.start()) return false;
+  startProxy();
   if (stores_.record().leaving && !vault_.storageFailure()) {
     jobs_.start("storeMove", [this](const agent::Jobs::Step&) {
       try {

@@ -15,6 +15,7 @@
 #include "agent/server.h"
 #include "agent/task_sessions.h"
 #include "app/application_actions.h"
+#include "app/backups.h"
 #include "app/local_proxy.h"
 #include "app/stores.h"
 #include "base/clock.h"
@@ -59,6 +60,10 @@ class OpenVault {
   bool start();
 
  private:
+  /// Calls the work while no request but the present one is served.
+  void alone(const std::function<void()>& work);
+  void startProxy();
+
   Stores& stores_;
 
   // The vault.
@@ -75,6 +80,7 @@ class OpenVault {
   agent::CopiedValue copied_{clipboard_};
   clients::Connections connections_;
   ApplicationActions actions_;
+  Backups backups_;
   agent::Jobs jobs_;
   agent::OwnerActionHandlers ownerActions_;
 

@@ -21,6 +21,7 @@ void addCommands(Commands& commands, CLI::App& app, int count, char** words) {
                                {"unprotect", &Commands::addUnprotect},
                                {"proxy", &Commands::addProxy},
                                {"mcp", &Commands::addMcp},
+                               {"backup", &Commands::addBackup},
                                {"log", &Commands::addLog},
                                {"uninstall", &Commands::addUninstall},
                                {"completion", &Commands::addCompletion}};

@@ -1,15 +1,14 @@
 #include "cli/session.h"
 
-#include <signal.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <nlohmann/json.hpp>
 #include <thread>
 
 #include "base/json_writer.h"
+#include "cli/interrupt.h"
 #include "cli/lock_link.h"
 
 namespace sorvane::cli {
@@ -18,26 +17,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr auto kPollJobs = 150ms;
-
-// Set by the signal's handler, which may do no more.
-std::atomic<bool> interrupted{false};  // NOLINT: a handler has no other way to tell
-
-/// The first Ctrl-C is noted for as long as this lives.
-class NoteInterrupt {
- public:
-  NoteInterrupt() {
-    struct sigaction action {};
-    action.sa_handler = [](int) { interrupted = true; };
-    action.sa_flags = static_cast<int>(SA_RESETHAND);
-    ::sigaction(SIGINT, &action, &before_);
-  }
-  ~NoteInterrupt() { ::sigaction(SIGINT, &before_, nullptr); }
-  NoteInterrupt(const NoteInterrupt&) = delete;
-  NoteInterrupt& operator=(const NoteInterrupt&) = delete;
-
- private:
-  struct sigaction before_ {};
-};
 
 int exitCodeOf(const agent::AgentResponse& response) {
   const std::string& sentence = response.error.value_or("");
@@ -138,7 +117,7 @@ base::Json Session::read(std::string_view action, Arguments arguments) {
   return std::move(*json);
 }
 
-base::Json Session::follow(const agent::AgentResponse& started) {
+base::Json Session::follow(const agent::AgentResponse& started, const std::function<void()>& between) {
   const std::string jobId(valueOf(started).view());
   const NoteInterrupt note;
   bool cancelled = false;
@@ -151,7 +130,8 @@ base::Json Session::follow(const agent::AgentResponse& started) {
       if (state == "done") return job.contains("document") ? job["document"] : base::Json();
       throw Failure(kFailed, state == "cancelled" ? "cancelled" : "job_failed", job.value("error", "The work failed."));
     }
-    if (interrupted && !cancelled) {
+    if (between && !wasInterrupted()) between();
+    if (wasInterrupted() && !cancelled) {
       cancelled = true;
       manage("jobCancel", {{"id", jobId}}, Asks::no);
     }

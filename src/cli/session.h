@@ -66,8 +66,9 @@ class Session {
   /// The action's JSON document.
   base::Json read(std::string_view action, Arguments arguments = {});
   /// Follows the job whose id `started` holds to its end, draws its progress, and cancels it on Ctrl-C; a second one
-  /// ends the program. Returns its document, or null.
-  base::Json follow(const agent::AgentResponse& started);
+  /// ends the program. Returns its document, or null. `between` is called each time that it was looked at and still
+  /// ran.
+  base::Json follow(const agent::AgentResponse& started, const std::function<void()>& between = {});
 
   const Options& options() const { return options_; }
 

@@ -31,7 +31,7 @@ Failure nothingGiven() {
 
 }  // namespace
 
-base::SecretText readValue(const Options& options, const std::string& what, bool keepNewline) {
+base::SecretText readValue(const Options& options, const std::string& what, bool keepNewline, Typing typing) {
   if (::isatty(STDIN_FILENO) == 0) {
     base::SecretText value = pipedIn();
     if (!keepNewline && value.view().ends_with('\n')) value.truncate(value.size() - 1);
@@ -44,7 +44,7 @@ base::SecretText readValue(const Options& options, const std::string& what, bool
   if (!terminal) throw nothingGiven();
   base::SecretText value = hiddenLine(terminal.get(), what + " (not shown): ");
   if (value.empty()) throw nothingGiven();
-  if (!hiddenLine(terminal.get(), "Once more: ").sameAs(value.view())) {
+  if (typing == Typing::twice && !hiddenLine(terminal.get(), "Once more: ").sameAs(value.view())) {
     throw Failure(kUsage, "values_differ", "The two values differ, so nothing was saved. Try again.");
   }
   return value;
