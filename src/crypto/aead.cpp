@@ -27,25 +27,24 @@ int sizeForCipher(std::size_t size) {
   return static_cast<int>(size);
 }
 
-}  // namespace
-
-base::Bytes seal(const SymmetricKey& key, std::span<const std::uint8_t> plain, std::string_view associated) {
+base::Bytes sealWith(const EVP_CIPHER* cipher, const SymmetricKey& key, std::span<const std::uint8_t> plain,
+                     std::string_view associated) {
   const Context context = newContext();
   base::Bytes box(kNonceBytes + plain.size() + kTagBytes);
   base::fillRandom({box.data(), kNonceBytes});
   const auto aad = base::bytesOf(associated);
   int size = 0;
-  require(EVP_EncryptInit_ex(context.get(), EVP_aes_256_gcm(), nullptr, key.bytes().data(), box.data()));
+  require(EVP_EncryptInit_ex(context.get(), cipher, nullptr, key.bytes().data(), box.data()));
   require(EVP_EncryptUpdate(context.get(), nullptr, &size, aad.data(), sizeForCipher(aad.size())));
   require(EVP_EncryptUpdate(context.get(), box.data() + kNonceBytes, &size, plain.data(), sizeForCipher(plain.size())));
   require(EVP_EncryptFinal_ex(context.get(), box.data() + kNonceBytes + size, &size));
-  require(EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_GCM_GET_TAG, static_cast<int>(kTagBytes),
+  require(EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_GET_TAG, static_cast<int>(kTagBytes),
                               box.data() + kNonceBytes + plain.size()));
   return box;
 }
 
-std::optional<base::SecretText> open(const SymmetricKey& key, std::span<const std::uint8_t> box,
-                                     std::string_view associated) {
+std::optional<base::SecretText> openWith(const EVP_CIPHER* cipher, const SymmetricKey& key,
+                                         std::span<const std::uint8_t> box, std::string_view associated) {
   if (box.size() < kNonceBytes + kTagBytes) return std::nullopt;
   const Context context = newContext();
   const auto sealed = box.subspan(kNonceBytes, box.size() - kNonceBytes - kTagBytes);
@@ -55,14 +54,34 @@ std::optional<base::SecretText> open(const SymmetricKey& key, std::span<const st
   auto* out = reinterpret_cast<unsigned char*>(plain.data());
   const auto aad = base::bytesOf(associated);
   int size = 0;
-  require(EVP_DecryptInit_ex(context.get(), EVP_aes_256_gcm(), nullptr, key.bytes().data(), box.data()));
+  require(EVP_DecryptInit_ex(context.get(), cipher, nullptr, key.bytes().data(), box.data()));
   require(EVP_DecryptUpdate(context.get(), nullptr, &size, aad.data(), sizeForCipher(aad.size())));
   require(EVP_DecryptUpdate(context.get(), out, &size, sealed.data(), sizeForCipher(sealed.size())));
-  require(EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_GCM_SET_TAG, static_cast<int>(kTagBytes),
+  require(EVP_CIPHER_CTX_ctrl(context.get(), EVP_CTRL_AEAD_SET_TAG, static_cast<int>(kTagBytes),
                               const_cast<std::uint8_t*>(tag.data())));
   unsigned char none[16];
   if (EVP_DecryptFinal_ex(context.get(), none, &size) != 1) return std::nullopt;
   return plain;
+}
+
+}  // namespace
+
+base::Bytes seal(const SymmetricKey& key, std::span<const std::uint8_t> plain, std::string_view associated) {
+  return sealWith(EVP_aes_256_gcm(), key, plain, associated);
+}
+
+std::optional<base::SecretText> open(const SymmetricKey& key, std::span<const std::uint8_t> box,
+                                     std::string_view associated) {
+  return openWith(EVP_aes_256_gcm(), key, box, associated);
+}
+
+base::Bytes sealChaCha(const SymmetricKey& key, std::span<const std::uint8_t> plain, std::string_view associated) {
+  return sealWith(EVP_chacha20_poly1305(), key, plain, associated);
+}
+
+std::optional<base::SecretText> openChaCha(const SymmetricKey& key, std::span<const std::uint8_t> box,
+                                           std::string_view associated) {
+  return openWith(EVP_chacha20_poly1305(), key, box, associated);
 }
 
 }  // namespace sorvane::crypto
