@@ -408,6 +408,8 @@ class Vault {
   // Restoring (vault_restore.cpp).
   struct Restoration;
   Restoration beginRestoration() REQUIRES(lock_);
+  void putObstaclesAside() REQUIRES(lock_);
+  std::optional<std::string> lastChangedGeneration() REQUIRES(lock_);
   void stageContents(const Restoration& restoration, const VaultContents& contents, const Progress& progress)
       REQUIRES(lock_);
   bool isStaged(const Restoration& restoration, const VaultContents& contents) REQUIRES(lock_);

@@ -22,13 +22,14 @@ bool isOver(const SecretVersion& version, Date now, std::int64_t days) {
 
 /// Whether the account is one that this vault made for a value.
 bool isOwnValue(std::string_view account) {
-  constexpr std::string_view kPrefix = "sec_";
+  constexpr std::string_view kPrefix = "sec_", kRestored = "restore:";
   constexpr std::size_t kDigits = 32;
-  // One that a restore staged stands behind the name of its generation.
-  if (account.starts_with("restore:") && account.find(":sec_") != std::string_view::npos) {
-    const std::string_view generation = account.substr(8, account.find(":sec_") - 8);
-    if (!isGenerationName(generation) || !isRestoredGeneration(generation)) return false;
-    account.remove_prefix(account.find(":sec_") + 1);
+  if (account.starts_with(kRestored)) {
+    // One that a restore staged stands behind the name of its generation, under the id that the backup gave it.
+    const std::string_view generation =
+        account.substr(kRestored.size(), account.find(':', kRestored.size()) - kRestored.size());
+    return account.size() > kRestored.size() + generation.size() && isGenerationName(generation) &&
+           isRestoredGeneration(generation);
   }
   const auto parsed = parseVersionAccount(account);
   return parsed && parsed->secretId.starts_with(kPrefix) && parsed->secretId.size() == kPrefix.size() + kDigits &&

@@ -1,6 +1,7 @@
 #include <algorithm>
 
 #include "base/diagnostics.h"
+#include "base/ids.h"
 #include "vault/access_log.h"
 #include "vault/accounts.h"
 #include "vault/journal.h"
@@ -49,6 +50,7 @@ struct Vault::Restoration {
   /// The manifest as it stood, byte for byte, and what it says if it can be read.
   std::optional<base::Bytes> before;
   std::optional<Manifest> manifest;
+  std::optional<std::string> previous;  ///< the generation that is replaced, where that can be told
 };
 
 void Vault::restore(const VaultContents& contents, const Progress& progress) {
@@ -80,17 +82,52 @@ void Vault::restore(const VaultContents& contents, const Progress& progress) {
 Vault::Restoration Vault::beginRestoration() {
   boundary_ = 0;
   if (!storageFailure_) currentRecords();
-  for (const fs::path& folder : {directory_, directory_ / kGenerationsFolder}) ports_.files.makeFolder(folder);
+  ports_.files.makeFolder(directory_);
+  if (storageFailure_) putObstaclesAside();
+  ports_.files.makeFolder(directory_ / kGenerationsFolder);
   removeUnusedGenerations();
   auto key = readVaultKey(ports_.store);
   if (!key) key = makeVaultKey(ports_.store);
-  Restoration restoration{newRestoredGenerationName(ports_.clock.now()), *std::move(key), {}, {}};
+  Restoration restoration{newRestoredGenerationName(ports_.clock.now()), *std::move(key), {}, {}, {}};
   if (auto contents = ports_.files.read(directory_ / kManifestFile, kMaxManifestBytes)) {
     auto decoded = decodeManifest(base::textOf(contents->bytes));
     if (auto* const manifest = std::get_if<Manifest>(&decoded)) restoration.manifest = std::move(*manifest);
     restoration.before = std::move(contents->bytes);
   }
+  restoration.previous = restoration.manifest ? std::optional(restoration.manifest->current) : lastChangedGeneration();
   return restoration;
+}
+
+/// What stands in the place of the manifest or of the generations, and is none, is kept under another name.
+void Vault::putObstaclesAside() {
+  const auto putAside = [&](const fs::path& path) REQUIRES(lock_) {
+    const fs::path aside = path.string() + ".aside-" + base::randomHex(8);
+    ports_.files.rename(path, aside);
+    base::diagnose("vault", "what stood in the place of " + path.filename().string() + " is now called " +
+                                aside.filename().string());
+  };
+  std::error_code none;
+  const fs::path generations = directory_ / kGenerationsFolder, manifest = directory_ / kManifestFile;
+  const fs::file_type folder = fs::symlink_status(generations, none).type();
+  if (folder != fs::file_type::directory && folder != fs::file_type::not_found) putAside(generations);
+  const fs::file_type file = fs::symlink_status(manifest, none).type();
+  const bool isTooLarge = file == fs::file_type::regular && fs::file_size(manifest, none) > kMaxManifestBytes;
+  if (isTooLarge || (file != fs::file_type::regular && file != fs::file_type::not_found)) putAside(manifest);
+}
+
+/// Without a manifest the vault was most likely the generation that was written to last.
+std::optional<std::string> Vault::lastChangedGeneration() {
+  std::optional<std::string> last;
+  std::pair<std::int64_t, std::int64_t> changed;
+  for (const std::string& generation : generationNames()) {
+    const auto file = ports_.files.identity(generationFolder(generation) / kSecretsFile);
+    if (!file) continue;
+    const std::pair at(file->changedSeconds, file->changedNanoseconds);
+    if (last && at < changed) continue;
+    last = generation;
+    changed = at;
+  }
+  return last;
 }
 
 void Vault::stageContents(const Restoration& restoration, const VaultContents& contents, const Progress& progress) {
@@ -154,10 +191,8 @@ void Vault::switchTo(const Restoration& restoration) {
   }
   Manifest manifest;
   manifest.current = restoration.generation;
-  if (restoration.manifest) {
-    manifest.previous = restoration.manifest->current;
-    manifest.cancelledMigrations = restoration.manifest->cancelledMigrations;
-  }
+  manifest.previous = restoration.previous;
+  if (restoration.manifest) manifest.cancelledMigrations = restoration.manifest->cancelledMigrations;
   const fs::path kept = putJournalAside(manifest.previous);
   nextBoundary();
   try {
@@ -176,6 +211,7 @@ void Vault::switchTo(const Restoration& restoration) {
     throw VaultError(std::string(sentence::kNotVerified));
   }
   nextBoundary();
+  if (!restoration.manifest) return;  // nobody can tell what may go
   try {
     removeUnusedGenerations();
     for (const std::string& account : orphanAccounts()) {
@@ -193,8 +229,8 @@ fs::path Vault::putJournalAside(const std::optional<std::string>& generation) {
   const fs::path journal = directory_ / kJournalFile;
   if (!ports_.files.identity(journal)) return {};
   nextBoundary();
-  if (!generation) {
-    ports_.files.remove(journal);  // nobody can tell which generation it is for
+  if (!generation || ports_.files.list(generationFolder(*generation)).empty()) {
+    ports_.files.remove(journal);  // what it could undo is gone, or nobody can tell where it was
     return {};
   }
   fs::path kept = generationFolder(*generation) / kJournalFile;
@@ -234,13 +270,21 @@ void Vault::dropStaged(const Restoration& restoration) {
   }
 }
 
+/// What cannot be removed stays in nobody's way: it is said, and tried again the next time.
 void Vault::removeGenerationFiles(const std::string& generation) {
   const fs::path folder = generationFolder(generation);
+  const auto remove = [&](std::string_view name) {
+    try {
+      ports_.files.remove(folder / name);
+    } catch (const base::FileError& error) {
+      base::diagnose("vault", "a file of a vault that was replaced stays: " + error.sentence());
+    }
+  };
   // The file that names the values goes last: without it nobody would know whose they are.
   for (const std::string& name : ports_.files.list(folder)) {
-    if (name != kSecretsFile) ports_.files.remove(folder / name);
+    if (name != kSecretsFile) remove(name);
   }
-  ports_.files.remove(folder / kSecretsFile);
+  remove(kSecretsFile);
   std::error_code kept;
   fs::remove(folder, kept);
 }
@@ -278,6 +322,7 @@ void Vault::stepBack() {
     if (!previousGeneration_) throw VaultError(std::string(sentence::kNoPrevious));
     before = idsOf(records_);
     try {
+      if (!readVaultKey(ports_.store)) throw VaultError(std::string(sentence::kKeyDoesNotOpen));
       Restoration restoration = beginRestoration();
       if (!restoration.manifest || restoration.manifest->current != generation_ ||
           restoration.manifest->previous != previousGeneration_) {

@@ -31,6 +31,13 @@ bool hasSoundVersions(const Secret& secret) {
   return secret.current() != nullptr;
 }
 
+/// Ids are this system's own or another writer's: anything printable that is no longer than any of them.
+bool isSoundId(std::string_view id) {
+  constexpr std::size_t kMaxIdBytes = 128;
+  return !id.empty() && id.size() <= kMaxIdBytes &&
+         std::all_of(id.begin(), id.end(), [](char c) { return c > ' ' && c < '\x7f' && c != ':'; });
+}
+
 bool isStorable(const SecretValueEntry& entry) {
   return entry.value.size() <= kMaxValueBytes &&
          parseVersionAccount(accountOf(entry.secretId, entry.version)) == VersionAccount{entry.secretId, entry.version};
@@ -41,11 +48,11 @@ bool isStorable(const SecretValueEntry& entry) {
 bool isRestorable(const VaultContents& contents) {
   std::unordered_map<std::string_view, const Secret*> byId;
   for (const Secret& secret : contents.secrets) {
-    if (secret.id.empty() || !byId.emplace(secret.id, &secret).second || !hasSoundVersions(secret)) return false;
+    if (!isSoundId(secret.id) || !byId.emplace(secret.id, &secret).second || !hasSoundVersions(secret)) return false;
   }
   std::unordered_set<std::string_view> projects;
   for (const Project& project : contents.projects) {
-    if (project.id.empty() || !projects.insert(project.id).second) return false;
+    if (!isSoundId(project.id) || !projects.insert(project.id).second) return false;
   }
   std::unordered_set<std::string> accounts;
   for (const SecretValueEntry& entry : contents.values) {

@@ -157,6 +157,27 @@ TEST_F(Restore, helpsAVaultThatCannotBeOpened) {
       {"metadata gone", [&] { std::filesystem::remove_all(directory() / "generations" / vault().generation()); }},
       {"manifest damaged", [&] { put(directory() / "active-vault.json", "{"); }},
       {"manifest gone", [&] { std::filesystem::remove(directory() / "active-vault.json"); }},
+      {"manifest too large", [&] { put(directory() / "active-vault.json", std::string((1U << 20) + 1, ' ')); }},
+      {"manifest a link",
+       [&] {
+         std::filesystem::rename(directory() / "active-vault.json", directory() / "elsewhere");
+         std::filesystem::create_symlink("elsewhere", directory() / "active-vault.json");
+       }},
+      {"manifest a folder",
+       [&] {
+         std::filesystem::remove(directory() / "active-vault.json");
+         std::filesystem::create_directory(directory() / "active-vault.json");
+       }},
+      {"generations a file",
+       [&] {
+         std::filesystem::remove_all(directory() / "generations");
+         put(directory() / "generations", "x");
+       }},
+      {"metadata gone, with a journal",
+       [&] {
+         put(directory() / "local-reversal.json", "{");
+         std::filesystem::remove_all(directory() / "generations" / vault().generation());
+       }},
       {"journal damaged", [&] { put(directory() / "local-reversal.json", "{"); }},
       {"manifest and journal damaged",
        [&] {
@@ -175,6 +196,45 @@ TEST_F(Restore, helpsAVaultThatCannotBeOpened) {
     EXPECT_TRUE(holds(vault(), other)) << damage.what;
     EXPECT_TRUE(holds(open(), other)) << damage.what;
   }
+}
+
+TEST_F(Restore, losesNothingThatADamagedManifestMayHaveNamed) {
+  fillOld(vault());
+  const VaultContents other = foreignContents(), third = foreignContents();
+  vault().restore(other);
+  for (const std::string damaged : {"{", R"({"version":99,"current":"x"})", ""}) {
+    vault().createSecret(newSecret("Added before " + damaged, "later"));
+    const VaultContents added = vault().contents(kBackup);
+    put(directory() / "active-vault.json", damaged);
+    ASSERT_NE(open().storageFailure(), std::nullopt);
+    const auto values = memory_.accounts().size();
+    vault().restore(third);
+    EXPECT_EQ(memory_.accounts().size(), values + third.values.size());
+    vault().stepBack();
+    EXPECT_TRUE(holds(vault(), added)) << damaged;
+  }
+}
+
+TEST_F(Restore, isNotHeldUpByWhatItCannotClearAway) {
+  fillOld(vault());
+  std::filesystem::create_directories(directory() / "generations" / "restored-20000101T000000Z-00000000" / "sub");
+  const VaultContents other = foreignContents();
+  vault().restore(other);
+  EXPECT_TRUE(holds(vault(), other));
+  EXPECT_EQ(sentenceOf([&] { vault().collectGarbage(kForever); }), "");
+}
+
+TEST_F(Restore, collectsTheValuesOfAForeignBackupUnderWhateverIdsTheyCame) {
+  fillOld(vault());
+  const VaultContents old = vault().contents(kBackup);
+  const auto values = memory_.accounts().size();
+  VaultContents foreign = foreignContents();
+  foreign.projects.clear();
+  foreign.secrets.front().id = "ABC-1";
+  for (SecretValueEntry& entry : foreign.values) entry.secretId = "ABC-1";
+  vault().restore(foreign);
+  for (int i = 0; i < 2; ++i) vault().restore(old);
+  EXPECT_EQ(memory_.accounts().size(), values + old.values.size()) << "the first vault's own values went, too";
 }
 
 TEST_F(Restore, undoesACutOffChangeWhenItGoesBack) {
