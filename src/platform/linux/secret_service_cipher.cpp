@@ -1,14 +1,13 @@
 #include "platform/linux/secret_service_cipher.h"
 
 #include <openssl/bn.h>
-#include <openssl/core_names.h>
 #include <openssl/evp.h>
-#include <openssl/kdf.h>
 
 #include <climits>
 #include <memory>
 
 #include "base/ids.h"
+#include "crypto/derivation.h"
 
 namespace sorvane::platform {
 
@@ -57,24 +56,6 @@ void power(std::uint8_t* out, const BIGNUM* base, std::span<const std::uint8_t> 
   require(BN_bn2binpad(result.get(), out, static_cast<int>(SecretServiceCipher::kGroupBytes)) > 0);
 }
 
-/// HKDF-SHA256 (RFC 5869) without salt and information.
-base::SecretText derive(base::SecretText& shared) {
-  const std::unique_ptr<EVP_KDF, FreeWith<EVP_KDF_free>> kdf(EVP_KDF_fetch(nullptr, "HKDF", nullptr));
-  require(kdf != nullptr);
-  const std::unique_ptr<EVP_KDF_CTX, FreeWith<EVP_KDF_CTX_free>> context(EVP_KDF_CTX_new(kdf.get()));
-  char digest[] = "SHA256";
-  const OSSL_PARAM parameters[] = {
-      OSSL_PARAM_construct_utf8_string(OSSL_KDF_PARAM_DIGEST, digest, 0),
-      OSSL_PARAM_construct_octet_string(OSSL_KDF_PARAM_KEY, shared.data(), shared.size()),
-      OSSL_PARAM_construct_end(),
-  };
-  base::SecretText key;
-  key.resize(SecretServiceCipher::kKeyBytes);
-  auto* out = reinterpret_cast<unsigned char*>(key.data());
-  require(context && EVP_KDF_derive(context.get(), out, key.size(), parameters) == 1);
-  return key;
-}
-
 const unsigned char* bytes(const base::SecretText& text) {
   return reinterpret_cast<const unsigned char*>(text.view().data());
 }
@@ -102,7 +83,8 @@ SecretServiceCipher::Agreement SecretServiceCipher::agree(std::span<const std::u
   shared.resize(kGroupBytes);
   power(reinterpret_cast<std::uint8_t*>(shared.data()), theirs.get(), privateKey_.bytes());
   if (shared.view().front() == '\0') return Agreement::repeat;
-  key_ = derive(shared);
+  key_.resize(kKeyBytes);
+  crypto::hkdfSha256(shared.bytes(), {}, {}, {reinterpret_cast<std::uint8_t*>(key_.data()), key_.size()});
   return Agreement::agreed;
 }
 
