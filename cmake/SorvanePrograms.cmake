@@ -37,7 +37,7 @@ if(approver_sources)
   target_include_directories(approver PUBLIC ${CMAKE_CURRENT_SOURCE_DIR}/src)
   target_link_libraries(approver PUBLIC base crypto PRIVATE sorvane_settings nlohmann_json::nlohmann_json)
   add_executable(sorvane-approver ${CMAKE_CURRENT_SOURCE_DIR}/src/approver/main.cpp)
-  target_compile_definitions(sorvane-approver PRIVATE SORVANE_VERSION="${PROJECT_VERSION}")
+  target_compile_definitions(sorvane-approver PRIVATE SORVANE_VERSION="${PROJECT_VERSION}" $<$<NOT:$<PLATFORM_ID:Darwin>>:SORVANE_WITH_AVAHI>)
   target_link_libraries(sorvane-approver PRIVATE sorvane_settings approver platform CLI11::CLI11)
 endif()
 
