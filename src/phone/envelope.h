@@ -35,12 +35,12 @@ std::string_view nameOf(Kind kind);
 struct Envelope {
   std::int64_t v = kProtocolVersion;
   Kind kind = Kind::challenge;
-  std::optional<PairRequest> pairRequest;
-  std::optional<PublicKey> peerPublicKey;
-  std::optional<Challenge> challenge;
-  std::optional<base::Bytes> sealed;
-  std::optional<bool> ok;
-  std::optional<std::string> macName;
+  std::optional<PairRequest> pairRequest{};
+  std::optional<PublicKey> peerPublicKey{};
+  std::optional<Challenge> challenge{};
+  std::optional<base::Bytes> sealed{};
+  std::optional<bool> ok{};
+  std::optional<std::string> macName{};
   bool operator==(const Envelope&) const = default;
 };
 
