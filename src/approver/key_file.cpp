@@ -91,10 +91,9 @@ std::string computerIdOf(const PublicKey& computer) {
   return crypto::sha256Hex(computer).substr(0, kIdDigits);
 }
 
-SealingKey newSealingKey(std::string_view passphrase) {
+SealingKey newSealingKey(std::string_view passphrase, const crypto::PassphraseCost& cost) {
   base::Bytes salt(crypto::kPassphraseSaltBytes);
   base::fillRandom(salt);
-  const crypto::PassphraseCost cost;
   auto key = crypto::passphraseKey(passphrase, salt, cost);
   return {std::move(key), std::move(salt), cost};
 }

@@ -49,7 +49,7 @@ struct SealingKey {
   base::Bytes salt;
   crypto::PassphraseCost cost;
 };
-SealingKey newSealingKey(std::string_view passphrase);
+SealingKey newSealingKey(std::string_view passphrase, const crypto::PassphraseCost& cost = {});
 
 /// OpenPairing is a pairing with its keys, from when the passphrase was given.
 struct OpenPairing {

@@ -30,13 +30,6 @@ std::unique_ptr<Browser> makeBrowser() {
 
 using Action = std::function<int(const Options&)>;
 
-void addPlace(CLI::App& command, Options& options) {
-  command.add_option("--address", options.address, "Where the computer listens, in place of where it was last seen")
-      ->type_name("HOST:PORT");
-  command.add_option("--passphrase-fd", options.passphraseFd, "Read the passphrase from this open file, one line")
-      ->type_name("N");
-}
-
 /// Help and the version come as a ParseError too, with 0.
 void addCommands(CLI::App& app, Options& options, Action& action) {
   const auto browser = [](auto function) {
@@ -47,11 +40,9 @@ void addCommands(CLI::App& app, Options& options, Action& action) {
       ->required();
   pair->add_option("--name", options.deviceName, "Name of this device, as the computer lists it")->type_name("NAME");
   pair->add_flag("--once", options.once, "End when it is paired");
-  addPlace(*pair, options);
   pair->callback([&action, browser] { action = browser(pairDevice); });
 
   CLI::App* const wait = app.add_subcommand("wait", "Wait for questions and answer them (the same as no command)");
-  addPlace(*wait, options);
   wait->callback([&action, browser] { action = browser(waitForQuestions); });
 
   CLI::App* const status = app.add_subcommand("status", "Show which computer this device is paired with");
@@ -59,7 +50,6 @@ void addCommands(CLI::App& app, Options& options, Action& action) {
 
   CLI::App* const forget = app.add_subcommand("forget", "Remove this device's keys");
   forget->add_flag("--tell", options.tell, "Tell the computer, which asks for the passphrase");
-  addPlace(*forget, options);
   forget->callback([&action, browser] { action = browser(forgetPairing); });
 
   for (CLI::App* const command : app.get_subcommands({})) command->fallthrough();
@@ -76,6 +66,10 @@ int runProgram(int count, char** words) {
   Action action;
   app.add_option("--keys", options.keys, "File that holds this device's keys, sealed with your passphrase")
       ->type_name("FILE");
+  app.add_option("--address", options.address, "Where the computer listens, in place of where it was last seen")
+      ->type_name("HOST:PORT");
+  app.add_option("--passphrase-fd", options.passphraseFd, "Read the passphrase from this open file, one line")
+      ->type_name("N");
   app.require_subcommand(0, 1);
   app.set_version_flag("--version", std::string("sorvane-approver ") + SORVANE_VERSION);
   app.footer(
