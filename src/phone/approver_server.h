@@ -14,18 +14,19 @@
 #include "phone/announcer.h"
 #include "phone/approval_details.h"
 #include "phone/registry.h"
+#include "phone/verdict.h"
 
 namespace sorvane::phone {
 
 /// Limits of the link (docs/phone-link.md).
 inline constexpr std::size_t kMostPhones = 5, kMostLinks = 8, kMostNewLinks = 16, kMostNewLinksOfAddress = 4;
 inline constexpr std::size_t kMostFramesPerMinute = 60;
-inline constexpr std::chrono::seconds kHelloTime{10}, kRequestLife{120}, kPairingLife{120};
+inline constexpr std::chrono::seconds kHelloTime{10}, kFrameTime{10}, kRequestLife{120}, kPairingLife{120};
 inline constexpr int kPairingAttempts = 5;
 
 /// ApproverServer serves the link to the paired phones: it listens while one is paired or pairing is open, and puts
-/// questions to every phone. One thread of its own serves all links. Any thread; failures are PhoneError, whose
-/// sentence may be shown.
+/// questions to every phone. One thread of its own serves all links. Any thread; failures are PhoneError, or the
+/// registry's own error, whose sentence may be shown.
 class ApproverServer {
  public:
   struct Ports {
@@ -33,8 +34,11 @@ class ApproverServer {
     Announcer& announcer;
     const base::Clock& clock;
     std::string macName;  ///< what a phone shows; 1 to 64 characters
-    /// Told, on the server's thread, when a phone was paired, came, went or was revoked. May be absent.
-    std::function<void()> onChange;
+    /// Told, on the server's thread, when a phone was paired, came, went or was revoked. It may read `phones` and
+    /// `pairing`, and change nothing here. May be absent.
+    std::function<void()> onChange = {};
+    /// Told, on the server's thread, how each answer was judged, and that a frame was unreadable. May be absent.
+    std::function<void(ApprovalResponseVerdict)> onVerdict = {};
   };
   explicit ApproverServer(Ports ports);
   ~ApproverServer();

@@ -1,0 +1,137 @@
+#include "phone/link.h"
+
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <array>
+#include <cerrno>
+
+#include "base/ids.h"
+#include "phone/approver_server.h"
+
+namespace sorvane::phone {
+namespace {
+
+constexpr std::size_t kReadBytes = 16'384;
+constexpr std::chrono::seconds kMinute{60};
+
+bool isPassing(int error) {
+  return error == EINTR || error == EAGAIN || error == EWOULDBLOCK;
+}
+
+}  // namespace
+
+LinkStep stepFor(LinkState state, Kind kind) {
+  const bool isFirst = state == LinkState::challenged, isServed = state == LinkState::served;
+  switch (kind) {
+    case Kind::hello:
+      return isFirst ? LinkStep::prove : LinkStep::refuse;
+    case Kind::pair:
+      return isFirst ? LinkStep::pair : LinkStep::refuse;
+    case Kind::approvalResponse:
+      return isFirst || isServed ? LinkStep::judge : LinkStep::refuse;
+    case Kind::keyApprovalAnswer:
+    case Kind::approverRegisterAnswer:
+      return isServed ? LinkStep::judgeOther : LinkStep::refuse;
+    case Kind::unpair:
+      return isServed ? LinkStep::forgetPhone : LinkStep::refuse;
+    case Kind::challenge:
+    case Kind::paired:
+    case Kind::helloAck:
+    case Kind::approvalRequest:
+    case Kind::cancel:
+    case Kind::keyApproval:
+    case Kind::approverRegister:
+      return LinkStep::refuse;
+  }
+  return LinkStep::refuse;
+}
+
+Link::Link(base::Descriptor socket, std::string address, base::Instant now)
+    : socket_(std::move(socket)), address_(std::move(address)), stateDeadline_(now + kHelloTime) {
+  base::fillRandom(challenge_);
+}
+
+void Link::serve(const PublicKey& phone, Channel channel) {
+  state_ = LinkState::served;
+  stateDeadline_.reset();
+  phone_ = phone;
+  channel_ = std::move(channel);
+}
+
+void Link::leave(base::Instant now) {
+  state_ = LinkState::leaving;
+  stateDeadline_ = now + kHelloTime;
+  if (unsent_.empty()) end();
+}
+
+void Link::send(const Envelope& envelope, base::Instant now) {
+  const auto frame = writeFrame(encodeEnvelope(envelope));
+  // All that is sent was measured before.
+  if (!frame || unsent_.size() + frame->size() > kMostUnsent) return end();
+  if (unsent_.empty()) unsentSince_ = now;
+  unsent_.append(base::textOf(*frame));
+  flush(now);
+}
+
+short Link::wanted() const {
+  const int events = (state_ == LinkState::leaving ? 0 : POLLIN) | (unsent_.empty() ? 0 : POLLOUT);
+  return static_cast<short>(events);
+}
+
+void Link::read(base::Instant) {
+  if (state_ == LinkState::leaving) return;
+  std::array<std::uint8_t, kReadBytes> piece;
+  const ssize_t got = ::recv(socket_.get(), piece.data(), piece.size(), 0);
+  if (got > 0) reader_.add(std::span(piece).first(static_cast<std::size_t>(got)));
+  if (got == 0 || (got < 0 && !isPassing(errno))) end();
+}
+
+std::optional<std::string> Link::take(base::Instant now) {
+  if (ended_ || state_ == LinkState::leaving) return std::nullopt;
+  auto body = reader_.next();
+  if (!body) {
+    if (reader_.isBroken()) end();
+    if (!reader_.hasBegun())
+      frameBegan_.reset();
+    else if (!frameBegan_)
+      frameBegan_ = now;
+    return std::nullopt;
+  }
+  frameBegan_.reset();
+  while (!frames_.empty() && frames_.front() + kMinute <= now) frames_.pop_front();
+  if (frames_.size() >= kMostFramesPerMinute) {
+    end();
+    return std::nullopt;
+  }
+  frames_.push_back(now);
+  return body;
+}
+
+void Link::flush(base::Instant now) {
+  while (!unsent_.empty() && !ended_) {
+    const ssize_t sent = ::send(socket_.get(), unsent_.data(), unsent_.size(), MSG_NOSIGNAL);
+    if (sent < 0 && errno == EINTR) continue;
+    if (sent < 0 && isPassing(errno)) return;
+    if (sent < 0) return end();
+    unsent_.erase(0, static_cast<std::size_t>(sent));
+    unsentSince_ = now;
+  }
+  if (!unsent_.empty()) return;
+  // An idle link holds nothing.
+  unsent_ = {};
+  unsentSince_.reset();
+  if (state_ == LinkState::leaving) end();
+}
+
+std::optional<base::Instant> Link::deadline() const {
+  std::optional<base::Instant> nearest = stateDeadline_;
+  const auto consider = [&nearest](const std::optional<base::Instant>& since, std::chrono::seconds time) {
+    if (since && (!nearest || *since + time < *nearest)) nearest = *since + time;
+  };
+  consider(frameBegan_, kFrameTime);
+  consider(unsentSince_, kFrameTime);
+  return nearest;
+}
+
+}  // namespace sorvane::phone
