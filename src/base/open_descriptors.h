@@ -11,6 +11,8 @@ namespace sorvane::base {
 
 Descriptor openSocket(int family, int type);
 Descriptor acceptFrom(int listener);
+/// The flag for `send` on such a socket with which a peer that is gone raises no signal.
+int quietSend();
 struct Pipe {
   Descriptor read, write;
 };

@@ -9,6 +9,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "base/open_descriptors.h"
+
 namespace sorvane::proxy {
 namespace {
 
@@ -48,9 +50,6 @@ ProxyConnection::ProxyConnection(int id, base::Descriptor socket) : id_(id), soc
   ::fcntl(socket_.get(), F_SETFL, O_NONBLOCK);
   const int on = 1;
   ::setsockopt(socket_.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
-#ifdef SO_NOSIGPIPE
-  ::setsockopt(socket_.get(), SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
-#endif
 }
 
 ProxyConnection::Read ProxyConnection::receive(std::span<char> into, std::size_t& size, Deadline deadline) {
@@ -76,7 +75,7 @@ bool ProxyConnection::send(std::span<iovec> parts, double stall) {
     msghdr message{};
     message.msg_iov = parts.data();
     message.msg_iovlen = static_cast<decltype(message.msg_iovlen)>(parts.size());
-    const ssize_t sent = ::sendmsg(socket_.get(), &message, MSG_NOSIGNAL);
+    const ssize_t sent = ::sendmsg(socket_.get(), &message, base::quietSend());
     if (sent >= 0) {
       dropSent(parts, static_cast<std::size_t>(sent));
       continue;

@@ -52,10 +52,6 @@ base::Descriptor openListener() {
   base::Descriptor listener = base::openSocket(AF_INET, SOCK_STREAM);
   if (!listener) cannotListen();
   ::fcntl(listener.get(), F_SETFL, O_NONBLOCK);
-#ifdef SO_NOSIGPIPE
-  const int on = 1;
-  ::setsockopt(listener.get(), SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
-#endif
   const sockaddr_in address = addressOf({INADDR_LOOPBACK, 0});
   if (::bind(listener.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) cannotListen();
   if (::listen(listener.get(), kBacklog) != 0) cannotListen();

@@ -16,6 +16,10 @@ Descriptor acceptFrom(int listener) {
   return Descriptor(::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC));
 }
 
+int quietSend() {
+  return MSG_NOSIGNAL;
+}
+
 std::optional<Pipe> openPipe() {
   std::array<int, 2> ends{};
   if (::pipe2(ends.data(), O_CLOEXEC) != 0) return std::nullopt;

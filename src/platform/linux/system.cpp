@@ -136,18 +136,6 @@ std::optional<ProcessInfo> processInfo(pid_t pid) {
   return info;
 }
 
-std::vector<ProcessInfo> processChain(pid_t pid) {
-  constexpr std::size_t kMost = 16;
-  std::vector<ProcessInfo> chain;
-  while (pid > 1 && chain.size() < kMost) {
-    const auto info = processInfo(pid);
-    if (!info) break;
-    chain.push_back(*info);
-    pid = info->parent;
-  }
-  return chain;
-}
-
 void hardenProcess() {
   ::prctl(PR_SET_DUMPABLE, 0);
   // The hard limit stays: commands that run for the owner may raise theirs again.
