@@ -238,6 +238,30 @@ TEST(RecordedLink, losesItsMeaningWithAnyBitOfAPhonesFrame) {
   EXPECT_GT(outcomes["revoked"], 200);  // the key of a stranger in the hello
 }
 
+TEST(RecordedLink, pairsNobodyWithAnyBitOfThePairingChanged) {
+  const auto& frames = linkVectors()["pairing"]["frames"];
+  const base::Bytes recorded = hexOf(frames[1]["frame"]);
+  const auto mac = keyOf("mac");
+  const auto confirmOf = [&](const base::Bytes& bytes) -> std::optional<PairConfirm> {
+    FrameReader reader;
+    reader.add(bytes);
+    const auto body = reader.next();
+    const auto envelope = body ? decodeEnvelope(*body, Side::phone) : std::nullopt;
+    if (!envelope || envelope->kind != Kind::pair) return std::nullopt;
+    const auto channel = Channel::of(Side::mac, mac, envelope->pairRequest->phonePublicKey);
+    auto confirm = channel ? channel->open<PairConfirm>(envelope->pairRequest->sealedConfirm) : std::nullopt;
+    // A key's top bit is no matter of the agreement.
+    if (confirm && confirm->phonePublicKey != envelope->pairRequest->phonePublicKey) confirm.reset();
+    return confirm;
+  };
+  ASSERT_EQ(confirmOf(recorded)->proof, linkVectors()["pairing"]["proof"]);
+  for (std::size_t bit = 0; bit < recorded.size() * 8; ++bit) {
+    base::Bytes flipped = recorded;
+    flipped[bit / 8] = static_cast<std::uint8_t>(flipped[bit / 8] ^ (1U << bit % 8));
+    ASSERT_FALSE(confirmOf(flipped)) << bit;
+  }
+}
+
 TEST(RecordedLink, losesItsMeaningWithAnyBitOfTheComputersFrame) {
   const auto phone = recordedChannel(Side::phone);
   int harmless = 0;
