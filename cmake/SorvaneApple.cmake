@@ -25,6 +25,11 @@ function(apple_checks)
   add_test(NAME platform.macos_compiles COMMAND ${check} ${definitions})
   set_tests_properties(platform.macos_compiles PROPERTIES LABELS platform TIMEOUT 600 SKIP_RETURN_CODE 77)
 
+  # That the check sees what it is there to see: this file has three faults.
+  add_test(NAME platform.macos_faults_are_found COMMAND ${check} ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/faulty.mm)
+  set_tests_properties(platform.macos_faults_are_found PROPERTIES LABELS platform PASS_REGULAR_EXPRESSION "3 errors generated"
+                       SKIP_REGULAR_EXPRESSION "macos: skipped")
+
   room_test(apple USES vault crypto base)
   set(macos ${CMAKE_CURRENT_SOURCE_DIR}/src/platform/macos)
   file(GLOB fakes CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/fake/*.cpp)
