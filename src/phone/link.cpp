@@ -65,10 +65,16 @@ void Link::leave(base::Instant now) {
   if (unsent_.empty()) end();
 }
 
+void Link::drop() {
+  const linger atOnce{1, 0};
+  ::setsockopt(socket_.get(), SOL_SOCKET, SO_LINGER, &atOnce, sizeof atOnce);
+  end();
+}
+
 void Link::send(const Envelope& envelope, base::Instant now) {
   const auto frame = writeFrame(encodeEnvelope(envelope));
   // All that is sent was measured before.
-  if (!frame || unsent_.size() + frame->size() > kMostUnsent) return end();
+  if (!frame || unsent_.size() + frame->size() > kMostUnsent) return drop();
   if (unsent_.empty()) unsentSince_ = now;
   unsent_.append(base::textOf(*frame));
   flush(now);

@@ -61,6 +61,8 @@ class Link {
   void leave(base::Instant now);
   /// Goes at once.
   void end() { ended_ = true; }
+  /// The same, and the system keeps nothing of what the other end did not take.
+  void drop();
   bool hasEnded() const { return ended_; }
 
   /// Ids of the requests that were put and not yet answered or cancelled here.

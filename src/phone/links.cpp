@@ -125,7 +125,7 @@ void Links::turn(const std::optional<base::Instant>& deadline) {
   const auto now = clock_.instant();
   for (const auto& link : links_) {
     const auto due = link->deadline();
-    if (due && now >= *due) link->end();
+    if (due && now >= *due) link->drop();
   }
   sweep();
 }

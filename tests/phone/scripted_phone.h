@@ -124,12 +124,14 @@ class Events {
 /// One connection of a phone, or of somebody who takes its place. It follows the rules only where it is told to.
 class Connection {
  public:
-  explicit Connection(std::uint16_t port, const char* from = "127.0.0.1") : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+  explicit Connection(std::uint16_t port, const char* from = "127.0.0.1", int room = 0)
+      : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
     sockaddr_in here{}, there{};
     here.sin_family = there.sin_family = AF_INET;
     ::inet_pton(AF_INET, from, &here.sin_addr);
     ::inet_pton(AF_INET, "127.0.0.1", &there.sin_addr);
     there.sin_port = htons(port);
+    if (room != 0) ::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVBUF, &room, sizeof room);
     const timeval limit{10, 0};
     ::setsockopt(socket_.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
     ::bind(socket_.get(), reinterpret_cast<const sockaddr*>(&here), sizeof here);

@@ -66,8 +66,9 @@ class ServerHouse : public ::testing::Test {
     if (!answer || !answer->ok.value_or(false)) throw std::runtime_error("not paired");
     return phone;
   }
-  Connection served(const ScriptedPhone& phone) {
-    Connection link = connect();
+  /// With room for so many bytes that it has not read; 0: as the system likes.
+  Connection served(const ScriptedPhone& phone, int room = 0) {
+    Connection link(port_, "127.0.0.1", room);
     const auto challenge = challengeOf(link);
     link.send(phone.helloMessage(challenge));
     const auto answer = link.receive();
