@@ -2,7 +2,7 @@
 include(GNUInstallDirs)
 
 if(TARGET sorvaned AND TARGET sorvane)
-  install(TARGETS sorvaned sorvane RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS sorvaned sorvane sorvane-approver RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
 
   # The completions are what the program itself prints; they never ask the vault.
   set(completions ${CMAKE_CURRENT_BINARY_DIR}/completions)

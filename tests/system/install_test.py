@@ -10,10 +10,11 @@ from house import PROGRAMS, output_of
 
 SOURCE = pathlib.Path(__file__).resolve().parents[2]
 INSTALLED = {
-    "usr/bin/sorvane", "usr/bin/sorvaned", "usr/lib/systemd/user/sorvaned.service", "usr/share/applications/sorvane.desktop",
+    "usr/bin/sorvane", "usr/bin/sorvaned", "usr/bin/sorvane-approver",
+    "usr/lib/systemd/user/sorvaned.service", "usr/share/applications/sorvane.desktop",
     "usr/share/bash-completion/completions/sorvane", "usr/share/zsh/vendor-completions/_sorvane",
     "usr/share/fish/vendor_completions.d/sorvane.fish", "usr/share/doc/sorvane/README.md", "usr/share/doc/sorvane/threat-model.md",
-    "usr/share/man/man1/sorvane.1", "usr/share/man/man1/sorvaned.1", "usr/share/polkit-1/actions/org.sorvane.owner-check.policy",
+    "usr/share/man/man1/sorvane.1", "usr/share/man/man1/sorvaned.1", "usr/share/man/man1/sorvane-approver.1", "usr/share/polkit-1/actions/org.sorvane.owner-check.policy",
     "etc/pam.d/sorvane",
 }
 # systemd.exec(5): in a user's manager each of these comes with NoNewPrivileges or with a user namespace, and a command then
@@ -38,7 +39,7 @@ class Folder(unittest.TestCase):
         return result.stdout
 
     def check_programs(self, folder):
-        for name in ("sorvane", "sorvaned"):
+        for name in ("sorvane", "sorvaned", "sorvane-approver"):
             program = folder / "bin" / name
             self.assertEqual(stat.S_IMODE(program.stat().st_mode), 0o755)
             self.assertRegex(self.done(program, "--version"), rf"^{name} \d+\.\d+\.\d+\n$")
