@@ -41,7 +41,22 @@ void writeAll(int fd, std::span<const std::uint8_t> bytes, const fs::path& path)
   }
 }
 
-void syncFolder(const fs::path& folder) {
+/// At most `size` bytes, from the start.
+Bytes readAll(int fd, std::size_t size, const fs::path& path) {
+  Bytes bytes(size);
+  std::size_t filled = 0;
+  while (filled < bytes.size()) {
+    const ssize_t got = ::pread(fd, bytes.data() + filled, bytes.size() - filled, static_cast<off_t>(filled));
+    if (got < 0 && errno == EINTR) continue;
+    if (got < 0) fail("read", path);
+    if (got == 0) break;
+    filled += static_cast<std::size_t>(got);
+  }
+  bytes.resize(filled);
+  return bytes;
+}
+
+void syncNames(const fs::path& folder) {
   const Descriptor handle(::open(folder.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
   if (!handle) fail("open the folder", folder);
   if (syncToDisk(handle.get()) != 0) fail("sync the folder", folder);
@@ -73,7 +88,44 @@ class TemporaryFile {
   Descriptor file_;
 };
 
+/// Whether a call failed because the system or the file system has none of its kind.
+bool isUnsupported(int number) {
+  return number == EINVAL || number == ENOSYS || number == EOPNOTSUPP || number == ENOTSUP || number == EISDIR;
+}
+
+class SystemUnnamedFile final : public Files::UnnamedFile {
+ public:
+  SystemUnnamedFile(Descriptor file, fs::path folder) : file_(std::move(file)), folder_(std::move(folder)) {}
+  Bytes read() const override {
+    struct stat status {};
+    if (::fstat(file_.get(), &status) != 0) fail("read a new file in", folder_);
+    return readAll(file_.get(), static_cast<std::size_t>(status.st_size), folder_);
+  }
+  void name(const fs::path& path) override {
+    if (nameUnnamed(file_.get(), path.c_str()) != 0) fail("create", path);
+  }
+
+ private:
+  Descriptor file_;
+  fs::path folder_;
+};
+
 }  // namespace
+
+std::unique_ptr<Files::UnnamedFile> Files::writeUnnamed(const fs::path&, std::span<const std::uint8_t>) {
+  return nullptr;
+}
+
+bool Files::exchange(const fs::path&, const fs::path&) {
+  return false;
+}
+
+void Files::moveToNew(const fs::path& from, const fs::path& to) {
+  if (identity(to)) throw FileError("there is a file named " + to.string() + " already", EEXIST);
+  rename(from, to);
+}
+
+void Files::syncFolder(const fs::path&) {}
 
 std::optional<Files::Contents> SystemFiles::read(const fs::path& path, std::uint64_t limit) const {
   // O_NONBLOCK: a pipe put in the file's place must not stop us.
@@ -86,17 +138,7 @@ std::optional<Files::Contents> SystemFiles::read(const fs::path& path, std::uint
   if (::fstat(file.get(), &status) != 0) fail("read", path);
   if (!S_ISREG(status.st_mode)) throw FileError(path.string() + " is not a regular file", EINVAL);
   if (static_cast<std::uint64_t>(status.st_size) > limit) throw FileError(path.string() + " is too large", EFBIG);
-  Contents contents{Bytes(static_cast<std::size_t>(status.st_size)), identityOf(status)};
-  std::size_t filled = 0;
-  while (filled < contents.bytes.size()) {
-    const ssize_t got = ::read(file.get(), contents.bytes.data() + filled, contents.bytes.size() - filled);
-    if (got < 0 && errno == EINTR) continue;
-    if (got < 0) fail("read", path);
-    if (got == 0) break;
-    filled += static_cast<std::size_t>(got);
-  }
-  contents.bytes.resize(filled);
-  return contents;
+  return Contents{readAll(file.get(), static_cast<std::size_t>(status.st_size), path), identityOf(status)};
 }
 
 std::optional<FileIdentity> SystemFiles::identity(const fs::path& path) const {
@@ -115,7 +157,7 @@ FileIdentity SystemFiles::writeAtomically(const fs::path& path, std::span<const 
   writeAll(temporary.fd(), bytes, path);
   if (syncToDisk(temporary.fd()) != 0) fail("sync", path);
   temporary.moveTo(path);
-  syncFolder(path.parent_path());
+  syncNames(path.parent_path());
   const auto now = identity(path);
   if (!now) throw FileError(path.string() + " vanished after it was written", ENOENT);
   return *now;
@@ -140,7 +182,7 @@ void SystemFiles::append(const fs::path& path, std::span<const std::uint8_t> byt
     [[maybe_unused]] const int cut = ::ftruncate(file.get(), status.st_size);
     throw;
   }
-  if (created) syncFolder(path.parent_path());
+  if (created) syncNames(path.parent_path());
 }
 
 void SystemFiles::remove(const fs::path& path) {
@@ -148,12 +190,12 @@ void SystemFiles::remove(const fs::path& path) {
     if (errno == ENOENT) return;
     fail("remove", path);
   }
-  syncFolder(path.parent_path());
+  syncNames(path.parent_path());
 }
 
 void SystemFiles::rename(const fs::path& from, const fs::path& to) {
   if (::rename(from.c_str(), to.c_str()) != 0) fail("move", from);
-  syncFolder(to.parent_path());
+  syncNames(to.parent_path());
 }
 
 void SystemFiles::makeFolder(const fs::path& path) {
@@ -161,7 +203,7 @@ void SystemFiles::makeFolder(const fs::path& path) {
     if (errno == EEXIST) return;
     fail("create the folder", path);
   }
-  syncFolder(path.parent_path());
+  syncNames(path.parent_path());
 }
 
 std::vector<std::string> SystemFiles::list(const fs::path& path) const {
@@ -177,6 +219,40 @@ std::vector<std::string> SystemFiles::list(const fs::path& path) const {
   }
   std::sort(names.begin(), names.end());
   return names;
+}
+
+std::unique_ptr<Files::UnnamedFile> SystemFiles::writeUnnamed(const fs::path& folder,
+                                                              std::span<const std::uint8_t> bytes) {
+  Descriptor file(openUnnamed(folder.c_str()));
+  if (!file && isUnsupported(errno)) return nullptr;
+  if (!file) fail("create a file in", folder);
+  if (::fchmod(file.get(), 0600) != 0) fail("protect a file in", folder);
+  writeAll(file.get(), bytes, folder);
+  if (syncToDisk(file.get()) != 0) fail("sync a file in", folder);
+  return std::make_unique<SystemUnnamedFile>(std::move(file), folder);
+}
+
+bool SystemFiles::exchange(const fs::path& first, const fs::path& second) {
+  if (exchangeNames(first.c_str(), second.c_str()) == 0) return true;
+  if (isUnsupported(errno)) return false;
+  fail("swap", second);
+}
+
+void SystemFiles::moveToNew(const fs::path& from, const fs::path& to) {
+  if (renameWithoutReplacing(from.c_str(), to.c_str()) == 0) return;
+  if (!isUnsupported(errno)) fail("move", from);
+  // The name is taken first, since nobody else can have it then; what is replaced is that empty file.
+  const Descriptor taken(::open(to.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
+  if (!taken) fail("create", to);
+  if (::rename(from.c_str(), to.c_str()) == 0) return;
+  const int number = errno;
+  ::unlink(to.c_str());
+  errno = number;
+  fail("move", from);
+}
+
+void SystemFiles::syncFolder(const fs::path& folder) {
+  syncNames(folder);
 }
 
 }  // namespace sorvane::base

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <span>
 #include <string>
@@ -64,6 +65,28 @@ class Files {
   /// Names in a folder, sorted; a missing folder is empty.
   virtual std::vector<std::string> list(const std::filesystem::path& path) const = 0;
 
+  /// UnnamedFile has bytes and no name yet: whatever ends the process leaves nothing of it.
+  class UnnamedFile {
+   public:
+    virtual ~UnnamedFile() = default;
+    /// All of it, as the file system gives it back.
+    virtual Bytes read() const = 0;
+    /// Gives it a name that nothing has; FileError EEXIST when something does. The folder is not synced.
+    virtual void name(const std::filesystem::path& path) = 0;
+  };
+  // What not every file system can do; one that cannot, does as these do.
+
+  /// A file without a name in the folder, written and synced; null where there are no such files.
+  virtual std::unique_ptr<UnnamedFile> writeUnnamed(const std::filesystem::path& folder,
+                                                    std::span<const std::uint8_t> bytes);
+  /// Swaps two files within one file system; false where that cannot be done. The folder is not synced.
+  virtual bool exchange(const std::filesystem::path& first, const std::filesystem::path& second);
+  /// Moves a file within one file system to a name that nothing has; FileError EEXIST when something does. The folder
+  /// is not synced, so that whoever calls knows after a failure that nothing was moved.
+  virtual void moveToNew(const std::filesystem::path& from, const std::filesystem::path& to);
+  /// Makes what was named, swapped or moved in a folder last.
+  virtual void syncFolder(const std::filesystem::path& folder);
+
   static constexpr std::uint64_t kNoLimit = UINT64_MAX;
   /// Names of the temporary files of writeAtomically: "." + name + "." + 16 hexadecimal digits + this.
   static constexpr std::string_view kTemporarySuffix = ".tmp";
@@ -80,6 +103,11 @@ class SystemFiles final : public Files {
   void rename(const std::filesystem::path& from, const std::filesystem::path& to) override;
   void makeFolder(const std::filesystem::path& path) override;
   std::vector<std::string> list(const std::filesystem::path& path) const override;
+  std::unique_ptr<UnnamedFile> writeUnnamed(const std::filesystem::path& folder,
+                                            std::span<const std::uint8_t> bytes) override;
+  bool exchange(const std::filesystem::path& first, const std::filesystem::path& second) override;
+  void moveToNew(const std::filesystem::path& from, const std::filesystem::path& to) override;
+  void syncFolder(const std::filesystem::path& folder) override;
 };
 
 }  // namespace sorvane::base

@@ -28,6 +28,12 @@ std::chrono::nanoseconds timeSinceBoot();
 
 /// Renames within one file system unless `to` exists (EEXIST); 0, or -1 with errno.
 int renameWithoutReplacing(const char* from, const char* to);
+/// Swaps two names of one file system; 0, or -1 with errno where there is no such call.
+int exchangeNames(const char* first, const char* second);
+/// Opens a file without a name in a folder, mode 0600; a descriptor, or -1 with errno where there are no such files.
+int openUnnamed(const char* folder);
+/// Gives such a file a name that nothing has (EEXIST); 0, or -1 with errno.
+int nameUnnamed(int file, const char* name);
 
 /// Bytes of a Unix-domain socket path, the closing zero included, that the system accepts.
 std::size_t maxSocketPath();

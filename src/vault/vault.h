@@ -166,6 +166,9 @@ struct LogRepair {
   std::filesystem::path movedTo;  ///< empty when nothing was moved
 };
 
+/// Keys of providers, by secret id.
+using ProviderKeys = std::vector<std::pair<std::string, ProxyProvider>>;
+
 class SealedSettings;
 struct VaultContents;
 struct LocalReversalJournal;
@@ -287,7 +290,9 @@ class Vault {
   /// Puts `contents` in the place of the vault, whether that can be opened or not, as a generation of its own with its
   /// own values; the present one stays as the one step back. Ends every task session. After a failure, and after the
   /// process ended anywhere in between, the vault is the old one or the new one, whole.
-  void restore(const VaultContents& contents, const Progress& progress = {});
+  /// `protect` names keys of `contents`, by secret id: they are protected before the vault is replaced, since a program
+  /// could get them in between. What stands in the way of that does not stop the restore.
+  void restore(const VaultContents& contents, const Progress& progress = {}, const ProviderKeys& protect = {});
   /// Swaps the present generation and the one before the last restore. Ends every task session.
   void stepBack();
   bool canStepBack() const;
@@ -395,6 +400,9 @@ class Vault {
   Delivering adopt(const ProxySplitRender& split) REQUIRES(lock_);
   /// Saves the edited settings when they differ.
   void editProtection(const std::function<void(LocalProxySettings&)>& edit);
+  /// Protects keys of a vault that is not there yet; returns the settings before, or null when nothing was done.
+  std::shared_ptr<const LocalProxySettings> protectAhead(const VaultContents& contents, const ProviderKeys& keys);
+  void undoProtection(const std::shared_ptr<const LocalProxySettings>& before);
 
   // The collection of garbage (vault_gc.cpp).
   struct Sweep;
@@ -413,7 +421,8 @@ class Vault {
   void stageContents(const Restoration& restoration, const VaultContents& contents, const Progress& progress)
       REQUIRES(lock_);
   bool isStaged(const Restoration& restoration, const VaultContents& contents) REQUIRES(lock_);
-  void dropStaged(const Restoration& restoration) REQUIRES(lock_);
+  /// False when it may have become the vault, and stays.
+  bool dropStaged(const Restoration& restoration) REQUIRES(lock_);
   void switchTo(const Restoration& restoration) REQUIRES(lock_);
   std::filesystem::path putJournalAside(const std::optional<std::string>& generation) REQUIRES(lock_);
   void switchBack(const Restoration& restoration, const std::filesystem::path& keptJournal) REQUIRES(lock_);

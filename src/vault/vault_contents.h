@@ -35,7 +35,7 @@ struct VaultContents {
 bool isRestorable(const VaultContents& contents);
 
 /// Secrets whose current values are provider keys, by id, as they, their names or their variables tell.
-std::vector<std::pair<std::string, ProxyProvider>> providerKeys(const VaultContents& contents);
+ProviderKeys providerKeys(const VaultContents& contents);
 
 /// The value of a version that should have one could not be read.
 class UnreadableValue : public VaultError {

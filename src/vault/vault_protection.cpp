@@ -1,5 +1,6 @@
 #include <algorithm>
 
+#include "base/diagnostics.h"
 #include "vault/accounts.h"
 #include "vault/vault.h"
 #include "vault/vault_contents.h"
@@ -192,13 +193,13 @@ std::optional<ProxyProvider> Vault::recognisedProvider(std::string_view secretId
   return toldProvider(*records, *secret, readValue(*secret, secret->currentVersion).view());
 }
 
-std::vector<std::pair<std::string, ProxyProvider>> providerKeys(const VaultContents& contents) {
+ProviderKeys providerKeys(const VaultContents& contents) {
   Records records;
   records.secrets = contents.secrets;
   records.projects = contents.projects;
   indexSecrets(records);
   indexProjects(records);
-  std::vector<std::pair<std::string, ProxyProvider>> keys;
+  ProviderKeys keys;
   for (const SecretValueEntry& entry : contents.values) {
     const Secret* const secret = records.secretById(entry.secretId);
     if (secret == nullptr || secret->currentVersion != entry.version || entry.value.size() < kShortestProtected)
@@ -242,6 +243,35 @@ void Vault::protectSecret(std::string_view secretId, ProxyProvider provider) {
     });
   }
   tellProtection(delivering);
+}
+
+std::shared_ptr<const LocalProxySettings> Vault::protectAhead(const VaultContents& contents, const ProviderKeys& keys) {
+  if (keys.empty()) return nullptr;
+  try {
+    auto before = protectedKeys_->known().settings;
+    editProtection([&](LocalProxySettings& settings) {
+      for (const auto& [secretId, provider] : keys) settings.protectedSecrets.try_emplace(secretId, provider);
+      for (const Project& project : contents.projects) {
+        for (const EnvBinding& binding : project.bindings) {
+          const auto key = std::ranges::find(keys, binding.secretId, &ProviderKeys::value_type::first);
+          if (key != keys.end()) settings.variables[project.id].try_emplace(binding.envVarName, key->second);
+        }
+      }
+    });
+    return before;
+  } catch (const base::Error& error) {
+    base::diagnose("vault", "keys could not be protected before a restore: " + error.sentence());
+    return nullptr;
+  }
+}
+
+void Vault::undoProtection(const std::shared_ptr<const LocalProxySettings>& before) {
+  if (!before) return;
+  try {
+    protectedKeys_->save(*before);
+  } catch (const base::Error& error) {
+    base::diagnose("vault", "keys of a restore that failed stay protected: " + error.sentence());
+  }
 }
 
 void Vault::unprotectSecret(std::string_view secretId) {

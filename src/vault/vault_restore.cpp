@@ -39,6 +39,7 @@ std::vector<std::string> idsOf(const std::shared_ptr<const Records>& records) {
 //
 //   values staged under the new generation's name   the manifest names the old generation
 //   its files written, everything read back          same; a start finds the old vault, the rest is collected later
+//   keys protected that are to be                    same, and these keys are protected in it as well
 //   the old generation's journal moved into it       same; a start moves it back
 //   the manifest replaced                            the new generation is the vault, the old one the step back
 //   opened; what is now two restores back removed    same
@@ -53,7 +54,7 @@ struct Vault::Restoration {
   std::optional<std::string> previous;  ///< the generation that is replaced, where that can be told
 };
 
-void Vault::restore(const VaultContents& contents, const Progress& progress) {
+void Vault::restore(const VaultContents& contents, const Progress& progress, const ProviderKeys& protect) {
   if (!isRestorable(contents)) throw VaultError(std::string(sentence::kNotVerified));
   std::vector<std::string> before;
   {
@@ -61,12 +62,14 @@ void Vault::restore(const VaultContents& contents, const Progress& progress) {
     before = idsOf(records_);
     try {
       const Restoration restoration = beginRestoration();
+      std::shared_ptr<const LocalProxySettings> unprotected;
       try {
         stageContents(restoration, contents, progress);
         if (!isStaged(restoration, contents)) throw VaultError(std::string(sentence::kNotVerified));
+        unprotected = protectAhead(contents, protect);
         switchTo(restoration);
       } catch (...) {
-        dropStaged(restoration);
+        if (dropStaged(restoration)) undoProtection(unprotected);
         throw;
       }
     } catch (const base::FileError& error) {
@@ -76,6 +79,7 @@ void Vault::restore(const VaultContents& contents, const Progress& progress) {
     }
   }
   announceReplaced(before);
+  if (!protect.empty()) observers_->protection({});
 }
 
 /// What is known of the vault that is replaced. A vault that is open must be the active one, with nothing half done.
@@ -256,18 +260,21 @@ void Vault::switchBack(const Restoration& restoration, const fs::path& keptJourn
 
 /// What was staged is of no use to anybody. What cannot be removed is left to the next collection. Unless the new
 /// generation may be the active one all the same: then it stays.
-void Vault::dropStaged(const Restoration& restoration) {
+bool Vault::dropStaged(const Restoration& restoration) {
+  bool isOfNoUse = false;
   try {
     const auto contents = ports_.files.read(directory_ / kManifestFile, kMaxManifestBytes);
     const auto decoded = decodeManifest(contents ? base::textOf(contents->bytes) : std::string_view());
     const auto* const manifest = std::get_if<Manifest>(&decoded);
-    if (manifest != nullptr && manifest->current == restoration.generation) return;
+    if (manifest != nullptr && manifest->current == restoration.generation) return false;
+    isOfNoUse = true;
     removeGenerationFiles(restoration.generation);
     NamespacedSecretStore staged(ports_.store, restoration.generation);
     for (const std::string& account : staged.accounts()) staged.remove(account);
   } catch (const base::Error& error) {
     base::diagnose("vault", "what a failed restore staged stays until the next collection: " + error.sentence());
   }
+  return isOfNoUse;
 }
 
 /// What cannot be removed stays in nobody's way: it is said, and tried again the next time.

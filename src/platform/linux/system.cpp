@@ -56,6 +56,17 @@ std::chrono::nanoseconds timeSinceBoot() {
 int renameWithoutReplacing(const char* from, const char* to) {
   return ::renameat2(AT_FDCWD, from, AT_FDCWD, to, RENAME_NOREPLACE);
 }
+int exchangeNames(const char* first, const char* second) {
+  return ::renameat2(AT_FDCWD, first, AT_FDCWD, second, RENAME_EXCHANGE);
+}
+int openUnnamed(const char* folder) {
+  return ::open(folder, O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
+}
+int nameUnnamed(int file, const char* name) {
+  // open(2), under O_TMPFILE: without the capability that AT_EMPTY_PATH asks for, the way leads through /proc.
+  const std::string open = "/proc/self/fd/" + std::to_string(file);
+  return ::linkat(AT_FDCWD, open.c_str(), AT_FDCWD, name, AT_SYMLINK_FOLLOW);
+}
 std::size_t maxSocketPath() {
   return sizeof(sockaddr_un{}.sun_path);
 }
