@@ -46,7 +46,8 @@ OpenVault::OpenVault(Ports ports)
       policy_(vault_),
       connections_(connectionSetting(ports.supportFolder), ports.files, vault_.settings()),
       actions_(std::move(ports.state), stores_, connections_, proxy_),
-      backups_({vault_, ports.files, ports.clock, [this](const std::function<void()>& work) { alone(work); }}),
+      backups_({vault_, ports.files, ports.clock, [this](const std::function<void()>& work) { alone(work); },
+                ports.supportFolder}),
       jobs_(ports.clock),
       ownerActions_(
           {vault_, grants_, policy_, jobs_, clipboard_, copied_, sessions_, actions_, ports.clock, &proxy_, &backups_}),

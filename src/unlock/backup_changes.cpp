@@ -1,7 +1,6 @@
 #include "unlock/backup_changes.h"
 
 #include <algorithm>
-#include <functional>
 #include <nlohmann/json.hpp>
 #include <unordered_map>
 
@@ -12,7 +11,6 @@ namespace sorvane::unlock {
 namespace {
 
 using vault::Secret;
-using vault::SecretValueEntry;
 
 template <typename Record>
 using ById = std::unordered_map<std::string_view, const Record*>;
@@ -24,14 +22,13 @@ ById<Record> byId(const std::vector<Record>& records) {
   return index;
 }
 
-/// `same` decides about two records of one id.
-template <typename Record, typename Same>
-RecordChanges compared(const std::vector<Record>& present, const std::vector<Record>& restored, const Same& same) {
+template <typename Record>
+RecordChanges compared(const std::vector<Record>& present, const std::vector<Record>& restored) {
   RecordChanges changes;
   const ById<Record> before = byId(present), after = byId(restored);
   for (const Record& record : restored) {
     const auto found = before.find(record.id);
-    const bool isSame = found != before.end() && same(*found->second, record);
+    const bool isSame = found != before.end() && *found->second == record;
     if (found == before.end()) changes.added.push_back(record.name);
     if (found != before.end() && !isSame) changes.changed.push_back(record.name);
     changes.same += isSame;
@@ -51,24 +48,13 @@ bool holdsCloudSecrets(const BackupPayload& payload) {
 
 }  // namespace
 
-BackupChanges backupChanges(vault::Vault& vault, const BackupPayload& payload, const vault::Progress& progress) {
+BackupChanges backupChanges(vault::Vault& vault, const BackupPayload& payload) {
   BackupChanges changes;
   changes.presentIsUnknown = vault.storageFailure().has_value();
   const auto present = changes.presentIsUnknown ? std::make_shared<const vault::Records>() : vault.records();
-  std::unordered_map<std::string_view, std::vector<const SecretValueEntry*>> values;
-  for (const SecretValueEntry& entry : payload.values) values[entry.secretId].push_back(&entry);
-  const auto total = static_cast<std::int64_t>(payload.secrets.size());
-  std::int64_t done = 0;
-  changes.secrets = compared(present->secrets, payload.secrets, [&](const Secret& before, const Secret& after) {
-    if (progress) progress(done++, total);
-    if (before != after) return false;
-    const auto entries = values.find(after.id);
-    return entries == values.end() ||
-           std::all_of(entries->second.begin(), entries->second.end(), [&](const SecretValueEntry* entry) {
-             return vault.valueIs(after.id, entry->version, entry->value);
-           });
-  });
-  changes.environments = compared(present->projects, payload.projects, std::equal_to<>());
+  // Never by the values: whoever may look at a file of their own making would learn whether a guess is right.
+  changes.secrets = compared(present->secrets, payload.secrets);
+  changes.environments = compared(present->projects, payload.projects);
   const auto protectedNow = changes.presentIsUnknown ? nullptr : vault.protection().settings;
   for (auto& [secretId, provider] : vault::providerKeys(payload)) {
     if (protectedNow && protectedNow->protectedSecrets.contains(secretId)) continue;
@@ -77,7 +63,6 @@ BackupChanges backupChanges(vault::Vault& vault, const BackupPayload& payload, c
     changes.unprotectedKeys.push_back({secretId, secret->name, provider});
   }
   changes.hasCloudSecrets = holdsCloudSecrets(payload);
-  if (progress) progress(total, total);
   return changes;
 }
 

@@ -31,8 +31,9 @@ struct BackupChanges {
   bool hasCloudSecrets = false;
 };
 
-/// Compares records and values; no value leaves the vault. `progress` counts the secrets of the backup.
-BackupChanges backupChanges(vault::Vault& vault, const BackupPayload& payload, const vault::Progress& progress);
+/// Compares the records and never the values: two secrets are the same when all that is known of them beside their
+/// values is.
+BackupChanges backupChanges(vault::Vault& vault, const BackupPayload& payload);
 
 /// What the vault holds, as a payload. Throws BackupError for a value or a history that cannot be read.
 BackupPayload gatherBackup(vault::Vault& vault, const vault::AccessContext& context, base::Date now,

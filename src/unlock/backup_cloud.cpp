@@ -40,41 +40,34 @@ T required(std::optional<T>&& value) {
   return *std::move(value);
 }
 
-/// The text members of a wrap's parameters, and the numbers; the rest is passed over.
-struct Parameters {
-  std::optional<std::string> kdf, info, encoding, scheme;
-  std::optional<base::Bytes> salt;
-  std::optional<std::int64_t> memoryKiB, iterations, parallelism;
-};
-
-Parameters parametersAt(JsonCursor& cursor) {
-  Parameters parameters;
+Wrap::Params paramsAt(JsonCursor& cursor) {
+  Wrap::Params params;
   cursor.object([&](std::string_view key) {
     if (key == "kdf") {
-      once(parameters.kdf, textAt(cursor));
+      once(params.kdf, textAt(cursor));
     } else if (key == "info") {
-      once(parameters.info, textAt(cursor));
+      once(params.info, textAt(cursor));
     } else if (key == "encoding") {
-      once(parameters.encoding, textAt(cursor));
+      once(params.encoding, textAt(cursor));
     } else if (key == "scheme") {
-      once(parameters.scheme, textAt(cursor));
+      once(params.scheme, textAt(cursor));
     } else if (key == "salt") {
-      once(parameters.salt, bytesAt(cursor));
+      once(params.salt, bytesAt(cursor));
     } else if (key == "memoryKiB") {
-      once(parameters.memoryKiB, cursor.integer());
+      once(params.memoryKiB, cursor.integer());
     } else if (key == "iterations") {
-      once(parameters.iterations, cursor.integer());
+      once(params.iterations, cursor.integer());
     } else if (key == "parallelism") {
-      once(parameters.parallelism, cursor.integer());
+      once(params.parallelism, cursor.integer());
     } else {
       cursor.skip();
     }
   });
-  return parameters;
+  return params;
 }
 
 /// The kind of a wrap whose parameters are those of its kind.
-Wrap::Kind kindOf(std::string_view kind, const Parameters& p) {
+Wrap::Kind kindOf(std::string_view kind, const Wrap::Params& p) {
   if (kind == "passphrase" && p.kdf == "argon2id" && p.salt && p.memoryKiB && p.iterations && p.parallelism == 1) {
     return Wrap::Kind::passphrase;
   }
@@ -88,21 +81,22 @@ Wrap::Kind kindOf(std::string_view kind, const Parameters& p) {
 
 Wrap wrapAt(JsonCursor& cursor) {
   std::optional<std::string> kind;
-  std::optional<Parameters> parameters;
+  std::optional<Wrap::Params> params;
   std::optional<base::Bytes> ct;
   cursor.object([&](std::string_view key) {
     if (key == "kind") {
       once(kind, textAt(cursor));
     } else if (key == "params") {
-      once(parameters, parametersAt(cursor));
+      once(params, paramsAt(cursor));
     } else if (key == "ct") {
       once(ct, bytesAt(cursor));
     } else {
       cursor.skip();
     }
   });
-  const Parameters known = required(std::move(parameters));
-  return {kindOf(required(std::move(kind)), known), required(std::move(ct))};
+  Wrap::Params known = required(std::move(params));
+  const Wrap::Kind meant = kindOf(required(std::move(kind)), known);
+  return {meant, std::move(known), required(std::move(ct))};
 }
 
 CloudBackupEnvelope::Signer signerAt(JsonCursor& cursor) {
@@ -127,6 +121,7 @@ std::vector<Wrap> wrapsAt(JsonCursor& cursor) {
     if (wraps.size() == kMaxWraps) throw Malformed{};
     wraps.push_back(wrapAt(cursor));
   });
+  if (wraps.empty()) throw Malformed{};  // nothing could ever open it
   return wraps;
 }
 

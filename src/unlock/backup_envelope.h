@@ -45,7 +45,14 @@ struct BackupEnvelope {
 struct CloudBackupEnvelope {
   struct Wrap {
     enum class Kind { passphrase, recovery, account };
+    /// Those of the wrap's kind are there, the others may be.
+    struct Params {
+      std::optional<std::string> kdf, info, encoding, scheme;
+      std::optional<base::Bytes> salt;
+      std::optional<std::int64_t> memoryKiB, iterations, parallelism;
+    };
     Kind kind = Kind::account;
+    Params params;
     base::Bytes ct;
   };
   struct Signer {

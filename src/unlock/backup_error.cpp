@@ -35,8 +35,16 @@ CryptoError::CryptoError(Case kind) : Error(textOf(kind)), kind_(kind) {}
 namespace sentence {
 
 std::string valueUnreadable(std::string_view secretName) {
-  return "Backup stopped: ‘" + std::string(secretName) +
+  return "Backup stopped: ‘" + base::escapedForDisplay(secretName) +
          "’ could not be read. Unlock the Keychain and retry. No incomplete backup was saved.";
+}
+
+std::string notTakenBack(std::string_view file, std::string_view old) {
+  std::string text =
+      "The backup could not be saved for certain, and what was written could not be taken away again. Do not rely on " +
+      base::escapedForDisplay(file) + ": delete it and save a backup in another folder.";
+  if (!old.empty()) text += " The file that was there before is now " + base::escapedForDisplay(old) + ".";
+  return text;
 }
 
 std::string variableNotAccepted(std::string_view name, std::string_view environment) {
@@ -44,8 +52,17 @@ std::string variableNotAccepted(std::string_view name, std::string_view environm
          base::escapedForDisplay(environment) + ". Names use letters, digits and underscores. Nothing was restored.";
 }
 
+std::string nameNotAccepted(std::string_view name) {
+  constexpr std::size_t kShownBytes = 60;
+  const std::string_view shown = base::prefixOfWholeCharacters(name, kShownBytes);
+  return "This backup has a name sorvane does not accept, ‘" + base::escapedForDisplay(shown) +
+         (shown.size() < name.size() ? "…" : "") +
+         "’. Names are not empty, hold no control characters and are at most 4,096 bytes long. Your vault is "
+         "unchanged.";
+}
+
 std::string fileNotRead(std::string_view detail) {
-  return "The backup file could not be read: " + std::string(detail) + ". Nothing was restored.";
+  return "The backup file could not be read: " + std::string(detail) + ". Your vault is unchanged.";
 }
 
 }  // namespace sentence

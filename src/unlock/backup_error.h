@@ -74,17 +74,22 @@ inline constexpr std::string_view kFileExists =
     "There is already a file of that name. No backup was saved. Choose another name, or say that the file is to be "
     "replaced.";
 inline constexpr std::string_view kFileChanged =
-    "The backup file changed while it was read. Nothing was restored. Try again when nothing writes to it.";
+    "The backup file changed while it was read. Your vault is unchanged. Try again when nothing writes to it.";
 inline constexpr std::string_view kNotTheFileShown =
     "The backup file is not the one that was shown. Nothing was restored. Look at it again.";
 inline constexpr std::string_view kStillRunning =
     "Requests are still running, so nothing was restored and your current vault is unchanged. Try again when they have "
     "ended.";
-inline constexpr std::string_view kFileMissing = "There is no backup file of that name. Nothing was restored.";
+inline constexpr std::string_view kFileMissing =
+    "There is no backup file of that name. Your vault is unchanged. Look at the name and the folder.";
 
+/// Of a new file that could be neither trusted nor taken away; `old` is where the one before it is now, or empty.
+std::string notTakenBack(std::string_view file, std::string_view old);
 std::string valueUnreadable(std::string_view secretName);
 /// Names are written escaped where they hold what a terminal would act on.
 std::string variableNotAccepted(std::string_view name, std::string_view environment);
+/// Of a secret, an environment or a variable; as much of it as a line holds is shown.
+std::string nameNotAccepted(std::string_view name);
 /// `detail` is the failure of the file below, without a full stop.
 std::string fileNotRead(std::string_view detail);
 

@@ -1,9 +1,11 @@
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <functional>
 #include <string>
 
+#include "base/clock.h"
 #include "base/files.h"
 #include "base/secret_text.h"
 #include "crypto/digest.h"
@@ -36,17 +38,26 @@ enum class ExistingFile { refuse, replace };
 struct BackupDestination {
   std::filesystem::path path;
   ExistingFile existing = ExistingFile::refuse;
-  /// The folder that holds the vault; nothing is written into it or below, whichever way `path` leads there.
-  std::filesystem::path vaultFolder;
+  /// The folder that holds the vault and its values; nothing is written into it or below, whichever way `path` leads
+  /// there.
+  std::filesystem::path supportFolder;
 };
 
 /// Throws BackupError when a backup may not be written there.
 void requireBackupPlace(const BackupDestination& destination);
 
-/// Writes the bytes beside the destination, reads them back, moves them into place and reads them back there. Until
-/// then a file that is to be replaced stays as it is. After a failure nothing of the new file is left. `check` is
-/// called before the move and may throw to stop. Throws BackupError.
+/// Writes the bytes into a file without a name, or beside the destination where there are no such files, reads them
+/// back, puts them into place and reads them back there. A file that is to be replaced is kept until then and is put
+/// back when that fails. After a failure nothing of the new file is left, or the sentence says that it is. `check` is
+/// called before anything is put into place and may throw to stop. Throws BackupError.
 void saveBackupFile(base::Files& files, const BackupDestination& destination, const base::SecretText& data,
                     const std::function<void()>& check = {});
+
+/// How old a file is that no backup under way can have made.
+inline constexpr std::chrono::hours kOldLeftover{1};
+
+/// Removes what a kill left in a folder of files that were being saved, when they are old. What cannot be removed does
+/// not stop the work.
+void removeOldLeftovers(base::Files& files, const std::filesystem::path& folder, base::Date now);
 
 }  // namespace sorvane::unlock

@@ -4,13 +4,12 @@
 
 #include <algorithm>
 #include <iterator>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <variant>
 
 #include "base/date.h"
-#include "base/json.h"
 #include "base/json_writer.h"
+#include "unlock/backup_canonical_json.h"
 #include "unlock/backup_error.h"
 #include "unlock/backup_json.h"
 #include "vault/record_codec.h"
@@ -40,12 +39,8 @@ std::size_t estimateOf(const BackupPayload& payload) {
 /// Sorted and without white space; throws Malformed for what is no JSON object.
 base::SecretText canonicalCloudCache(std::string_view text) {
   if (text.size() > kMaxCloudCacheBytes) throw Malformed{};
-  const auto json = base::parseJson(text);
-  if (!json || !json->is_object()) throw Malformed{};
-  std::string dumped = json->dump();
-  base::SecretText canonical{std::string_view(dumped)};
-  base::wipe(dumped);
-  return canonical;
+  if (!isText(text) || JsonCursor(text).kind() != JsonCursor::Kind::object) throw Malformed{};
+  return canonicalJson(text);
 }
 
 template <typename Record>

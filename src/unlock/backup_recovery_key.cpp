@@ -110,10 +110,6 @@ std::optional<int> suspectRecoveryGroup(std::string_view typed) {
   return suspect;
 }
 
-std::string_view lastRecoveryGroup(std::string_view key) {
-  return key.substr(key.rfind('-') + 1);
-}
-
 crypto::SymmetricKey recoveryWrappingKey(std::string_view typed) {
   const auto bytes = recoveryKeyBytes(typed);
   if (!bytes) throw CryptoError(CryptoError::Case::badRecoveryKey);

@@ -27,9 +27,6 @@ std::optional<base::SecretText> recoveryKeyBytes(std::string_view typed);
 /// key has; nullopt when the lengths do not tell.
 std::optional<int> suspectRecoveryGroup(std::string_view typed);
 
-/// The last group of a key's text, which a person types back to show that it was written down.
-std::string_view lastRecoveryGroup(std::string_view key);
-
 /// The key that wraps a backup's data key. Throws CryptoError badRecoveryKey.
 crypto::SymmetricKey recoveryWrappingKey(std::string_view typed);
 

@@ -2,6 +2,7 @@
 
 #include "base/codec.h"
 #include "base/diagnostics.h"
+#include "unlock/backup_records.h"
 
 namespace sorvane::unlock {
 namespace {
@@ -24,7 +25,7 @@ BackupInspection inspected(const BackupFile& file, const ParsedBackup& parsed) {
 }  // namespace
 
 void BackupWork::check(const Order& order) {
-  requireBackupPlace({order.file, order.existing, ports_.vault.directory()});
+  requireBackupPlace({order.file, order.existing, ports_.supportFolder});
   requireBackupChoice(order.choice, ports_.vault.records()->secrets);
 }
 
@@ -41,12 +42,19 @@ std::int64_t BackupWork::create(Order order, const vault::AccessContext& context
         total = all;
         at(0);
       });
+  // What could not be opened again must not be taken for a backup.
+  try {
+    requireSoundRecords(payload);
+  } catch (const base::Error&) {
+    throw BackupError(sentence::kNotVerified);
+  }
   BackupExport made =
       exportBackup(std::move(payload), order.choice, [&](BackupStep step) { at(static_cast<std::int64_t>(step)); });
   if (made.recoveryKey) {
     recoveryKeys_.offer(order.ticket, *std::exchange(made.recoveryKey, std::nullopt), [&] { at(kStepsBehind - 1); });
   }
-  saveBackupFile(ports_.files, {order.file, order.existing, ports_.vault.directory()}, made.data,
+  removeOldLeftovers(ports_.files, order.file.parent_path(), ports_.clock.now());
+  saveBackupFile(ports_.files, {order.file, order.existing, ports_.supportFolder}, made.data,
                  [&] { at(kStepsBehind - 1); });
   return made.secretCount;
 }
@@ -63,7 +71,9 @@ OpenedBackupFile BackupWork::open(const std::filesystem::path& path, const Backu
   const BackupOperations::Turn turn = operations_.begin();
   const BackupFile file = readBackupFile(ports_.files, path);
   const ParsedBackup parsed = parseBackup(file.text());
-  return {inspected(file, parsed), openBackup(parsed, secret).payload};
+  OpenedBackupFile opened{inspected(file, parsed), openBackup(parsed, secret).payload};
+  requireSoundRecords(opened.payload);
+  return opened;
 }
 
 OpenedBackupFile BackupWork::openShown(const std::filesystem::path& path, const BackupSecret& secret,
@@ -74,7 +84,10 @@ OpenedBackupFile BackupWork::openShown(const std::filesystem::path& path, const 
 }
 
 BackupChanges BackupWork::compare(const BackupPayload& payload, const Progress& progress) {
-  return backupChanges(ports_.vault, payload, progress);
+  const auto total = static_cast<std::int64_t>(payload.secrets.size());
+  BackupChanges changes = backupChanges(ports_.vault, payload);
+  if (progress) progress(total, total);
+  return changes;
 }
 
 std::vector<std::string> BackupWork::restore(const BackupPayload& payload, ProviderKeys keys,
@@ -82,9 +95,10 @@ std::vector<std::string> BackupWork::restore(const BackupPayload& payload, Provi
   const BackupOperations::Turn turn = operations_.begin();
   std::vector<std::string> notes;
   ports_.alone([&] {
-    ports_.vault.restore(payload);
+    const bool protects = keys == ProviderKeys::protect;
+    ports_.vault.restore(payload, {}, protects ? vault::providerKeys(payload) : vault::ProviderKeys());
     try {
-      if (keys == ProviderKeys::protect) notes = protectKeys(payload);
+      if (protects) notes = protectKeys(payload);
       ports_.vault.log(context);
     } catch (const base::Error& error) {
       notes.push_back(error.sentence());
@@ -93,6 +107,7 @@ std::vector<std::string> BackupWork::restore(const BackupPayload& payload, Provi
   return notes;
 }
 
+/// What could not be protected ahead, and why not.
 std::vector<std::string> BackupWork::protectKeys(const BackupPayload& payload) {
   std::vector<std::string> notes;
   const auto known = ports_.vault.protection().settings;

@@ -44,6 +44,8 @@ class BackupWork {
     const base::Clock& clock;
     /// Calls the work while nobody else uses the vault. Throws before it when that cannot be had.
     std::function<void(const std::function<void()>& work)> alone;
+    /// Holds the vault, its values and all else of sorvane's; no backup is written into it.
+    std::filesystem::path supportFolder;
   };
   explicit BackupWork(Ports ports) : ports_(std::move(ports)) {}
 

@@ -174,16 +174,24 @@ class ByAScript(Backup):
         self.open().furnish()
         self.save("--none", typed="")
         backup = json.loads(self.file.read_text())
-        backup["plaintext"]["secrets"][0]["name"] = "clear\x1b[2J"
-        text = json.dumps(backup["plaintext"], sort_keys=True, separators=(",", ":"), ensure_ascii=False)
-        backup["checksum"] = "edited by hand"
-        self.file.write_text(json.dumps(backup))
+
+        def written(name):
+            backup["plaintext"]["secrets"][0]["name"] = name
+            text = json.dumps(backup["plaintext"], sort_keys=True, separators=(",", ":"), ensure_ascii=False)
+            backup["checksum"] = base64.b64encode(hashlib.sha256(text.encode()).digest()).decode()
+            return json.dumps(backup)
+
+        self.file.write_text(written("clear").replace("clear", "other"))
         self.refused("the backup file is corrupt or not an sorvane backup", "verify", self.file)
-        backup["checksum"] = base64.b64encode(hashlib.sha256(text.encode()).digest()).decode()
-        self.file.write_text(json.dumps(backup))
+        self.file.write_text(written("turned\u202e"))
         code, out, err = self.script("show", self.file)
         self.assertEqual(code, 0, err)
-        self.assertIn("clear\\x1b[2J", out)
+        self.assertIn("turned\\u{202e}", out)
+        self.assertNotIn("\u202e", out + err)
+        self.file.write_text(written("clear\x1b[2J"))
+        code, out, err = self.script("show", self.file)
+        self.assertNotEqual(code, 0)
+        self.assertIn("clear\\x1b[2J", err)
         self.assertNotIn("\x1b", out + err)
 
     def test_what_the_owner_denies_or_another_file_than_the_one_shown_changes_nothing(self):
