@@ -1,6 +1,7 @@
 // Where a backup may be written.
 #include <sys/stat.h>
 
+#include <cerrno>
 #include <set>
 #include <system_error>
 #include <utility>

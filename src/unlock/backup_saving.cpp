@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <memory>
+#include <utility>
 
 #include "base/diagnostics.h"
 #include "base/ids.h"

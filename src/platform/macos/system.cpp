@@ -70,6 +70,18 @@ std::chrono::nanoseconds timeSinceBoot() {
 int renameWithoutReplacing(const char* from, const char* to) {
   return ::renamex_np(from, to, RENAME_EXCL);
 }
+int exchangeNames(const char* first, const char* second) {
+  return ::renamex_np(first, second, RENAME_SWAP);
+}
+// There are no files without a name.
+int openUnnamed(const char*) {
+  errno = ENOTSUP;
+  return -1;
+}
+int nameUnnamed(int, const char*) {
+  errno = ENOTSUP;
+  return -1;
+}
 std::size_t maxSocketPath() {
   return sizeof(sockaddr_un{}.sun_path);
 }

@@ -3,6 +3,7 @@
 
 #ifndef RENAME_EXCL
 #define RENAME_EXCL 0x00000004
+#define RENAME_SWAP 0x00000002
 #endif
 #ifdef __cplusplus
 extern "C" {
