@@ -7,6 +7,9 @@ set(SORVANE_BUNDLE_IDENTIFIER "app.sorvane" CACHE STRING "Identifier of the appl
 set(SORVANE_IDENTITY SORVANE_SERVICE="${SORVANE_SERVICE}" SORVANE_ACCESS_GROUP="${SORVANE_ACCESS_GROUP}"
     SORVANE_BUNDLE_IDENTIFIER="${SORVANE_BUNDLE_IDENTIFIER}")
 
+set(SORVANE_TEAM_IDENTIFIER "" CACHE STRING "Identifier of the team that signs the macOS application")
+set(SORVANE_SIGNING_IDENTITY "" CACHE STRING "Certificate that the macOS application is signed with; empty: it is not signed")
+
 if(APPLE)
   enable_language(OBJCXX)
   set(CMAKE_OBJCXX_STANDARD 20)
@@ -15,6 +18,33 @@ if(APPLE)
     list(APPEND SORVANE_FRAMEWORKS "-framework ${framework}")
   endforeach()
 endif()
+
+# apple_bundle(TARGET): makes the application a bundle, which the system tells apart from others by its identifier, and signs it.
+function(apple_bundle target)
+  set(source ${CMAKE_CURRENT_SOURCE_DIR}/packaging/macos)
+  set(made ${CMAKE_CURRENT_BINARY_DIR}/macos)
+  configure_file(${source}/Info.plist.in ${made}/Info.plist @ONLY)
+  configure_file(${source}/sorvane.entitlements.in ${made}/sorvane.entitlements @ONLY)
+  set_target_properties(${target} PROPERTIES MACOSX_BUNDLE TRUE MACOSX_BUNDLE_INFO_PLIST ${made}/Info.plist)
+  # With the hardened run-time, under which nobody may read the program's memory or load code into it.
+  if(SORVANE_SIGNING_IDENTITY)
+    add_custom_command(TARGET ${target} POST_BUILD COMMAND codesign --force --options runtime --timestamp
+                       --entitlements ${made}/sorvane.entitlements --sign ${SORVANE_SIGNING_IDENTITY} $<TARGET_BUNDLE_DIR:${target}>
+                       VERBATIM)
+  endif()
+endfunction()
+
+# apple_tests(): what can be run on a Mac, the Keychain itself among it.
+function(apple_tests)
+  foreach(name base crypto phone)
+    room_test(${name} USES platform ${name} crypto base)
+  endforeach()
+  room_test(clients USES clients vault crypto base)
+  add_executable(keychain_test ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/mac/keychain_test.cpp)
+  target_link_libraries(keychain_test PRIVATE sorvane_settings test_support platform vault base GTest::gtest_main)
+  add_test(NAME platform.keychain COMMAND keychain_test)
+  set_tests_properties(platform.keychain PROPERTIES LABELS platform TIMEOUT 300)
+endfunction()
 
 # apple_checks(): every file of src/platform/macos checked by clang, and those that need C interfaces only run against a
 # stand-in for the Keychain, on a system that is not macOS.
@@ -25,6 +55,8 @@ function(apple_checks)
   add_test(NAME platform.macos_compiles COMMAND ${check} ${definitions})
   set_tests_properties(platform.macos_compiles PROPERTIES LABELS platform TIMEOUT 600 SKIP_RETURN_CODE 77)
 
+  add_test(NAME platform.macos_configures COMMAND ${CMAKE_CURRENT_SOURCE_DIR}/scripts/checks/macos_build)
+  set_tests_properties(platform.macos_configures PROPERTIES LABELS platform TIMEOUT 300 SKIP_RETURN_CODE 77)
   # That the check sees what it is there to see: this file has three faults.
   add_test(NAME platform.macos_faults_are_found COMMAND ${check} ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/faulty.mm)
   set_tests_properties(platform.macos_faults_are_found PROPERTIES LABELS platform PASS_REGULAR_EXPRESSION "3 errors generated"

@@ -1,5 +1,13 @@
 # The libraries that the rooms call, found once.
 find_package(PkgConfig REQUIRED)
+if(APPLE)
+  # Homebrew keeps what macOS has an own version of out of the usual places.
+  find_program(BREW brew)
+  foreach(package openssl@3 curl sqlite)
+    execute_process(COMMAND ${BREW} --prefix ${package} OUTPUT_VARIABLE place OUTPUT_STRIP_TRAILING_WHITESPACE ERROR_QUIET)
+    set(ENV{PKG_CONFIG_PATH} "${place}/lib/pkgconfig:$ENV{PKG_CONFIG_PATH}")
+  endforeach()
+endif()
 find_package(Threads REQUIRED)
 find_package(nlohmann_json REQUIRED)
 pkg_check_modules(libcrypto REQUIRED IMPORTED_TARGET libcrypto)

@@ -2,7 +2,8 @@
 include(GNUInstallDirs)
 
 if(TARGET sorvaned AND TARGET sorvane)
-  install(TARGETS sorvaned sorvane sorvane-approver RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR})
+  install(TARGETS sorvaned sorvane sorvane-approver RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR}
+          BUNDLE DESTINATION Applications)
 
   # The completions are what the program itself prints; they never ask the vault.
   set(completions ${CMAKE_CURRENT_BINARY_DIR}/completions)
@@ -19,7 +20,14 @@ endif()
 file(GLOB man_pages CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/docs/man/*.1)
 install(FILES ${man_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES README.md docs/threat-model.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
-if(NOT APPLE)
+if(APPLE)
+  # The agent names the program where it is put. The person copies it to their own folder of launch agents.
+  install(CODE "
+    set(SORVANED \"\${CMAKE_INSTALL_PREFIX}/Applications/sorvaned.app/Contents/MacOS/sorvaned\")
+    set(SORVANE_BUNDLE_IDENTIFIER \"${SORVANE_BUNDLE_IDENTIFIER}\")
+    configure_file(\"${CMAKE_CURRENT_SOURCE_DIR}/packaging/macos/launchd.plist.in\"
+                   \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/sorvane/${SORVANE_BUNDLE_IDENTIFIER}.plist\" @ONLY)")
+else()
   # The unit and the desktop entry name the program where it is put, which is known when it is put there.
   foreach(file lib/systemd/user/sorvaned.service ${CMAKE_INSTALL_DATADIR}/applications/sorvane.desktop)
     get_filename_component(name ${file} NAME)
