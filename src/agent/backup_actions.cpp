@@ -23,8 +23,13 @@ BackupToOpen neededBackup(const ActionArguments& arguments, ActionCall& call) {
   BackupToOpen backup{neededFile(arguments), {}, {}};
   const auto unlock = arguments.text("unlock");
   if (!unlock || *unlock == "none") return backup;
+  if (*unlock == "both") {
+    backup.passphrase.emplace();
+    backup.recoveryKey.emplace();
+    return backup;
+  }
   if (*unlock != "passphrase" && *unlock != "recoveryKey") {
-    throw ActionError("Choose passphrase, recoveryKey, or none.");
+    throw ActionError("The argument unlock is passphrase or recoveryKey. Nothing was done.");
   }
   (*unlock == "passphrase" ? backup.passphrase : backup.recoveryKey) = taken(call);
   return backup;

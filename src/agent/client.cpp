@@ -157,7 +157,7 @@ OwnerAnswer askOwner(const std::filesystem::path& supportFolder, const OwnerRequ
                      const std::stop_token& withdrawal) {
   const std::string path = (supportFolder / base::kOwnerSocketName).string();
   const base::Descriptor socket = connectTo(path, withdrawal);
-  if (request.passphrase || request.newPassphrase || request.confirmation) {
+  if (request.passphrase || request.newPassphrase || request.confirmation || request.recoveryKey) {
     requireLockHolder(socket.get(), supportFolder);
   }
   const base::SecretText text = exchanged(socket, encodeOwnerRequest(request), withdrawal);

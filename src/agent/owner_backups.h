@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "agent/jobs.h"
+#include "agent/owner_restore.h"
 #include "base/secret_text.h"
 #include "vault/vault.h"
 
@@ -18,12 +19,6 @@ struct BackupOrder {
   base::SecretText passphrase;
   bool withRecoveryKey = false;
   bool replaceFile = false;
-};
-
-/// A backup file and what opens it: one of the two, or neither.
-struct BackupToOpen {
-  std::string file;
-  std::optional<base::SecretText> passphrase, recoveryKey;
 };
 
 /// OwnerBackups is what the owner's actions need of the work on backups; the application implements it. Documents are

@@ -37,6 +37,11 @@ struct LockReport {
   bool storeIsSealed = false;
   /// Why the system can check nobody; nullopt: it can.
   std::optional<std::string> systemCheckUnavailable;
+  /// How far a restore of a backup is, in values; nullopt: none is under way.
+  struct Progress {
+    std::int64_t done = 0, total = 0;
+  };
+  std::optional<Progress> restoring;
   /// Whole sentences: what this does not protect against, and what needs attention.
   std::vector<std::string> notices;
   std::string version;

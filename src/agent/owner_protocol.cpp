@@ -22,16 +22,24 @@ enum Field : unsigned {
   follows = 16,
   method = 32,
   hold = 64,
-  answersItself = 128
+  answersItself = 128,
+  file = 256,
+  sha256 = 512,
+  recoveryKey = 1024,
+  protectKeys = 2048
 };
-constexpr std::array<std::pair<std::string_view, Field>, 8> kFields{{{"passphrase", passphrase},
-                                                                     {"newPassphrase", newPassphrase},
-                                                                     {"confirmation", confirmation},
-                                                                     {"requirement", requirement},
-                                                                     {"follows", follows},
-                                                                     {"method", method},
-                                                                     {"hold", hold},
-                                                                     {"answersItself", answersItself}}};
+constexpr std::array<std::pair<std::string_view, Field>, 12> kFields{{{"passphrase", passphrase},
+                                                                      {"newPassphrase", newPassphrase},
+                                                                      {"confirmation", confirmation},
+                                                                      {"requirement", requirement},
+                                                                      {"follows", follows},
+                                                                      {"method", method},
+                                                                      {"hold", hold},
+                                                                      {"answersItself", answersItself},
+                                                                      {"file", file},
+                                                                      {"sha256", sha256},
+                                                                      {"recoveryKey", recoveryKey},
+                                                                      {"protectKeys", protectKeys}}};
 
 /// What a request must hold and may hold beside its operation, in the order of OwnerOp.
 struct Shape {
@@ -47,7 +55,18 @@ constexpr std::array<Shape, kOwnerOpCount> kShapes{
      {"removePassphrase", 0, passphrase | answersItself},
      {"require", requirement, passphrase | answersItself},
      {"followSession", follows, passphrase | answersItself},
-     {"reset", 0, answersItself}}};
+     {"reset", 0, answersItself},
+     {"backupPreview", file, passphrase | recoveryKey},
+     {"backupRestore", file | sha256, passphrase | recoveryKey | protectKeys | answersItself}}};
+
+using CountOfBackup = std::int64_t BackupCounts::Opened::*;
+constexpr std::array<std::pair<const char*, CountOfBackup>, 6> kCounts{
+    {{"secrets", &BackupCounts::Opened::secrets},
+     {"environments", &BackupCounts::Opened::environments},
+     {"versions", &BackupCounts::Opened::versions},
+     {"values", &BackupCounts::Opened::values},
+     {"events", &BackupCounts::Opened::events},
+     {"providerKeys", &BackupCounts::Opened::providerKeys}}};
 
 constexpr std::array<std::string_view, 3> kKinds{"done", "needsPassphrase", "refused"};
 
@@ -98,6 +117,11 @@ OwnerRequest requestOf(const Json& json) {
     if (offIsNone || !isOneOf(known, *request.requirement)) throw WrongShape{};
   }
   if (fields.find("follows") != nullptr) request.follows = fields.boolean("follows");
+  request.file = fields.text("file");
+  if (request.file && !request.file->starts_with('/')) throw WrongShape{};
+  request.sha256 = fields.text("sha256");
+  request.recoveryKey = typedText(fields, "recoveryKey");
+  request.protectKeys = fields.find("protectKeys") != nullptr && fields.boolean("protectKeys");
   if (fields.find("hold") != nullptr) {
     request.lock = fields.boolean("hold") ? OwnerLock::Lock::held : OwnerLock::Lock::untilNextTime;
   }
@@ -126,10 +150,30 @@ LockReport reportOf(const Json& json) {
   report.store = plainText(fields.need("store"));
   report.storeIsSealed = fields.boolean("storeIsSealed");
   report.systemCheckUnavailable = fields.text("systemCheckUnavailable");
+  if (const Json* const restoring = fields.find("restoring")) {
+    const Fields progress(*restoring);
+    report.restoring = {progress.needInteger("done"), progress.needInteger("total")};
+  }
   report.notices = fields.list("notices").value_or(std::vector<std::string>{});
   report.version = plainText(fields.need("version"));
   report.supportFolder = plainText(fields.need("supportFolder"));
   return report;
+}
+
+BackupCounts countsOf(const Json& json) {
+  const Fields fields(json);
+  BackupCounts counts;
+  counts.sha256 = plainText(fields.need("sha256"));
+  counts.bytes = fields.needInteger("bytes");
+  counts.isEncrypted = fields.boolean("encrypted");
+  counts.hasPassphrase = fields.boolean("hasPassphrase");
+  counts.hasRecoveryKey = fields.boolean("hasRecoveryKey");
+  const auto exportedAt = fields.text("exportedAt");
+  if (!exportedAt) return counts;
+  BackupCounts::Opened& opened = counts.opened.emplace();
+  opened.exportedAt = *exportedAt;
+  for (const auto& [name, count] : kCounts) opened.*count = fields.needInteger(name);
+  return counts;
 }
 
 OwnerAnswer answerOf(const Json& json) {
@@ -141,6 +185,7 @@ OwnerAnswer answerOf(const Json& json) {
   answer.outcome.code = fields.text("code").value_or("");
   answer.outcome.sentence = fields.text("sentence").value_or("");
   if (const Json* const status = fields.find("status")) answer.status = reportOf(*status);
+  if (const Json* const backup = fields.find("backup")) answer.backup = countsOf(*backup);
   return answer;
 }
 
@@ -157,9 +202,24 @@ void encode(JsonWriter& out, const LockReport& report) {
   out.key("isManaged").boolean(report.isManaged).key("heldLocked").boolean(report.heldLocked);
   out.key("isAsking").boolean(report.isAsking).key("waitSeconds").integer(report.waitSeconds);
   out.field("store", std::string_view(report.store)).key("storeIsSealed").boolean(report.storeIsSealed);
+  if (report.restoring) {
+    out.key("restoring").beginObject().key("done").integer(report.restoring->done);
+    out.key("total").integer(report.restoring->total).endObject();
+  }
   out.field("systemCheckUnavailable", report.systemCheckUnavailable).strings("notices", report.notices);
   out.field("version", std::string_view(report.version));
   out.field("supportFolder", std::string_view(report.supportFolder)).endObject();
+}
+
+void encode(JsonWriter& out, const BackupCounts& counts) {
+  out.beginObject().field("sha256", std::string_view(counts.sha256)).key("bytes").integer(counts.bytes);
+  out.key("encrypted").boolean(counts.isEncrypted).key("hasPassphrase").boolean(counts.hasPassphrase);
+  out.key("hasRecoveryKey").boolean(counts.hasRecoveryKey);
+  if (counts.opened) {
+    out.field("exportedAt", std::string_view(counts.opened->exportedAt));
+    for (const auto& [name, count] : kCounts) out.key(name).integer(*counts.opened.*count);
+  }
+  out.endObject();
 }
 
 }  // namespace
@@ -169,7 +229,7 @@ std::string_view word(OwnerOp op) {
 }
 
 OwnerAnswer OwnerAnswer::refused(std::string code, std::string sentence) {
-  return {{LockOutcome::Kind::refused, std::move(code), std::move(sentence)}, {}};
+  return {{LockOutcome::Kind::refused, std::move(code), std::move(sentence)}, {}, {}};
 }
 
 base::SecretText encodeOwnerRequest(const OwnerRequest& request) {
@@ -181,6 +241,9 @@ base::SecretText encodeOwnerRequest(const OwnerRequest& request) {
   out.field("requirement", request.requirement);
   if (request.follows) out.key("follows").boolean(*request.follows);
   if (request.method) out.field("method", *request.method == OwnerLock::Method::first ? "first" : "password");
+  optionalText(out, "recoveryKey", request.recoveryKey);
+  out.field("file", request.file).field("sha256", request.sha256);
+  if (request.protectKeys) out.key("protectKeys").boolean(true);
   if (request.answersItself) out.key("answersItself").boolean(true);
   if (request.lock) out.key("hold").boolean(*request.lock == OwnerLock::Lock::held);
   out.endObject();
@@ -197,6 +260,7 @@ base::SecretText encodeOwnerAnswer(const OwnerAnswer& answer) {
   if (!answer.outcome.code.empty()) out.field("code", std::string_view(answer.outcome.code));
   if (!answer.outcome.sentence.empty()) out.field("sentence", std::string_view(answer.outcome.sentence));
   if (answer.status) encode(out.key("status"), *answer.status);
+  if (answer.backup) encode(out.key("backup"), *answer.backup);
   out.endObject();
   return out.take();
 }

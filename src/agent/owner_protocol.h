@@ -7,6 +7,7 @@
 #include <string_view>
 
 #include "agent/owner_lock.h"
+#include "agent/owner_restore.h"
 #include "base/secret_text.h"
 
 namespace sorvane::agent {
@@ -23,16 +24,18 @@ enum class OwnerOp {
   removePassphrase,
   require,
   followSession,
-  reset
+  reset,
+  backupPreview,
+  backupRestore
 };
-inline constexpr std::size_t kOwnerOpCount = 9;
+inline constexpr std::size_t kOwnerOpCount = 11;
 /// The wire name, which is the name of the case.
 std::string_view word(OwnerOp op);
 
 /// A request as it stands on the wire. Which fields an operation takes is one table, beside the decoder.
 struct OwnerRequest {
   OwnerOp op = OwnerOp::status;
-  /// Opens the vault, or is the present one that a change asks for.
+  /// Opens the vault, is the present one that a change asks for, or opens a backup.
   std::optional<base::SecretText> passphrase;
   std::optional<base::SecretText> newPassphrase, confirmation;
   /// "off", "withSystem" or "only".
@@ -40,15 +43,21 @@ struct OwnerRequest {
   std::optional<bool> follows;
   std::optional<OwnerLock::Method> method;
   std::optional<OwnerLock::Lock> lock;
+  /// What opens a backup in the place of its passphrase.
+  std::optional<base::SecretText> recoveryKey;
+  /// The whole path of a backup, and the digest of the one that was shown.
+  std::optional<std::string> file, sha256;
+  bool protectKeys = false;
   /// The sender shows the system's questions itself while it waits.
   bool answersItself = false;
 };
 
-/// An answer as it stands on the wire: how the request ended and, to `status`, the report. It holds no value and no
-/// name of the vault.
+/// An answer as it stands on the wire: how the request ended and, to `status`, the report; to `backupPreview`, what the
+/// backup holds. There is no value and no name of a vault in it.
 struct OwnerAnswer {
   LockOutcome outcome;
   std::optional<LockReport> status;
+  std::optional<BackupCounts> backup{};
 
   static OwnerAnswer refused(std::string code, std::string sentence);
 };

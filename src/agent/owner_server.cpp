@@ -48,6 +48,10 @@ std::optional<std::string> obstacle(const std::filesystem::path& path) {
   return std::nullopt;
 }
 
+BackupToOpen toOpen(OwnerRequest& request) {
+  return {*request.file, std::move(request.passphrase), std::move(request.recoveryKey)};
+}
+
 /// A request known to the watch for as long as this lives.
 class Watched {
  public:
@@ -98,6 +102,7 @@ OwnerServer::OwnerServer(const std::filesystem::path& supportFolder, Ports ports
     : path_(supportFolder / base::kOwnerSocketName),
       files_(ports.files),
       lock_(ports.lock),
+      restore_(ports.restore),
       requests_(
           "owner", [this](const ReceivedRequest& received, const RequestPeer& peer) { return answer(received, peer); },
           [] { return encodeOwnerAnswer(OwnerAnswer::refused("busy", std::string(kBusy))); }) {
@@ -188,10 +193,14 @@ OwnerAnswer OwnerServer::handle(std::string_view bytes, const LockCaller& caller
   const Place place(*this, request->op);
   if (!place) return OwnerAnswer::refused("busy", std::string(kBusy));
   try {
-    if (request->op == OwnerOp::status) return {{}, lock_.report()};
+    if (request->op == OwnerOp::status) return {{}, lock_.report(), {}};
+    if (request->op == OwnerOp::backupPreview) {
+      OwnerRestore::Preview preview = restore_.preview(toOpen(*request));
+      return {std::move(preview.outcome), {}, std::move(preview.backup)};
+    }
     LockCaller asking = caller;
     asking.answersItself = request->answersItself;
-    return {perform(std::move(*request), asking), {}};
+    return {perform(std::move(*request), asking), {}, {}};
   } catch (const base::Error& error) {
     return OwnerAnswer::refused("failed", error.sentence());
   } catch (const std::exception&) {
@@ -205,6 +214,7 @@ LockOutcome OwnerServer::perform(OwnerRequest request, const LockCaller& caller)
   };
   switch (request.op) {
     case OwnerOp::status:
+    case OwnerOp::backupPreview:
       break;
     case OwnerOp::unlock:
       if (request.passphrase) return lock_.unlockWithPassphrase(std::move(*request.passphrase), caller);
@@ -223,8 +233,14 @@ LockOutcome OwnerServer::perform(OwnerRequest request, const LockCaller& caller)
       return lock_.changeFollowsSession(*request.follows, std::move(request.passphrase), caller);
     case OwnerOp::reset:
       return lock_.reset(caller);
+    case OwnerOp::backupRestore:
+      return restore(std::move(request), caller);
   }
   return {};
+}
+
+LockOutcome OwnerServer::restore(OwnerRequest request, const LockCaller& caller) {
+  return restore_.restore({toOpen(request), *request.sha256, request.protectKeys}, caller);
 }
 
 }  // namespace sorvane::agent

@@ -19,16 +19,17 @@
 namespace sorvane::agent {
 
 /// OwnerServer serves the lock of the vault on "owner.sock" of the support folder, from its start to its end, whether
-/// the vault is open or not (docs/owner-protocol.md). Each request is handed to the OwnerLock on a thread of its own
-/// and withdrawn when its peer goes away. A socket that was removed or replaced is bound anew. `start` and `stop` may
-/// be called by any thread, but not by a request.
+/// the vault is open or not (docs/owner-protocol.md). Each request is handed to the OwnerLock, or to the OwnerRestore,
+/// on a thread of its own and withdrawn when its peer goes away. A socket that was removed or replaced is bound anew.
+/// `start` and `stop` may be called by any thread, but not by a request.
 ///
-/// The destructor waits for the requests in flight, so the OwnerLock must still answer then.
+/// The destructor waits for the requests in flight, so both must still answer then.
 class OwnerServer {
  public:
   struct Ports {
     base::Files& files;
     OwnerLock& lock;
+    OwnerRestore& restore;
   };
   /// `watchEvery`: how often the socket is looked at; zero: never.
   OwnerServer(const std::filesystem::path& supportFolder, Ports ports,
@@ -58,11 +59,13 @@ class OwnerServer {
   std::optional<std::string> checkSocket();
   base::SecretText answer(const ReceivedRequest& received, const RequestPeer& peer);
   LockOutcome perform(OwnerRequest request, const LockCaller& caller);
+  LockOutcome restore(OwnerRequest request, const LockCaller& caller);
 
   // Constant after construction, or synchronised by themselves.
   const std::filesystem::path path_;
   base::Files& files_;
   OwnerLock& lock_;
+  OwnerRestore& restore_;
   HangupWatch hangups_;
   RequestSocket requests_;
 

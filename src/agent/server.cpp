@@ -43,6 +43,7 @@ AgentServer::AgentServer(Settings settings, Ports ports)
       requests_(
           "agent", [this](const ReceivedRequest& received, const RequestPeer& peer) { return answer(received, peer); },
           [] { return encodeResponse(AgentResponse::refused(std::string(kBusy))); }),
+      agentsHeldBack_(settings_.agentsHeldBack),
       published_(ports.files, settings_.supportFolder / base::kEndpointName) {
   observeSessions();
   // Sessions do not outlive the application, and their files must not.
@@ -95,10 +96,10 @@ void AgentServer::stop() {
   if (isRunning() || paused_) close();
 }
 
-bool AgentServer::alone(std::chrono::milliseconds patience, const std::function<void()>& work) {
+AgentServer::Alone AgentServer::alone(std::chrono::milliseconds patience, const std::function<void()>& work) {
   {
     const base::Lock lifecycle(lifecycle_);
-    if (!isRunning() || paused_) return false;
+    if (!isRunning() || paused_) return Alone::notRunning;
     paused_ = true;
     withdraw();
   }
@@ -106,9 +107,9 @@ bool AgentServer::alone(std::chrono::milliseconds patience, const std::function<
     AgentServer& server;
     ~Resume() { server.resume(); }
   } const resuming{*this};
-  if (!waitUntilIdle(Waiting::everyoneElse, patience)) return false;
+  if (!waitUntilIdle(Waiting::everyoneElse, patience)) return Alone::stillBusy;
   work();
-  return true;
+  return Alone::done;
 }
 
 void AgentServer::resume() {
@@ -158,6 +159,7 @@ void AgentServer::withdraw() {
   approvals_.setGeneration(std::nullopt);
   hangups_.withdrawAll();
   sessions_.endAll();
+  if (localProxy_ != nullptr) localProxy_->endAll();
 }
 
 void AgentServer::close() {
@@ -168,7 +170,6 @@ void AgentServer::close() {
   std::error_code ignored;
   std::filesystem::remove(socketPath_, ignored);
   keyFiles_.removeAll();
-  if (localProxy_ != nullptr) localProxy_->endAll();
 }
 
 AgentInfo AgentServer::info() const {
@@ -261,7 +262,7 @@ std::variant<Caller, AgentResponse> AgentServer::authenticate(std::string_view t
       if (bySocket || std::holds_alternative<ApplicationAsController>(caller)) return controller;
     }
   }
-  if (settings_.agentsHeldBack) return AgentResponse::refused(std::string(kNotRunning));
+  if (agentsHeldBack_) return AgentResponse::refused(std::string(kNotRunning));
   const auto grants = grants_.current();
   if (const auto* forGrant = std::get_if<ApplicationForGrant>(&caller)) {
     for (const ClientGrant& grant : *grants) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <memory>
@@ -47,8 +48,8 @@ class AgentServer {
     std::filesystem::path supportFolder;
     /// How often the endpoint's files are looked at; zero: never.
     std::chrono::milliseconds watchEvery = kWatchEvery;
-    /// Agents are told that there is no vault; the owner's own command line is served. For a vault whose lock was
-    /// reset.
+    /// Until `serveAgents` agents are told that there is no vault; the owner's own command line is served. For a vault
+    /// whose lock was reset.
     bool agentsHeldBack = false;
   };
   struct Ports {
@@ -69,11 +70,15 @@ class AgentServer {
   bool isRunning() const;
   /// Writes "agent.json" again. Does nothing while stopped.
   void republish();
+  /// Agents that were held back are served from now on.
+  void serveAgents() { agentsHeldBack_ = false; }
 
   /// Refuses requests as a stopped server does, ends what a stop ends, waits until no request but the caller's own is
   /// in flight, and calls `work` then; afterwards the endpoint is opened anew, unless the server was stopped meanwhile.
-  /// False, and `work` was not called, when requests are still in flight after `patience` or the server does not run.
-  bool alone(std::chrono::milliseconds patience, const std::function<void()>& work);
+  /// `work` was not called when requests are still in flight after `patience`, whose sessions, commands and questions
+  /// were ended all the same, or when the server does not run.
+  enum class Alone { done, stillBusy, notRunning };
+  Alone alone(std::chrono::milliseconds patience, const std::function<void()>& work);
 
   /// The single entry of every request.
   AgentResponse handle(std::string_view bytes, const RequestCaller& caller);
@@ -114,6 +119,7 @@ class AgentServer {
   Approvals approvals_;
   HangupWatch hangups_;
   RequestSocket requests_;
+  std::atomic<bool> agentsHeldBack_;
 
   // Held across opening and closing, so that they do not interleave. Never taken by a request that is not itself
   // starting or stopping the server.

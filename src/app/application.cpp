@@ -74,7 +74,7 @@ Application::Application(const Setting& setting, agent::ProcessHost& host, agent
                   : std::make_unique<LockScreen>(*approver, [this] { return lock_.isAskedOnTerminal(); })),
       wasNew_(stores_.isNew()),
       lock_(lockPorts()),
-      ownerServer_(std::in_place, setting.supportFolder, agent::OwnerServer::Ports{files_, lock_}) {
+      ownerServer_(std::in_place, setting.supportFolder, agent::OwnerServer::Ports{files_, lock_, lockedRestore_}) {
   base::removeTemporaryFiles(files_, setting.supportFolder);
   if (!setting.memoryIsLocked) base::diagnose("app", kMemoryMayBeSwapped);
   if (!hasTerminal_) base::diagnose("app", kNobodyAnswers);
@@ -142,6 +142,8 @@ OpenVault::Ports Application::vaultPorts(bool afterReset) {
           .ownerPrompt = ownerPrompt_,
           .trustedSession = [this] { return trusted_.holds(); },
           .agentsHeldBack = afterReset,
+          .restoring = [this](std::int64_t done, std::int64_t total) { lock_.noteRestoring(done, total); },
+          .restored = [this] { lock_.noteRestored(); },
           .state = state()};
 }
 

@@ -10,6 +10,7 @@
 #include "agent/process_host.h"
 #include "agent/terminal_approver.h"
 #include "app/lock_screen.h"
+#include "app/locked_restore.h"
 #include "app/open_vault.h"
 #include "app/presence_prompt.h"
 #include "app/stores.h"
@@ -84,6 +85,7 @@ class Application {
   std::unique_ptr<LockScreen> screen_;
   const bool wasNew_;  ///< at the start: no vault was ever opened here
   VaultLock lock_;
+  LockedRestore lockedRestore_{{files_, clock_, stores_, lock_}};
   std::optional<agent::OwnerServer> ownerServer_;
 };
 

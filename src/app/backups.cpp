@@ -71,6 +71,11 @@ std::vector<std::string> noticesOf(const BackupChanges& changes) {
   return notices;
 }
 
+/// Whether no more is replaced than was shown.
+bool isAsShown(const unlock::RecordChanges& now, const unlock::RecordChanges& shown) {
+  return now.lost == shown.lost && now.changed == shown.changed;
+}
+
 std::string counted(std::size_t count, std::string_view one, std::string_view many) {
   return std::to_string(count) + " " + std::string(count == 1 ? one : many);
 }
@@ -78,6 +83,7 @@ std::string counted(std::size_t count, std::string_view one, std::string_view ma
 }  // namespace
 
 void Backups::check(const agent::BackupOrder& order) {
+  work_.requireIdle();
   work_.check(orderOf(order, {}));
 }
 
@@ -107,7 +113,9 @@ void Backups::confirmRecoveryKey(const std::string& ticket) {
 std::string Backups::inspect(const std::string& file) {
   base::JsonWriter out;
   out.beginObject();
-  writeInspection(out, work_.inspect(file));
+  const unlock::BackupInspection seen = work_.inspect(file);
+  writeInspection(out, seen);
+  if (seen.isEncrypted) out.field("prompt", unlock::sentence::neededToOpen(seen.hasPassphrase, seen.hasRecoveryKey));
   out.endObject();
   return std::string(out.view());
 }
@@ -145,8 +153,11 @@ std::string Backups::preview(agent::BackupToOpen backup, const agent::Jobs::Step
 /// The opened backup is held here from before the question until after the answer: what was shown is what is restored.
 class Backups::PreparedRestore final : public Restore {
  public:
-  PreparedRestore(BackupWork& work, unlock::OpenedBackupFile opened, BackupWork::ProviderKeys keys)
-      : work_(work), opened_(std::move(opened)), keys_(keys), changes_(work.compare(opened_.payload, {})) {}
+  PreparedRestore(Backups& backups, unlock::OpenedBackupFile opened, BackupWork::ProviderKeys keys)
+      : backups_(backups),
+        opened_(std::move(opened)),
+        keys_(keys),
+        changes_(backups.work_.compare(opened_.payload, {})) {}
 
   std::vector<std::string> details() const override {
     std::vector<std::string> details{std::string(unlock::sentence::kReplaceWarning), "SHA-256: " + opened_.file.sha256};
@@ -162,7 +173,16 @@ class Backups::PreparedRestore final : public Restore {
   }
 
   std::string run(const vault::AccessContext& context) override {
-    std::vector<std::string> notices = work_.restore(opened_.payload, keys_, context);
+    const BackupChanges now = backups_.work_.compare(opened_.payload, {});
+    if (!isAsShown(now.secrets, changes_.secrets) || !isAsShown(now.environments, changes_.environments)) {
+      throw BackupError(unlock::sentence::kVaultChanged);
+    }
+    struct Ending {
+      const BackupWork::Progress& restoring;
+      ~Ending() { restoring(0, 0); }
+    } const ending{backups_.restoring_};
+    std::vector<std::string> notices = backups_.work_.restore(opened_.payload, keys_, context, backups_.restoring_);
+    backups_.restored_();
     if (changes_.hasCloudSecrets) notices.emplace_back(unlock::sentence::kCloudSecretsStay);
     base::JsonWriter out;
     out.beginObject().key("environments").integer(static_cast<std::int64_t>(opened_.payload.projects.size()));
@@ -179,7 +199,7 @@ class Backups::PreparedRestore final : public Restore {
                                              : std::to_string(changes.lost.size()) + " lost.");
   }
 
-  BackupWork& work_;
+  Backups& backups_;
   const unlock::OpenedBackupFile opened_;
   const BackupWork::ProviderKeys keys_;
   const BackupChanges changes_;
@@ -189,7 +209,7 @@ std::shared_ptr<agent::OwnerBackups::Restore> Backups::prepareRestore(agent::Bac
                                                                       const std::string& sha256, bool protectKeys) {
   const std::string file = backup.file;
   return std::make_shared<PreparedRestore>(
-      work_, work_.openShown(file, secretOf(backup), sha256),
+      *this, work_.openShown(file, secretOf(backup), sha256),
       protectKeys ? BackupWork::ProviderKeys::protect : BackupWork::ProviderKeys::leave);
 }
 

@@ -10,7 +10,18 @@ namespace sorvane::app {
 /// Backups translates between the owner's actions and the work on backups. Any thread.
 class Backups final : public agent::OwnerBackups {
  public:
-  explicit Backups(unlock::BackupWork::Ports ports) : vault_(ports.vault), work_(std::move(ports)) {}
+  struct Ports {
+    unlock::BackupWork::Ports work;
+    /// Told how far a restore is.
+    unlock::BackupWork::Progress restoring;
+    /// Told that a backup is in place.
+    std::function<void()> restored;
+  };
+  explicit Backups(Ports ports)
+      : vault_(ports.work.vault),
+        restoring_(std::move(ports.restoring)),
+        restored_(std::move(ports.restored)),
+        work_(std::move(ports.work)) {}
 
   void check(const agent::BackupOrder& order) override;
   std::string create(agent::BackupOrder order, const std::string& ticket, const vault::AccessContext& context,
@@ -29,6 +40,8 @@ class Backups final : public agent::OwnerBackups {
   class PreparedRestore;
 
   vault::Vault& vault_;
+  const unlock::BackupWork::Progress restoring_;
+  const std::function<void()> restored_;
   unlock::BackupWork work_;
 };
 

@@ -46,8 +46,13 @@ OpenVault::OpenVault(Ports ports)
       policy_(vault_),
       connections_(connectionSetting(ports.supportFolder), ports.files, vault_.settings()),
       actions_(std::move(ports.state), stores_, connections_, proxy_),
-      backups_({vault_, ports.files, ports.clock, [this](const std::function<void()>& work) { alone(work); },
-                ports.supportFolder}),
+      backups_({{vault_, ports.files, ports.clock, [this](const std::function<void()>& work) { alone(work); },
+                 ports.supportFolder},
+                std::move(ports.restoring),
+                [this, told = std::move(ports.restored)] {
+                  server_.serveAgents();
+                  told();
+                }}),
       jobs_(ports.clock),
       ownerActions_(
           {vault_, grants_, policy_, jobs_, clipboard_, copied_, sessions_, actions_, ports.clock, &proxy_, &backups_}),
@@ -88,8 +93,16 @@ void OpenVault::alone(const std::function<void()>& work) {
     // What a start leaves out for a vault that does not open.
     stores_.opened();
     startProxy();
+    finishMove();
   };
-  if (!server_.alone(kPatience, replace)) throw unlock::BackupError(unlock::sentence::kStillRunning);
+  switch (server_.alone(kPatience, replace)) {
+    case agent::AgentServer::Alone::done:
+      return;
+    case agent::AgentServer::Alone::stillBusy:
+      throw unlock::BackupError(unlock::sentence::kStillRunning);
+    case agent::AgentServer::Alone::notRunning:
+      throw unlock::BackupError(unlock::sentence::kNotServed);
+  }
 }
 
 void OpenVault::startProxy() {
@@ -103,6 +116,11 @@ void OpenVault::startProxy() {
 bool OpenVault::start() {
   if (!server_.start()) return false;
   startProxy();
+  finishMove();
+  return true;
+}
+
+void OpenVault::finishMove() {
   if (stores_.record().leaving && !vault_.storageFailure()) {
     jobs_.start("storeMove", [this](const agent::Jobs::Step&) {
       try {
@@ -114,7 +132,6 @@ bool OpenVault::start() {
       return std::optional<std::string>();
     });
   }
-  return true;
 }
 
 }  // namespace sorvane::app

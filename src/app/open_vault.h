@@ -42,8 +42,11 @@ class OpenVault {
     agent::SystemOwnerPrompt& ownerPrompt;
     /// Whether the owner's recent presence is vouched for.
     std::function<bool()> trustedSession;
-    /// Only the owner's own command line is served.
+    /// Only the owner's own command line is served until a backup was restored.
     bool agentsHeldBack = false;
+    /// Told how far a restore is, and that a backup is in place.
+    vault::Progress restoring;
+    std::function<void()> restored;
     agent::ApplicationState state;
   };
   explicit OpenVault(Ports ports);
@@ -63,6 +66,8 @@ class OpenVault {
   /// Calls the work while no request but the present one is served.
   void alone(const std::function<void()>& work);
   void startProxy();
+  /// What an interrupted move of the values left to do.
+  void finishMove();
 
   Stores& stores_;
 

@@ -23,6 +23,10 @@ constexpr std::string_view kKeyringUnlocked =
     "The values lie in the desktop's keyring. While it is unlocked, any program that runs as this user could ask it "
     "for them.";
 
+constexpr std::string_view kSwitchUnfinished =
+    "A backup is being put in place and that could not be finished. Nothing is lost. Check that the support folder can "
+    "be written to, then restart sorvaned, which finishes it.";
+
 /// Stands for a store that could not be opened.
 class UnavailableStore final : public EnumerableSecretStore {
  public:
@@ -71,6 +75,13 @@ bool liesAt(const std::filesystem::path& path) {
   return std::filesystem::symlink_status(path, error).type() != std::filesystem::file_type::not_found;
 }
 
+std::vector<std::string> namesOfVault() {
+  std::vector<std::string> names = platform::EmbeddedStoreFiles::names();
+  names.emplace_back(unlock::kWrapName);
+  names.emplace_back(base::kVaultName);
+  return names;
+}
+
 bool hasManifest(const std::filesystem::path& folder) {
   return liesAt(folder / base::kVaultName / kManifestName);
 }
@@ -81,11 +92,13 @@ Stores::Stores(std::filesystem::path supportFolder, base::Files& files, std::opt
     : folder_(std::move(supportFolder)),
       files_(files),
       embedded_(folder_, files),
+      switch_(folder_, namesOfVault(), files),
       record_(choose(asked)),
       gate_({files, folder_ / unlock::kWrapName, *door_, {}}, kindOf(record().kind),
             hasManifest(folder_) ? FirstRun::no : FirstRun::yes) {}
 
 vault::StoreRecord Stores::choose(std::optional<StoreKind> asked) {
+  switch_.settle();
   const vault::StoreTraces traces{hasManifest(folder_), liesAt(embedded_.database())};
   const vault::StoreChoice choice = vault::chooseStore(asked, vault::readStoreRecord(files_, folder_), traces);
   if (choice.write == vault::StoreChoice::Write::now) vault::writeStoreRecord(files_, folder_, choice.record);
@@ -179,6 +192,20 @@ Stores::Store Stores::openLeft(StoreKind kind) {
 /// Nothing is in the store any more, so nothing needs its key.
 void Stores::emptied(StoreKind kind) {
   if (kind == StoreKind::embedded) files_.remove(folder_ / unlock::kWrapName);
+}
+
+std::filesystem::path Stores::switchTo(const std::filesystem::path& stage, base::Date now) {
+  std::filesystem::path aside;
+  gate_.replace([&] {
+    try {
+      aside = switch_.carryOut(stage, now);
+    } catch (const std::exception& error) {
+      if (!switch_.wasDecided()) throw;
+      base::diagnose("app", error.what());
+      throw unlock::StoreLost(std::string(kSwitchUnfinished));
+    }
+  });
+  return aside;
 }
 
 void Stores::removeItems() {

@@ -9,6 +9,7 @@
 #include "base/mutex.h"
 #include "platform/linux/embedded_store_files.h"
 #include "unlock/store_gate.h"
+#include "unlock/vault_switch.h"
 #include "vault/movable_store.h"
 #include "vault/store_move.h"
 #include "vault/store_record.h"
@@ -44,6 +45,12 @@ class Stores {
   /// The vault was opened with the store: a choice that waited for that is recorded.
   void opened();
 
+  unlock::VaultSwitch& vaultSwitch() { return switch_; }
+  /// Puts the vault in `stage`, with its embedded store, in the place of the one that is here, and returns the folder
+  /// with that. Nothing of either is open. What it throws left everything as it was; after StoreLost the next start
+  /// does the rest.
+  std::filesystem::path switchTo(const std::filesystem::path& stage, base::Date now);
+
   /// Removes every item of the store in use, and then what sealed them.
   void removeItems();
 
@@ -67,6 +74,7 @@ class Stores {
   const std::filesystem::path folder_;
   base::Files& files_;
   platform::EmbeddedStoreFiles embedded_;
+  unlock::VaultSwitch switch_;
   // Guarded. A leaf: files are written without it, by one move at a time.
   mutable base::Mutex mutex_;
   bool recordWhenOpened_ GUARDED_BY(mutex_) = false;

@@ -236,11 +236,34 @@ void VaultLock::followed(bool isUnlocked) {
   if (isUnlocked) {
     isNew_ = false;
     if (manager_->openedBySystemCheck()) ports_.trusted.begin();
+    endReset();
     ports_.open(manager_->settings().resetCause().has_value());
     return;
   }
   ports_.trusted.end();
   ports_.close();
+}
+
+void VaultLock::noteRestored() {
+  main_.post([this] {
+    isRestored_ = true;
+    endReset();
+    announce();
+  });
+}
+
+/// It waits for the next unlock where the vault was locked meanwhile.
+void VaultLock::endReset() {
+  if (!manager_ || !isRestored_) return;
+  const auto error = manager_->restored();
+  if (error && error->kind() == Case::vaultLocked) return;
+  isRestored_ = false;
+  if (error) base::diagnose("unlock", error->sentence() + " " + error->cause());
+}
+
+void VaultLock::noteRestoring(std::int64_t done, std::int64_t total) {
+  valuesRestored_ = done;
+  valuesToRestore_ = total;
 }
 
 void VaultLock::announce() {
@@ -333,6 +356,7 @@ LockReport VaultLock::reportNow() {
   if (report.followsSession && !report.sessionIsReported) report.notices.emplace_back(kNoLoginManager);
   if (settings.unsaved()) report.notices.emplace_back(UnlockError::storage({}).sentence());
   if (settings.resetCause()) report.notices.emplace_back(resetInWords(report));
+  if (const std::int64_t total = valuesToRestore_; total > 0) report.restoring = {valuesRestored_, total};
   report.version = SORVANE_VERSION;
   report.supportFolder = ports_.supportFolder.string();
   return report;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -58,6 +59,21 @@ class VaultLock final : public agent::OwnerLock {
   /// Whether what is to be confirmed was typed on the application's own terminal; for `ownTerminal` within `ask`.
   bool isAskedOnTerminal() const { return isOnTerminal_; }
 
+  /// A backup was restored into the open vault: what the settings say of an earlier reset is over. Any thread; waits
+  /// for nobody, since a lock waits for the request that restored.
+  void noteRestored();
+  /// How far a restore is; without a total it has ended. Any thread.
+  void noteRestoring(std::int64_t done, std::int64_t total);
+
+  // What replaces a vault that nothing opens (vault_lock_replace.cpp).
+  /// Why the vault is not to be replaced whole; nullopt: nothing opens it.
+  std::optional<agent::LockOutcome> whyNotReplaced();
+  /// Asks the owner, as a reset does.
+  agent::LockOutcome confirmReplacement(const std::string& reason, const agent::LockCaller& caller);
+  /// Calls `replace` while the store is closed, reads the settings of the new one, and opens the vault where its
+  /// owner's session is there. What `replace` throws passes through.
+  agent::LockOutcome replaceStore(const std::function<void()>& replace);
+
   agent::LockReport report() override;
   agent::LockOutcome unlockWithSystem(Method method, const agent::LockCaller& caller) override;
   agent::LockOutcome unlockWithPassphrase(base::SecretText passphrase, const agent::LockCaller& caller) override;
@@ -83,6 +99,7 @@ class VaultLock final : public agent::OwnerLock {
   agent::LockOutcome outcome(const std::optional<unlock::UnlockError>& error) const;
   agent::LockReport reportNow();
   void followed(bool isUnlocked);
+  void endReset();
   /// Tells `onChange` when there is something to tell.
   void announce();
 
@@ -98,10 +115,12 @@ class VaultLock final : public agent::OwnerLock {
   const Ports ports_;
   const std::unique_ptr<Watched> signals_;
   const std::unique_ptr<Presence> presence_;
+  std::atomic<std::int64_t> valuesRestored_ = 0, valuesToRestore_ = 0;
   // Of the manager's thread.
   bool isOnTerminal_ = false;
   std::uint64_t begun_ = 0;  ///< the number of the last request
   bool isNew_ = false;
+  bool isRestored_ = false;  ///< and the settings do not say so yet
   std::optional<Screen> screen_;
   // The manager is made and destroyed on `main_`, and both queues end before what it borrows.
   std::unique_ptr<unlock::LockManager> manager_;

@@ -39,23 +39,45 @@ base::SecretText page(const base::SecretText& key, const std::string& file) {
   return text;
 }
 
-void offerPage(const base::SecretText& key, const std::string& file) {
-  const auto name = typedLine("A page to print goes to a file of your choice. File name, or Enter for none: ");
-  const std::string path(base::trimmed(name.value_or("")));
-  if (path.empty()) return;
+/// The name of the file; empty for none. An answer to another question is none.
+std::string pageName() {
+  for (;;) {
+    const auto typed = typedLine("A page to print goes to a file of your choice. File name, or Enter for none: ");
+    const std::string name(base::trimmed(typed.value_or("")));
+    const std::string word = bare(name);
+    if (word != "Y" && word != "YES" && word != "N" && word != "NO") return name;
+    note("That would be the name of a file. Type a name such as recovery-key.txt, or press Enter for none.");
+  }
+}
+
+/// Where the page went; empty for none.
+std::filesystem::path offerPage(const base::SecretText& key, const std::string& file) {
+  const std::string path = pageName();
+  if (path.empty()) return {};
   try {
     base::SystemFiles files;
     const std::filesystem::path whole = std::filesystem::absolute(path);
     if (std::filesystem::exists(std::filesystem::symlink_status(whole))) {
-      return note("There is already a file of that name, so no page was written. Copy the key by hand.");
+      note("There is already a file of that name, so no page was written. Copy the key by hand.");
+      return {};
     }
     files.writeAtomically(whole, page(key, file).bytes());
     note("Written to " + path + ", readable by you only. Print it, then delete it.");
+    return whole;
   } catch (const base::Error&) {
     note("The page could not be written. Copy the key by hand.");
   } catch (const std::filesystem::filesystem_error&) {
     note("The page could not be written. Copy the key by hand.");
   }
+  return {};
+}
+
+/// The key opens nothing: its backup was not saved.
+void removePage(const std::filesystem::path& page) {
+  if (page.empty()) return;
+  std::error_code error;
+  std::filesystem::remove(page, error);
+  note(error ? "Delete " + page.string() + ": its key opens nothing." : "The page with the key was removed again.");
 }
 
 }  // namespace
@@ -71,13 +93,14 @@ bool showRecoveryKey(const Options& options, const base::SecretText& key, const 
   line.append("\n\n");
   [[maybe_unused]] const auto written = ::write(STDERR_FILENO, line.data(), line.size());
   note("Keep this key separately from the backup. sorvane won't save a copy of it.");
-  offerPage(key, file);
+  const std::filesystem::path page = offerPage(key, file);
   for (int attempt = 0; attempt < kTries; ++attempt) {
     const auto typed = typedLine("Type the last group of the key, to show that you have it: ");
-    if (!typed) return false;
+    if (!typed) break;
     if (bare(*typed) == lastGroup(key)) return true;
     note("That is not the last group of the key. Look at it again.");
   }
+  removePage(page);
   return false;
 }
 

@@ -71,6 +71,9 @@ std::string_view reasonOf(agent::OwnerOp op) {
       return "You change what opens sorvane.";
     case agent::OwnerOp::reset:
       return "You reset what opens sorvane.";
+    case agent::OwnerOp::backupRestore:
+      return "You set the locked vault of sorvane aside and open a new one from a backup.";
+    case agent::OwnerOp::backupPreview:
     case agent::OwnerOp::status:
     case agent::OwnerOp::unlock:
     case agent::OwnerOp::lock:
@@ -114,19 +117,25 @@ agent::LockReport LockLink::report() {
 }
 
 LockOutcome LockLink::ask(const agent::OwnerRequest& request) {
-  LockOutcome outcome = exchange(request).outcome;
+  return answer(request).outcome;
+}
+
+agent::OwnerAnswer LockLink::answer(const agent::OwnerRequest& request) {
+  agent::OwnerAnswer answer = exchange(request);
+  const LockOutcome& outcome = answer.outcome;
   if (outcome.kind == LockOutcome::Kind::refused) {
     throw Failure(
         exitCodeOf(outcome.code), snakeCase(outcome.code),
         outcome.sentence.empty() ? "sorvaned refused without saying why. Nothing was changed." : outcome.sentence);
   }
-  return outcome;
+  return answer;
 }
 
 LockOutcome LockLink::askOwner(agent::OwnerRequest& request, const agent::LockReport& report) {
   const bool isAnswer = request.op == agent::OwnerOp::unlock && request.passphrase;
   const bool systemAsks = !report.systemCheckUnavailable && !isAnswer;
-  const bool terminalAsks = report.systemCheckUnavailable && !report.hasPassphrase;
+  const bool isForPassphrase = report.hasPassphrase && request.op != agent::OwnerOp::backupRestore;
+  const bool terminalAsks = report.systemCheckUnavailable && !isForPassphrase;
   std::optional<platform::PolkitTextAgent> agent;
   if (systemAsks && isTypedHere(options_)) agent.emplace(std::string(reasonOf(request.op)));
   request.answersItself = agent && agent->answersHere();

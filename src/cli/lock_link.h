@@ -29,6 +29,8 @@ class LockLink {
   /// What was done, or that a passphrase is needed. Throws Failure for a refusal, whose code is the refusal's case in
   /// snake case.
   agent::LockOutcome ask(const agent::OwnerRequest& request);
+  /// The whole answer. Throws as `ask` does.
+  agent::OwnerAnswer answer(const agent::OwnerRequest& request);
   /// The same for what the system asks its owner about. Where a person types, its question is put here; else what is
   /// waited for is said on a terminal.
   agent::LockOutcome askOwner(agent::OwnerRequest& request, const agent::LockReport& report);

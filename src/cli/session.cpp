@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <future>
 #include <nlohmann/json.hpp>
 #include <thread>
 
@@ -36,10 +37,14 @@ std::string codeOf(const agent::AgentResponse& response) {
   return response.error == "approval denied" ? "approval_denied" : "refused";
 }
 
-void drawProgress(const base::Json& job) {
-  if (::isatty(STDERR_FILENO) == 0) return;
-  std::fprintf(stderr, "\r%s: %lld of %lld", job.value("kind", "").c_str(), job.value("done", 0LL),
-               job.value("total", 0LL));
+agent::AgentRequest requestFor(std::string_view action, Session::Arguments arguments,
+                               std::optional<base::SecretText> value) {
+  agent::AgentRequest request;
+  request.op = agent::AgentOp::manageVault;
+  request.payload = std::move(arguments);
+  request.payload["action"] = action;
+  request.value = std::move(value);
+  return request;
 }
 
 }  // namespace
@@ -52,6 +57,16 @@ Failure failureOf(const agent::ClientError& error) {
 Failure failureOf(const base::SupportFolderError& error) {
   const bool missing = error.sentence().starts_with("There is no support folder");
   return {missing ? kNotRunning : kConfiguration, missing ? "not_running" : "support_folder", error.sentence()};
+}
+
+bool drawsProgress() {
+  return ::isatty(STDERR_FILENO) != 0;
+}
+
+void drawProgress(std::string_view kind, std::int64_t done, std::int64_t total) {
+  if (!drawsProgress()) return;
+  std::fprintf(stderr, "\r%.*s: %lld of %lld", static_cast<int>(kind.size()), kind.data(), static_cast<long long>(done),
+               static_cast<long long>(total));
 }
 
 Failure notUnderstood() {
@@ -71,7 +86,7 @@ std::string listArgument(const std::vector<std::string>& items) {
   return std::string(out.view());
 }
 
-agent::AgentResponse Session::send(agent::AgentRequest request, bool asks) {
+agent::AgentResponse Session::send(agent::AgentRequest request, bool asks, const std::stop_token& withdrawal) {
   try {
     if (!endpoint_) {
       const auto folder = base::supportFolder(options_.supportFolder);
@@ -84,7 +99,7 @@ agent::AgentResponse Session::send(agent::AgentRequest request, bool asks) {
     if (asks && ::isatty(STDERR_FILENO) != 0) {
       std::fputs("Waiting for the owner's answer where sorvaned runs (Ctrl-C withdraws it) …\n", stderr);
     }
-    agent::AgentResponse response = agent::exchange(endpoint_->socketPath, request);
+    agent::AgentResponse response = agent::exchange(endpoint_->socketPath, request, withdrawal);
     if (!response.ok) {
       throw Failure(exitCodeOf(response), codeOf(response),
                     response.error.value_or("sorvaned refused without saying why. Nothing was shared."));
@@ -102,12 +117,26 @@ agent::AgentResponse Session::send(agent::AgentRequest request, bool asks) {
 
 agent::AgentResponse Session::manage(std::string_view action, Arguments arguments, Asks asks,
                                      std::optional<base::SecretText> value) {
-  agent::AgentRequest request;
-  request.op = agent::AgentOp::manageVault;
-  request.payload = std::move(arguments);
-  request.payload["action"] = action;
-  request.value = std::move(value);
-  return send(std::move(request), asks == Asks::yes);
+  return send(requestFor(action, std::move(arguments), std::move(value)), asks == Asks::yes);
+}
+
+agent::AgentResponse Session::manageAttended(std::string_view action, Arguments arguments,
+                                             std::optional<base::SecretText> value,
+                                             const std::function<bool()>& attend) {
+  std::stop_source withdrawal;
+  auto answer = std::async(
+      std::launch::async,
+      [this, token = withdrawal.get_token()](agent::AgentRequest request) {
+        return send(std::move(request), true, token);
+      },
+      requestFor(action, std::move(arguments), std::move(value)));
+  bool wasAttended = false;
+  while (answer.wait_for(kPollJobs) != std::future_status::ready) {
+    if (!withdrawal.stop_requested() && !attend()) withdrawal.request_stop();
+    wasAttended = true;
+  }
+  if (wasAttended && drawsProgress()) std::fputc('\n', stderr);
+  return answer.get();
 }
 
 base::Json Session::read(std::string_view action, Arguments arguments) {
@@ -123,7 +152,7 @@ base::Json Session::follow(const agent::AgentResponse& started, const std::funct
   bool cancelled = false;
   for (;;) {
     base::Json job = read("job", {{"id", jobId}});
-    drawProgress(job);
+    drawProgress(job.value("kind", ""), job.value("done", 0LL), job.value("total", 0LL));
     const std::string state = job.value("state", "");
     if (state != "running") {
       if (::isatty(STDERR_FILENO) != 0) std::fputc('\n', stderr);

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <optional>
+#include <stop_token>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -56,13 +58,17 @@ class Session {
   explicit Session(const Options& options) : options_(options) {}
 
   /// Throws Failure when there is no answer, or when the answer is a refusal.
-  agent::AgentResponse send(agent::AgentRequest request, bool asks);
+  agent::AgentResponse send(agent::AgentRequest request, bool asks, const std::stop_token& withdrawal = {});
 
   /// Arguments of an owner's action.
   using Arguments = agent::Payload;
   enum class Asks { no, yes };
   agent::AgentResponse manage(std::string_view action, Arguments arguments, Asks asks,
                               std::optional<base::SecretText> value = {});
+  /// The same for an action that asks, with `attend` called again and again on this thread until the answer is there.
+  /// When that returns false the request is withdrawn, which throws unless the answer was quicker.
+  agent::AgentResponse manageAttended(std::string_view action, Arguments arguments,
+                                      std::optional<base::SecretText> value, const std::function<bool()>& attend);
   /// The action's JSON document.
   base::Json read(std::string_view action, Arguments arguments = {});
   /// Follows the job whose id `started` holds to its end, draws its progress, and cancels it on Ctrl-C; a second one
@@ -76,6 +82,10 @@ class Session {
   const Options& options_;
   std::optional<agent::AgentInfo> endpoint_;
 };
+
+/// Whether progress is drawn, which is on a terminal; and one line of it, which the next one replaces.
+bool drawsProgress();
+void drawProgress(std::string_view kind, std::int64_t done, std::int64_t total);
 
 /// The text that an answer must hold; throws Failure when it does not.
 const base::SecretText& valueOf(const agent::AgentResponse& response);

@@ -32,7 +32,18 @@ std::string textOf(CryptoError::Case kind) {
 
 CryptoError::CryptoError(Case kind) : Error(textOf(kind)), kind_(kind) {}
 
+CryptoError CryptoError::badKey(std::optional<int> group) {
+  std::string sentence(textOf(Case::badRecoveryKey));
+  if (group) sentence += "; its group " + std::to_string(*group) + " has a wrong length";
+  return {Case::badRecoveryKey, sentence};
+}
+
 namespace sentence {
+
+std::string_view neededToOpen(bool passphrase, bool recoveryKey) {
+  if (passphrase && recoveryKey) return kNeedsEither;
+  return passphrase ? kNeedsPassphrase : kNeedsRecoveryKey;
+}
 
 std::string valueUnreadable(std::string_view secretName) {
   return "Backup stopped: ‘" + base::escapedForDisplay(secretName) +

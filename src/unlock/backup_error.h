@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -22,9 +23,12 @@ class CryptoError : public base::Error {
     untrustedBackup
   };
   explicit CryptoError(Case kind);
+  /// badRecoveryKey; `group` is the number of the one that looks wrong, where that can be told.
+  static CryptoError badKey(std::optional<int> group);
   Case kind() const { return kind_; }
 
  private:
+  CryptoError(Case kind, const std::string& sentence) : Error(sentence), kind_(kind) {}
   Case kind_;
 };
 
@@ -78,10 +82,19 @@ inline constexpr std::string_view kFileChanged =
 inline constexpr std::string_view kNotTheFileShown =
     "The backup file is not the one that was shown. Nothing was restored. Look at it again.";
 inline constexpr std::string_view kStillRunning =
-    "Requests are still running, so nothing was restored and your current vault is unchanged. Try again when they have "
-    "ended.";
+    "Requests are still running, so nothing was restored and your current vault is unchanged. Task sessions, commands "
+    "and questions to you were ended already. Try again when the requests have ended.";
+inline constexpr std::string_view kNotServed =
+    "sorvane is just closing or opening its agent socket, so nothing was restored and your current vault is unchanged. "
+    "Try again.";
+inline constexpr std::string_view kVaultChanged =
+    "The vault changed while you were asked, so that other secrets or environments would be lost than you were shown. "
+    "Nothing was restored. Look at the preview again.";
 inline constexpr std::string_view kFileMissing =
     "There is no backup file of that name. Your vault is unchanged. Look at the name and the folder.";
+
+/// The prompt for what opens an encrypted backup.
+std::string_view neededToOpen(bool passphrase, bool recoveryKey);
 
 /// Of a new file that could be neither trusted nor taken away; `old` is where the one before it is now, or empty.
 std::string notTakenBack(std::string_view file, std::string_view old);

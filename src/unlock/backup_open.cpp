@@ -13,9 +13,8 @@ namespace {
 using Case = CryptoError::Case;
 
 [[noreturn]] void askForSecret(const BackupEnvelope& envelope) {
-  if (envelope.passphraseWrap && envelope.recoveryWrap) throw BackupError(sentence::kNeedsEither);
-  if (envelope.passphraseWrap) throw BackupError(sentence::kNeedsPassphrase);
-  if (envelope.recoveryWrap) throw BackupError(sentence::kNeedsRecoveryKey);
+  const bool passphrase = envelope.passphraseWrap.has_value(), recoveryKey = envelope.recoveryWrap.has_value();
+  if (passphrase || recoveryKey) throw BackupError(sentence::neededToOpen(passphrase, recoveryKey));
   throw CryptoError(Case::malformedBackup);  // nothing at all opens it
 }
 

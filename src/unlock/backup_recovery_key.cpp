@@ -112,7 +112,7 @@ std::optional<int> suspectRecoveryGroup(std::string_view typed) {
 
 crypto::SymmetricKey recoveryWrappingKey(std::string_view typed) {
   const auto bytes = recoveryKeyBytes(typed);
-  if (!bytes) throw CryptoError(CryptoError::Case::badRecoveryKey);
+  if (!bytes) throw CryptoError::badKey(suspectRecoveryGroup(typed));
   base::SecretText key;
   key.resize(crypto::SymmetricKey::kBytes);
   crypto::hkdfSha256(bytes->bytes(), base::bytesOf(kSalt), {},

@@ -91,12 +91,12 @@ BackupChanges BackupWork::compare(const BackupPayload& payload, const Progress& 
 }
 
 std::vector<std::string> BackupWork::restore(const BackupPayload& payload, ProviderKeys keys,
-                                             const vault::AccessContext& context) {
+                                             const vault::AccessContext& context, const Progress& progress) {
   const BackupOperations::Turn turn = operations_.begin();
   std::vector<std::string> notes;
   ports_.alone([&] {
     const bool protects = keys == ProviderKeys::protect;
-    ports_.vault.restore(payload, {}, protects ? vault::providerKeys(payload) : vault::ProviderKeys());
+    ports_.vault.restore(payload, progress, protects ? vault::providerKeys(payload) : vault::ProviderKeys());
     try {
       if (protects) notes = protectKeys(payload);
       ports_.vault.log(context);

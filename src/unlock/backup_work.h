@@ -47,7 +47,7 @@ class BackupWork {
     /// Holds the vault, its values and all else of sorvane's; no backup is written into it.
     std::filesystem::path supportFolder;
   };
-  explicit BackupWork(Ports ports) : ports_(std::move(ports)) {}
+  explicit BackupWork(Ports ports) : ports_(std::move(ports)), recoveryKeys_(ports_.clock) {}
 
   struct Order {
     std::filesystem::path file;  ///< absolute
@@ -56,6 +56,8 @@ class BackupWork {
     /// What the recovery key is handed over under.
     std::string ticket;
   };
+  /// Throws while another piece of work is under way; one that begins checks it again.
+  void requireIdle() { operations_.begin(); }
   /// Throws what can be known to be wrong with an order before anybody is asked about it.
   void check(const Order& order);
   /// Saves a backup of the whole vault. A recovery key is handed over, and written down as the person says, before the
@@ -74,8 +76,8 @@ class BackupWork {
   enum class ProviderKeys { leave, protect };
   /// Puts the backup in the vault's place, and protects the provider keys in it where that is wanted. Returns sentences
   /// about what could not be done behind the restore itself.
-  std::vector<std::string> restore(const BackupPayload& payload, ProviderKeys keys,
-                                   const vault::AccessContext& context);
+  std::vector<std::string> restore(const BackupPayload& payload, ProviderKeys keys, const vault::AccessContext& context,
+                                   const Progress& progress = {});
   void stepBack(const vault::AccessContext& context);
 
  private:

@@ -143,6 +143,16 @@ class LockManager {
   /// it. A failure to save leaves it over until the end of the process; vaultLocked: it is not over.
   std::optional<UnlockError> restored();
 
+  // Another store in the place of one that nothing opens.
+  /// nullopt when the store is sealed or out of reach; else what leads to its vault: vaultLocked, or why a reset does.
+  /// cancelled: it is open.
+  std::optional<UnlockError> obstacleToReplacing();
+  /// Confirmed by the system, or on the own terminal, as a reset is.
+  void confirmReplacement(const std::string& reason, ChangeReply reply);
+  /// Calls `replace` while the gate is closed; the settings are read anew and the vault is opened. The owner confirmed
+  /// it. cancelled when the session keeps it locked. What `replace` throws passes through.
+  std::optional<UnlockError> replaceStore(const std::function<void()>& replace);
+
  private:
   using Passphrase = std::shared_ptr<const base::SecretText>;
   /// nullopt: go on.
@@ -167,6 +177,8 @@ class LockManager {
   /// Ends with `cancelled` once the generation is no longer that of now.
   Then whileFresh(Then then) const;
 
+  /// The system where it can tell who is there, else the own terminal.
+  void askOwner(const std::string& reason, Then then);
   void ask(OwnerPresence& presence, OwnerPresence::Check check, const std::string& reason, Then then);
   void answered(std::uint64_t question, OwnerPresence::Check check, const OwnerPresence::Answer& answer);
   void dropQuestion();

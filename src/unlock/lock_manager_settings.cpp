@@ -42,15 +42,17 @@ std::optional<UnlockError> LockManager::refusal(const NewPassphrase& passphrase)
 
 void LockManager::authorize(const std::string& reason, Passphrase current, Then then) {
   then = whileFresh(std::move(then));
-  if (!dependencies_.presence.unavailable()) {
-    return ask(dependencies_.presence, OwnerPresence::Check::presence, reason, std::move(then));
-  }
-  if (settings_.isReadable() && settings_.configuration().passphrase) {
+  if (dependencies_.presence.unavailable() && settings_.isReadable() && settings_.configuration().passphrase) {
     return current ? checkPassphrase(std::move(current), std::move(then)) : then(UnlockError(Case::wrongPassphrase));
   }
-  OwnerPresence* const terminal = dependencies_.ownTerminal;
-  if (terminal == nullptr || terminal->unavailable()) return then(noSystemCheck());
-  ask(*terminal, OwnerPresence::Check::presence, reason, std::move(then));
+  askOwner(reason, std::move(then));
+}
+
+void LockManager::askOwner(const std::string& reason, Then then) {
+  OwnerPresence* asked = &dependencies_.presence;
+  if (asked->unavailable()) asked = dependencies_.ownTerminal;
+  if (asked == nullptr || asked->unavailable()) return then(noSystemCheck());
+  ask(*asked, OwnerPresence::Check::presence, reason, std::move(then));
 }
 
 void LockManager::authorizeWith(const std::string& reason, Passphrase current, Then then) {
@@ -229,6 +231,34 @@ std::optional<UnlockError> LockManager::restored() {
   UnlockConfiguration configuration = settings_.configuration();
   configuration.resetCause.reset();
   return settings_.change(configuration);
+}
+
+std::optional<UnlockError> LockManager::obstacleToReplacing() {
+  if (state_.isUnlocked() || changingStore_) return UnlockError(Case::cancelled);
+  auto error = unreadable();
+  if (error && settings_.resetCause()) return error;
+  if (!error && !dependencies_.gate.isSealed()) return UnlockError(Case::vaultLocked);
+  return std::nullopt;
+}
+
+void LockManager::confirmReplacement(const std::string& reason, ChangeReply reply) {
+  if (auto error = obstacleToReplacing()) return reply(std::move(error));
+  askOwner(reason, whileFresh(std::move(reply)));
+}
+
+std::optional<UnlockError> LockManager::replaceStore(const std::function<void()>& replace) {
+  if (auto error = obstacleToReplacing()) return error;
+  dropQuestion();
+  apply(LockEvent::lock);
+  try {
+    replace();
+  } catch (...) {
+    loadSettings();
+    throw;
+  }
+  loadSettings();
+  apply(LockEvent::resetGranted);
+  return state_.isUnlocked() ? std::nullopt : std::optional(UnlockError::staysLocked(kSessionUnavailable));
 }
 
 std::optional<UnlockError> LockManager::resetSettings() {

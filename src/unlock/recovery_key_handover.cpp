@@ -20,22 +20,25 @@ void RecoveryKeyHandover::offer(const std::string& ticket, base::SecretText key,
     ticket_ = ticket;
     key_ = std::move(key);
     isConfirmed_ = false;
+    heard_ = clock_.instant();
   }
-  const auto until = std::chrono::steady_clock::now() + kWaits;
+  const base::Instant until = clock_.instant() + kWaits;
   for (;;) {
     {
       base::Lock lock(mutex_);
       if (!isConfirmed_) changed_.wait_for(lock.mutex(), lookEvery);
       if (isConfirmed_) return;
+      const base::Instant now = clock_.instant();
+      if (now >= until || now - heard_ >= kSilence) throw BackupError(sentence::kExportCancelled);
     }
     if (look) look();
-    if (std::chrono::steady_clock::now() >= until) throw BackupError(sentence::kExportCancelled);
   }
 }
 
 std::optional<base::SecretText> RecoveryKeyHandover::take(std::string_view ticket) {
   const base::Lock lock(mutex_);
   if (ticket_.empty() || ticket_ != ticket) return std::nullopt;
+  heard_ = clock_.instant();
   return std::exchange(key_, std::nullopt);
 }
 

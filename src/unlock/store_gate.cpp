@@ -324,6 +324,21 @@ void StoreGate::endMove() {
   isMoving_ = false;
 }
 
+void StoreGate::replace(const std::function<void()>& replace) {
+  const base::Lock lock(mutex_);
+  ++closings_;
+  shutDoor();
+  isSettled_ = false;
+  try {
+    replace();
+  } catch (const StoreLost& error) {
+    lost_ = error.sentence();
+    throw;
+  }
+  firstRun_ = false;
+  madeHere_ = false;
+}
+
 // The configuration.
 
 UnlockConfiguration StoreGate::load() {

@@ -79,6 +79,10 @@ class StoreGate final : public PassphraseGate, public UnlockConfigurationStore {
   void moved(Kind kind, Store store);
   void endMove();
 
+  /// Closes the gate and calls `replace`, behind which another store lies in the place of this one, with settings of
+  /// its own. What that throws passes through, and the store is the one before; after StoreLost there is none.
+  void replace(const std::function<void()>& replace);
+
  private:
   Verdict attemptUnsealed(const base::SecretText& passphrase, const UnlockConfiguration& configuration);
   Verdict attemptSealed(const base::SecretText& passphrase, const StoreWrap& wrap, std::uint64_t closings);
@@ -112,6 +116,7 @@ class StoreGate final : public PassphraseGate, public UnlockConfigurationStore {
   bool madeHere_ GUARDED_BY(mutex_) = false;   ///< the stored ones are the fresh ones of this run
   bool isSettled_ GUARDED_BY(mutex_) = false;  ///< what an end at any point may have left behind was cleared
   bool isMoving_ GUARDED_BY(mutex_) = false;
+  std::optional<std::string> lost_ GUARDED_BY(mutex_);  ///< why there is no store any more, as a sentence
   std::uint64_t closings_ GUARDED_BY(mutex_) = 0;
   Store opened_ GUARDED_BY(mutex_);                             ///< the store behind the door
   std::optional<crypto::SymmetricKey> key_ GUARDED_BY(mutex_);  ///< of a sealed store that is open

@@ -25,6 +25,7 @@ std::optional<base::Files::Contents> readWrapFile(base::Files& files, const std:
 }  // namespace
 
 std::optional<StoreWrap> StoreGate::readWrap() const {
+  if (lost_) throw StoreLost(*lost_);
   if (kind_.sealable == nullptr) return std::nullopt;
   const auto contents = readWrapFile(ports_.files, ports_.wrap);
   if (!contents) return std::nullopt;

@@ -106,5 +106,6 @@ inline constexpr std::string_view kRequirementReason = "Change what opens sorvan
 inline constexpr std::string_view kFollowReason = "Open sorvane whenever your Mac is unlocked";
 inline constexpr std::string_view kStopFollowingReason = "Stop opening sorvane with your Mac session";
 inline constexpr std::string_view kResetReason = "Reset sorvane’s unlock settings";
+inline constexpr std::string_view kReplaceReason = "Set sorvane’s locked vault aside and open a new one from a backup";
 
 }  // namespace sorvane::unlock

@@ -80,7 +80,9 @@ class OwnerServer : public ::testing::Test {
   TemporaryFolder folder_;
   base::SystemFiles files_;
   OwnerLockDouble lock_;
-  std::optional<agent::OwnerServer> server_{std::in_place, folder_.path(), agent::OwnerServer::Ports{files_, lock_},
+  OwnerRestoreDouble restore_;
+  std::optional<agent::OwnerServer> server_{std::in_place, folder_.path(),
+                                            agent::OwnerServer::Ports{files_, lock_, restore_},
                                             std::chrono::milliseconds::zero()};
 };
 
@@ -137,6 +139,34 @@ TEST_F(OwnerServer, handsEachRequestToTheLockAndRefusesWhatIsNoRequest) {
             "requestTooLarge");
 }
 
+TEST_F(OwnerServer, handsBackupsToTheRestoreAndTellsCountsAlone) {
+  ASSERT_TRUE(server_->start());
+  const OwnerAnswer unopened = ask(R"({"op":"backupPreview","file":"/b"})");
+  EXPECT_EQ(unopened.outcome.sentence, "This backup needs its recovery key.");
+  ASSERT_TRUE(unopened.backup);
+  EXPECT_FALSE(unopened.backup->opened);
+  EXPECT_TRUE(unopened.backup->isEncrypted && unopened.backup->hasRecoveryKey && !unopened.backup->hasPassphrase);
+  const OwnerAnswer opened = ask(R"({"op":"backupPreview","file":"/b","recoveryKey":"K"})");
+  ASSERT_TRUE(opened.backup && opened.backup->opened);
+  const agent::BackupCounts::Opened& counts = *opened.backup->opened;
+  EXPECT_EQ((std::vector{counts.secrets, counts.environments, counts.versions, counts.values, counts.events,
+                         counts.providerKeys}),
+            (std::vector<std::int64_t>{1, 2, 3, 4, 5, 6}));
+  EXPECT_EQ(opened.backup->sha256, "ab12");
+  EXPECT_EQ(
+      ask(R"({"op":"backupRestore","file":"/b","sha256":"ab12","passphrase":"p","protectKeys":true})").outcome.sentence,
+      "Set aside.");
+  EXPECT_EQ(restore_.calls,
+            (std::vector<std::string>{"preview /b", "preview /b key K", "restore /b passphrase p ab12 protecting"}));
+  for (const char* const bad :
+       {R"({"op":"backupRestore","file":"/b"})", R"({"op":"backupRestore","sha256":"ab12"})",
+        R"({"op":"backupPreview"})", R"({"op":"backupPreview","file":"b"})",
+        R"({"op":"backupPreview","file":"/b","sha256":"ab12"})", R"({"op":"unlock","recoveryKey":"K"})"}) {
+    EXPECT_EQ(ask(bad).outcome.code, "badRequest") << bad;
+  }
+  EXPECT_EQ(restore_.calls.size(), 3U);
+}
+
 TEST_F(OwnerServer, reportsTheLockAsItIs) {
   agent::LockReport& report = lock_.lockReport;
   report = {false,
@@ -153,6 +183,7 @@ TEST_F(OwnerServer, reportsTheLockAsItIs) {
             "embedded",
             true,
             "There is no agent.",
+            agent::LockReport::Progress{3, 9},
             {"One.", "Two."},
             "1.2.3",
             "/some/folder"};
@@ -193,7 +224,7 @@ TEST_F(OwnerServer, replacesTheSocketOfADeadProcessAndNothingElse) {
   ASSERT_TRUE(server_->start());
   {
     OwnerLockDouble lock;
-    agent::OwnerServer second(folder_.path(), {files_, lock});
+    agent::OwnerServer second(folder_.path(), {files_, lock, restore_});
     EXPECT_FALSE(second.start()) << "the first one lives";
   }
   EXPECT_EQ(ask(R"({"op":"lock"})").outcome.kind, Kind::done) << "and was left alone";
@@ -252,7 +283,7 @@ TEST_F(OwnerServer, aLockFindsAPlaceBesideAnyNumberOfRequestsThatWait) {
 }
 
 TEST_F(OwnerServer, aSocketThatIsRemovedOrReplacedIsBoundAnew) {
-  server_.emplace(folder_.path(), agent::OwnerServer::Ports{files_, lock_}, std::chrono::milliseconds(20));
+  server_.emplace(folder_.path(), agent::OwnerServer::Ports{files_, lock_, restore_}, std::chrono::milliseconds(20));
   lock_.reply = [](const agent::LockCaller& caller) { return isWatched(caller) ? untilGone(caller) : LockOutcome{}; };
   ASSERT_TRUE(server_->start());
   const base::Descriptor before = connected();

@@ -12,6 +12,7 @@ namespace sorvane::test {
 namespace {
 
 using agent::AgentOp;
+using Alone = agent::AgentServer::Alone;
 using ::testing::ElementsAre;
 
 using Server = ServerFixture;
@@ -136,7 +137,7 @@ TEST_F(Server, workIsDoneAloneWhileOthersAreRefusedAndTheEndpointIsOpenedAnew) {
   std::optional<std::string> refusal;
   actions_.action = [&](agent::ActionCall&) {
     agent::AgentResponse response;
-    response.ok = server_->alone(std::chrono::minutes(1), [&] {
+    response.ok = Alone::done == server_->alone(std::chrono::minutes(1), [&] {
       EXPECT_FALSE(server_->isRunning());
       refusal = ask(request(AgentOp::listEnvironments)).error;
     });
@@ -163,7 +164,7 @@ TEST_F(Server, workIsNotDoneAloneWhileARequestGoesOnAndAStopMeanwhileCounts) {
   bool wasDone = false;
   actions_.action = [&](agent::ActionCall&) {
     agent::AgentResponse response;
-    response.ok = !server_->alone(std::chrono::milliseconds(20), [&] { wasDone = true; });
+    response.ok = Alone::stillBusy == server_->alone(std::chrono::milliseconds(20), [&] { wasDone = true; });
     return response;
   };
   EXPECT_TRUE(ask(request(AgentOp::manageVault)).ok);
@@ -173,11 +174,13 @@ TEST_F(Server, workIsNotDoneAloneWhileARequestGoesOnAndAStopMeanwhileCounts) {
   EXPECT_TRUE(server_->isRunning());
   actions_.action = [&](agent::ActionCall&) {
     agent::AgentResponse response;
-    response.ok = server_->alone(std::chrono::minutes(1), [&] { server_->stop(); });
+    response.ok = Alone::done == server_->alone(std::chrono::minutes(1), [&] { server_->stop(); });
     return response;
   };
   EXPECT_TRUE(ask(request(AgentOp::manageVault)).ok);
   EXPECT_FALSE(server_->isRunning());
+  EXPECT_EQ(server_->alone(std::chrono::minutes(1), [&] { wasDone = true; }), Alone::notRunning);
+  EXPECT_FALSE(wasDone);
 }
 
 TEST_F(Server, aThousandSilentConnectionsDoNotKeepOthersOut) {

@@ -135,9 +135,11 @@ class Lock : public ::testing::Test {
   TemporaryFolder folder_;
   base::SystemFiles files_;
   OwnerLockDouble lock_;
+  OwnerRestoreDouble restore_;
   std::deque<LockOutcome> outcomes_;
   base::LockFile lockFile_{folder_.path() / base::kLockName};
-  std::optional<agent::OwnerServer> server_{std::in_place, folder_.path(), agent::OwnerServer::Ports{files_, lock_}};
+  std::optional<agent::OwnerServer> server_{std::in_place, folder_.path(),
+                                            agent::OwnerServer::Ports{files_, lock_, restore_}};
 
  private:
   static std::vector<char*> pointers(std::vector<std::string>& texts) {

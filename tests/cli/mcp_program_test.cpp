@@ -162,7 +162,8 @@ TEST_F(McpProgram, findsSorvanedAgainForEachCall) {
   std::filesystem::remove(folder_.path() / "agent.json");
   base::SystemFiles files;
   OwnerLockDouble lock;
-  agent::OwnerServer owner(folder_.path(), {files, lock});
+  OwnerRestoreDouble restore;
+  agent::OwnerServer owner(folder_.path(), {files, lock, restore});
   ASSERT_TRUE(owner.start());
   call(5, "list_environments");
   const json locked = heard()["result"];

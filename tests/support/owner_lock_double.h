@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "agent/owner_lock.h"
+#include "agent/owner_restore.h"
 #include "base/mutex.h"
 
 namespace sorvane::test {
@@ -73,6 +74,34 @@ class OwnerLockDouble final : public agent::OwnerLock {
   base::Condition more_;
   std::vector<std::string> calls_ GUARDED_BY(mutex_);
   std::vector<Caller> callers_ GUARDED_BY(mutex_);
+};
+
+/// A restore that tells what it was asked.
+class OwnerRestoreDouble final : public agent::OwnerRestore {
+ public:
+  std::vector<std::string> calls;
+
+  Preview preview(agent::BackupToOpen backup) override {
+    calls.push_back("preview " + given(backup));
+    agent::BackupCounts counts;
+    counts.sha256 = "ab12";
+    counts.bytes = 7;
+    counts.isEncrypted = counts.hasRecoveryKey = true;
+    if (backup.recoveryKey) counts.opened = {"2026-01-01T00:00:00Z", 1, 2, 3, 4, 5, 6};
+    return {{agent::LockOutcome::Kind::done, {}, "This backup needs its recovery key."}, counts};
+  }
+  agent::LockOutcome restore(Order order, const agent::LockCaller&) override {
+    calls.push_back("restore " + given(order.backup) + " " + order.sha256 + (order.protectKeys ? " protecting" : ""));
+    return {agent::LockOutcome::Kind::done, {}, "Set aside."};
+  }
+
+ private:
+  static std::string given(const agent::BackupToOpen& backup) {
+    std::string text = backup.file;
+    if (backup.passphrase) text += " passphrase " + std::string(backup.passphrase->view());
+    if (backup.recoveryKey) text += " key " + std::string(backup.recoveryKey->view());
+    return text;
+  }
 };
 
 }  // namespace sorvane::test

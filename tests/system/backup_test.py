@@ -74,7 +74,7 @@ class AtATerminal(Backup):
         client.type("wrong\n")
         client.wait_for(r"that you have it: $")
         client.type(key[-2:].lower() + "\n")
-        client.wait_for("Saved 1 secrets")
+        client.wait_for("Saved 1 secret to")
         self.assertEqual(stat.S_IMODE(self.file.stat().st_mode), 0o600)
         self.assertNotIn(VALUE, self.file.read_text())
         self.close()

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <array>
 #include <cerrno>
 #include <system_error>
 
@@ -19,6 +20,7 @@ namespace fs = std::filesystem;
 constexpr std::string_view kDatabaseName = "values.db";
 constexpr std::string_view kCopyName = "values.db.new";
 constexpr std::string_view kStoreKeyName = "store.key";
+constexpr std::array kBesideDatabase{"-wal", "-shm", "-journal", ""};
 constexpr std::string_view kKeyIsGone =
     "The store key is missing, so the stored values cannot be opened. Put the file store.key or store.wrap back from a "
     "copy, or restore a backup.";
@@ -55,6 +57,16 @@ EmbeddedStoreFiles::EmbeddedStoreFiles(const fs::path& folder, base::Files& file
       copy_(folder / kCopyName),
       files_(files),
       key_(folder / kStoreKeyName, files) {}
+
+std::vector<std::string> EmbeddedStoreFiles::names() {
+  // A log goes before its database: it must never be found beside another one.
+  std::vector<std::string> names;
+  for (const std::string_view database : {kCopyName, kDatabaseName}) {
+    for (const std::string_view suffix : kBesideDatabase) names.push_back(std::string(database) + std::string(suffix));
+  }
+  names.emplace_back(kStoreKeyName);
+  return names;
+}
 
 EmbeddedStoreFiles::Store EmbeddedStoreFiles::openPlain() {
   if (!key_.exists() && liesAt(database_) && !open(crypto::SymmetricKey::random())->accounts().empty()) {
@@ -98,7 +110,7 @@ void EmbeddedStoreFiles::putCopyInPlace() {
 }
 
 void EmbeddedStoreFiles::removeCopy() {
-  for (const char* suffix : {"-wal", "-shm", "-journal", ""}) files_.remove(beside(copy_, suffix));
+  for (const char* suffix : kBesideDatabase) files_.remove(beside(copy_, suffix));
 }
 
 }  // namespace sorvane::platform

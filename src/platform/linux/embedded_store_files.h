@@ -1,6 +1,8 @@
 #pragma once
 
 #include <filesystem>
+#include <string>
+#include <vector>
 
 #include "base/files.h"
 #include "platform/linux/embedded_secret_store.h"
@@ -14,6 +16,8 @@ namespace sorvane::platform {
 class EmbeddedStoreFiles final : public unlock::SealableStore {
  public:
   EmbeddedStoreFiles(const std::filesystem::path& folder, base::Files& files);
+  /// What the files may be named.
+  static std::vector<std::string> names();
 
   Store openPlain() override;
   Store open(const crypto::SymmetricKey& key) override;
