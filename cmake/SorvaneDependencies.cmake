@@ -22,6 +22,7 @@ pkg_check_modules(sqlite3 REQUIRED IMPORTED_TARGET sqlite3)
 pkg_check_modules(libssl REQUIRED IMPORTED_TARGET libssl)
 pkg_check_modules(libcurl REQUIRED IMPORTED_TARGET libcurl)
 pkg_check_modules(simdjson REQUIRED IMPORTED_TARGET simdjson)
+pkg_check_modules(qrencode REQUIRED IMPORTED_TARGET libqrencode)
 # The helper program is static, so its one library is linked that way wherever it is used.
 find_library(UTF8PROC_ARCHIVE NAMES libutf8proc.a REQUIRED)
 if(NOT APPLE)

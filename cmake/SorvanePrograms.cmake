@@ -4,7 +4,8 @@ file(GLOB app_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/app/*.cp
 if(app_sources)
   add_executable(sorvaned ${app_sources})
   target_compile_options(sorvaned PRIVATE ${SORVANE_UNOPTIMISED})
-  target_link_libraries(sorvaned PRIVATE sorvane_settings platform phone agent proxy clients unlock vault crypto base CLI11::CLI11)
+  target_link_libraries(sorvaned PRIVATE sorvane_settings platform phone agent proxy clients unlock vault crypto base CLI11::CLI11
+                        PkgConfig::qrencode)
   target_compile_definitions(sorvaned PRIVATE SORVANE_VERSION="${PROJECT_VERSION}")
   if(APPLE)
     apple_bundle(sorvaned)

@@ -3,6 +3,7 @@
 #include <nlohmann/json.hpp>
 
 #include "agent/owner_action_handlers.h"
+#include "agent/owner_phones.h"
 #include "base/json.h"
 #include "vault/sealed_settings.h"
 
@@ -11,6 +12,9 @@ namespace {
 
 constexpr std::string_view kRotationGraceDays = "rotationGraceDays";
 constexpr std::int64_t kMostGraceDays = 3650;
+
+constexpr std::string_view kNoPhoneIsPaired =
+    "No phone is paired, so every request of an agent is denied until one is. Pair one: sorvane phone pair";
 
 void writeJob(base::JsonWriter& out, const Jobs::View& view) {
   out.beginObject().field("id", view.id).field("kind", view.kind).field("state", word(view.state));
@@ -103,6 +107,16 @@ ActionPlan OwnerActionHandlers::policyGet(const ActionArguments&, ActionCall&) {
   });
 }
 
+void OwnerActionHandlers::requireSystemCheck() const {
+  const auto missing = ports_.systemCheckUnavailable
+                           ? ports_.systemCheckUnavailable()
+                           : std::optional<std::string>("The system's check of its owner is not served here.");
+  if (!missing) return;
+  throw ActionError(*missing +
+                    " Until then the system can ask nobody, and every request would be denied. Nothing was changed. "
+                    "Choose terminal, phone or any.");
+}
+
 ActionPlan OwnerActionHandlers::policySet(const ActionArguments& arguments, ActionCall& call) {
   ApprovalPolicy::Settings settings = ports_.policy.current();
   const auto name = arguments.text("policy"), who = arguments.text("approver");
@@ -115,21 +129,25 @@ ActionPlan OwnerActionHandlers::policySet(const ActionArguments& arguments, Acti
   if (who) {
     const auto approver = approverOf(*who);
     if (!approver) throw ActionError("Choose terminal, system, phone or any. Nothing was changed.");
-    if (*approver == Approver::system || *approver == Approver::phone) {
-      throw ActionError("Nothing on this computer can ask the owner by '" + *who +
-                        "' yet, so every request would be denied. Nothing was changed. Choose terminal or any.");
-    }
+    if (*approver == Approver::system) requireSystemCheck();
     settings.approver = *approver;
   }
   std::string phrase = "change when sorvane asks before agents use the vault. New policy: ";
   phrase.append(word(settings.approval))
       .append(", and the yes that counts comes from: ")
       .append(word(settings.approver));
-  return asking(call, phrase, [this, settings, access = access(call, arguments)] {
+  const bool warns =
+      settings.approver == Approver::phone && (ports_.phones == nullptr || !ports_.phones->isAnyPaired());
+  ActionPlan plan = asking(call, phrase, [this, settings, warns, access = access(call, arguments)] {
     ports_.policy.set(settings);
     ports_.vault.log(access);
-    return done();
+    AgentResponse response = done();
+    if (warns) response.warnings = {std::string(kNoPhoneIsPaired)};
+    return response;
   });
+  // A policy that waits for a phone that is not there could not be changed any more.
+  plan.question->anybodysYesCounts = waitsForNoPhone();
+  return plan;
 }
 
 ActionPlan OwnerActionHandlers::gc(const ActionArguments& arguments, ActionCall& call) {

@@ -27,6 +27,11 @@ struct OwnerApprovalPrompt {
 };
 std::string_view word(OwnerApprovalPrompt::Kind kind);
 
+/// Whose yes counts. A no counts from anywhere.
+enum class Approver { terminal, system, phone, any };
+std::string_view word(Approver approver);
+std::optional<Approver> approverOf(std::string_view word);
+
 /// Who waits for the answer, and what is shown beside the reason.
 struct ApprovalContext {
   std::string label;                         ///< the grant's label, or "Terminal"
@@ -38,14 +43,18 @@ struct ApprovalContext {
   std::vector<std::string> details;  ///< further lines of the system's own words, such as "Raw values leave the vault."
   std::string requestDigest;         ///< SHA-256 of the request's bytes: equal requests may be answered together
   bool mayBeAnsweredTogether = false;  ///< reads only, never an action of the owner's own
-  std::stop_token withdrawn;           ///< stopped when the client is gone or the server stops
+  Approver whoseYesCounts = Approver::any;
+  std::stop_token withdrawn;          ///< stopped when the client is gone, the server stops, or as follows
+  std::stop_token answeredElsewhere;  ///< stopped before `withdrawn` when somebody else answered
 };
 
-/// ApprovalProvider is the application's own way to ask: the terminal it runs on, later a window or a paired phone.
-/// Blocks until the owner answers; nullopt means no answer, and the system's owner prompt is asked instead. Any thread.
+/// ApprovalProvider is the application's own way to ask: the terminal it runs on, a paired phone. Blocks until the
+/// owner answers; nullopt means no answer, and the system's owner prompt is asked instead. Any thread.
 class ApprovalProvider {
  public:
   virtual ~ApprovalProvider() = default;
+  /// Whether it could ask somebody now whose yes counts.
+  virtual bool canAsk(Approver whoseYesCounts) { return whoseYesCounts != Approver::system; }
   virtual std::optional<bool> ask(const OwnerApprovalPrompt& prompt, const ApprovalContext& context) = 0;
 };
 
@@ -71,10 +80,5 @@ inline constexpr std::string_view kApprovalDenied = "approval denied";
 enum class AgentApproval { unlocked, perRequest, perEnvironment };
 std::string_view word(AgentApproval policy);
 std::optional<AgentApproval> agentApprovalOf(std::string_view word);
-
-/// Whose yes counts. A no counts from anywhere.
-enum class Approver { terminal, system, phone, any };
-std::string_view word(Approver approver);
-std::optional<Approver> approverOf(std::string_view word);
 
 }  // namespace sorvane::agent

@@ -175,9 +175,11 @@ bool Approvals::mustAsk(const ApprovalQuestion& question) {
 }
 
 ApprovalResult Approvals::ask(const ApprovalQuestion& question, bool& saidNo) {
-  const Approver approver = ports_.approver ? ports_.approver() : Approver::any;
-  if (ports_.provider != nullptr && (approver == Approver::terminal || approver == Approver::any)) {
-    if (const auto answer = ports_.provider->ask(question.prompt, question.context)) {
+  const Approver approver = question.anybodysYesCounts || !ports_.approver ? Approver::any : ports_.approver();
+  if (ports_.provider != nullptr && approver != Approver::system) {
+    ApprovalContext context = question.context;
+    context.whoseYesCounts = approver;
+    if (const auto answer = ports_.provider->ask(question.prompt, context)) {
       saidNo = !*answer;
       return *answer ? ApprovalResult::byApplication : ApprovalResult::denied;
     }

@@ -22,6 +22,7 @@ namespace sorvane::agent {
 
 class CopiedValue;
 class OwnerBackups;
+class OwnerPhones;
 class TaskSessions;
 
 /// ActionPlan is an action whose arguments were checked: the question, for one that asks, and what is done after a yes.
@@ -47,12 +48,23 @@ class OwnerActionHandlers final : public OwnerActions {
     const base::Clock& clock;
     OwnerProxy* proxy = nullptr;      ///< absent: no proxy runs here
     OwnerBackups* backups = nullptr;  ///< absent: no backups are made here
+    OwnerPhones* phones = nullptr;    ///< absent: no phone is linked here
+    /// Why the system can check nobody. Absent: it never can.
+    std::function<std::optional<std::string>()> systemCheckUnavailable{};
   };
   explicit OwnerActionHandlers(Ports ports) : ports_(ports) {}
 
   AgentResponse perform(ActionCall& call) override;
 
   using Handler = ActionPlan (OwnerActionHandlers::*)(const ActionArguments&, ActionCall&);
+
+  // Phones (phone_actions.cpp).
+  ActionPlan phonePair(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan phonePairing(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan phonePairCancel(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan phoneList(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan phoneRevoke(const ActionArguments& arguments, ActionCall& call);
+  ActionPlan phoneTest(const ActionArguments& arguments, ActionCall& call);
 
   // The application and its settings (application_actions.cpp).
   ActionPlan status(const ActionArguments& arguments, ActionCall& call);
@@ -150,6 +162,10 @@ class OwnerActionHandlers final : public OwnerActions {
   std::int64_t rotationGraceDays();
   OwnerProxy& runningProxy() const;
   OwnerBackups& backups() const;
+  OwnerPhones& phones() const;
+  /// Whether the yes that counts can come from nobody: it is the phone's, and none is paired.
+  bool waitsForNoPhone() const;
+  void requireSystemCheck() const;
   proxy::ProxyGrantStatus grantNamed(const ActionArguments& arguments) const;
   void writeSummary(base::JsonWriter& out, const vault::Secret& secret, std::int64_t graceDays);
 

@@ -86,6 +86,12 @@ constexpr std::array kActions{
     Row{"backupPreview", Asks::no, &H::backupPreview},
     Row{"backupRestore", Asks::yes, &H::backupRestore},
     Row{"backupUndo", Asks::yes, &H::backupUndo},
+    Row{"phonePair", Asks::yes, &H::phonePair},
+    Row{"phonePairing", Asks::no, &H::phonePairing},
+    Row{"phonePairCancel", Asks::no, &H::phonePairCancel},
+    Row{"phoneList", Asks::no, &H::phoneList},
+    Row{"phoneRevoke", Asks::yes, &H::phoneRevoke},
+    Row{"phoneTest", Asks::no, &H::phoneTest},
     Row{"job", Asks::no, &H::job},
     Row{"jobCancel", Asks::no, &H::jobCancel},
 };

@@ -42,6 +42,8 @@ struct LockReport {
     std::int64_t done = 0, total = 0;
   };
   std::optional<Progress> restoring;
+  /// A paired phone is there whose yes opens the vault now.
+  bool phoneUnlocks = false;
   /// Whole sentences: what this does not protect against, and what needs attention.
   std::vector<std::string> notices;
   std::string version;

@@ -154,6 +154,7 @@ LockReport reportOf(const Json& json) {
     const Fields progress(*restoring);
     report.restoring = {progress.needInteger("done"), progress.needInteger("total")};
   }
+  report.phoneUnlocks = fields.boolean("phoneUnlocks");
   report.notices = fields.list("notices").value_or(std::vector<std::string>{});
   report.version = plainText(fields.need("version"));
   report.supportFolder = plainText(fields.need("supportFolder"));
@@ -206,7 +207,8 @@ void encode(JsonWriter& out, const LockReport& report) {
     out.key("restoring").beginObject().key("done").integer(report.restoring->done);
     out.key("total").integer(report.restoring->total).endObject();
   }
-  out.field("systemCheckUnavailable", report.systemCheckUnavailable).strings("notices", report.notices);
+  out.field("systemCheckUnavailable", report.systemCheckUnavailable);
+  out.key("phoneUnlocks").boolean(report.phoneUnlocks).strings("notices", report.notices);
   out.field("version", std::string_view(report.version));
   out.field("supportFolder", std::string_view(report.supportFolder)).endObject();
 }

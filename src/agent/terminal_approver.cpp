@@ -18,11 +18,12 @@ namespace {
 /// Longest line that is read as an answer; anything longer is no yes.
 constexpr std::size_t kMaxAnswer = 64;
 
-bool isYes(std::string_view line) {
-  std::string word(base::trimmed(line));
-  std::transform(word.begin(), word.end(), word.begin(),
+/// Whether the line is the word or its first letter, in any case of letters.
+bool says(std::string_view word, std::string_view line) {
+  std::string typed(base::trimmed(line));
+  std::transform(typed.begin(), typed.end(), typed.begin(),
                  [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; });
-  return word == "y" || word == "yes";
+  return typed == word || typed == word.substr(0, 1);
 }
 
 }  // namespace
@@ -52,8 +53,9 @@ std::optional<bool> TerminalApprover::ask(const OwnerApprovalPrompt& prompt, con
     show(std::string(*answer ? "Allowed." : "Not allowed.") +
          (together > 1 ? " The answer went to " + std::to_string(together) + " equal requests.\n" : "\n"));
   } else {
-    show(context.withdrawn.stop_requested() ? "\nThe request was withdrawn.\n"
-                                            : "\nNo answer came; nothing was allowed here.\n");
+    show(context.answeredElsewhere.stop_requested() ? "\nA phone answered this.\n"
+         : context.withdrawn.stop_requested()       ? "\nThe request was withdrawn.\n"
+                                                    : "\nNo answer came; nothing was allowed here.\n");
   }
   endTurn(own);
   return answer;
@@ -131,7 +133,9 @@ std::optional<bool> TerminalApprover::put(const Waiting& own, const OwnerApprova
   show(question);
   const auto line = readLine(context.withdrawn);
   if (!line) return std::nullopt;
-  return isYes(*line);
+  // Where a yes does not count, all but a no leaves it to whoever may say yes.
+  if (context.whoseYesCounts == Approver::phone) return says("no", *line) ? std::optional(false) : std::nullopt;
+  return says("yes", *line);
 }
 
 std::optional<std::string> TerminalApprover::readLine(const std::stop_token& withdrawn) {

@@ -17,7 +17,8 @@ namespace sorvane::agent {
 inline constexpr std::chrono::seconds kAnswerSeconds{120};
 
 /// TerminalApprover asks on the terminal that the application runs on. One question stands at a time, the others wait
-/// in their order. What was typed before a question appeared is discarded; only "y" or "yes" and Enter allow. No answer
+/// in their order. What was typed before a question appeared is discarded; only "y" or "yes" and Enter allow, and
+/// nothing does where the yes that counts is the phone's: only a no is an answer then. No answer
 /// in `patience`, and a terminal that closed, are no answer. Requests of the same caller and process whose bytes are
 /// equal and that are waiting when the answer is typed are answered with it, where their operation only reads. Any
 /// thread.

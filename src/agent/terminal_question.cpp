@@ -63,22 +63,6 @@ void appendField(std::string& out, std::string_view name, std::string_view text)
   out += '\n';
 }
 
-std::string chainOf(const std::vector<base::ProcessInfo>& processes) {
-  if (processes.empty()) return "an unidentified process";
-  std::string chain;
-  for (const base::ProcessInfo& process : processes) {
-    if (!chain.empty()) chain += ", started by ";
-    chain += quotedForOwner(process.name) + " (" + std::to_string(process.pid) + ")";
-  }
-  return chain;
-}
-
-std::string commandOf(const std::vector<std::string>& words) {
-  std::string command;
-  for (const std::string& word : words) command += (command.empty() ? "" : " ") + quotedForOwner(word);
-  return command;
-}
-
 std::string listed(const std::vector<std::string>& words) {
   std::string text;
   for (const std::string& word : words) text += (text.empty() ? "" : ", ") + word;
@@ -103,6 +87,22 @@ std::string quotedForOwner(std::string_view text) {
   return out + '"';
 }
 
+std::string processesForOwner(const std::vector<base::ProcessInfo>& processes) {
+  if (processes.empty()) return "an unidentified process";
+  std::string chain;
+  for (const base::ProcessInfo& process : processes) {
+    if (!chain.empty()) chain += ", started by ";
+    chain += quotedForOwner(process.name) + " (" + std::to_string(process.pid) + ")";
+  }
+  return chain;
+}
+
+std::string commandForOwner(const std::vector<std::string>& words) {
+  std::string command;
+  for (const std::string& word : words) command += (command.empty() ? "" : " ") + quotedForOwner(word);
+  return command;
+}
+
 std::string terminalQuestion(const OwnerApprovalPrompt& prompt, const ApprovalContext& context, std::size_t together) {
   std::string out = "\n" + std::string(24, '=') + " sorvane asks its owner " + std::string(24, '=') + "\n";
   appendWrapped(out, base::escapedForDisplay(prompt.reason), 0);
@@ -110,9 +110,9 @@ std::string terminalQuestion(const OwnerApprovalPrompt& prompt, const ApprovalCo
   appendField(out, "Connection", quotedForOwner(cut(context.label, kMaxLabelCharacters)));
   if (prompt.requestor)
     appendField(out, "Says it is", quotedForOwner(cut(*prompt.requestor, kMaxLabelCharacters)) + " (its own words)");
-  appendField(out, "Process", chainOf(context.processes));
+  appendField(out, "Process", processesForOwner(context.processes));
   if (!context.commandWords.empty())
-    appendField(out, "Command", commandOf(context.commandWords) + " (the caller's words)");
+    appendField(out, "Command", commandForOwner(context.commandWords) + " (the caller's words)");
   if (context.directory) appendField(out, "Folder", quotedForOwner(*context.directory));
   if (prompt.subject) {
     const std::string_view what = prompt.kind == OwnerApprovalPrompt::Kind::readSecret ? "Secret"
@@ -130,6 +130,9 @@ std::string terminalQuestion(const OwnerApprovalPrompt& prompt, const ApprovalCo
   }
   if (together > 1)
     out += "  " + std::to_string(together) + " equal requests of this process are waiting; one answer decides all.\n";
+  if (context.whoseYesCounts == Approver::phone) {
+    return out + "Your policy has the phone allow this. Here you can only say no: type n and Enter. [n] ";
+  }
   return out + "Allow this? Type y and Enter for yes. Enter alone means no. [y/N] ";
 }
 

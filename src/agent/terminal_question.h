@@ -2,6 +2,8 @@
 
 #include <cstddef>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "agent/approval.h"
 
@@ -12,6 +14,11 @@ namespace sorvane::agent {
 /// begin at the left edge or with two spaces and a fixed word. The label is cut; a command and a folder stand whole,
 /// wrapped, with runs of blanks counted. `together` is the number of equal requests that one answer decides.
 std::string terminalQuestion(const OwnerApprovalPrompt& prompt, const ApprovalContext& context, std::size_t together);
+
+/// The processes that ask, each started by the next, and a command's words, as they stand in such a question: on one
+/// line, with the caller's words quoted.
+std::string processesForOwner(const std::vector<base::ProcessInfo>& processes);
+std::string commandForOwner(const std::vector<std::string>& words);
 
 /// `text` escaped, in quotes, with every run of three or more blanks written as a count, so that nothing is pushed out
 /// of sight.

@@ -17,8 +17,9 @@ constexpr std::string_view kMemoryMayBeSwapped =
     "The system does not let sorvaned lock its memory, so keys could reach the swap space. Raise the limit of locked "
     "memory (ulimit -l) and restart sorvaned.";
 constexpr std::string_view kNobodyAnswers =
-    "sorvaned runs without a terminal, so every request that needs the owner is put to the system's owner check, and "
-    "denied where there is none. Run it in a terminal to answer there.";
+    "sorvaned runs without a terminal, so every request that needs the owner is put to a paired phone that is "
+    "connected, then to the system's owner check, and denied where there is neither. Run it in a terminal to answer "
+    "there.";
 
 std::string sessionId() {
   const char* const id = std::getenv("XDG_SESSION_ID");
@@ -69,6 +70,8 @@ Application::Application(const Setting& setting, agent::ProcessHost& host, agent
       approvalPresence_(presencePorts(nullptr)),
       ownerPrompt_({approvalPresence_, askingFor(approvalPresence_), [this] { trusted_.noteOwner(); }}),
       approver_(approver == nullptr ? nullptr : std::make_unique<Approver>(*approver, trusted_)),
+      phoneLink_({stores_, clock_, [this] { lock_.lookAgain(); }}),
+      asker_({approver_.get(), phoneLink_}),
       screen_(approver == nullptr
                   ? nullptr
                   : std::make_unique<LockScreen>(*approver, [this] { return lock_.isAskedOnTerminal(); })),
@@ -85,6 +88,7 @@ Application::~Application() {
   ownerServer_.reset();
   if (screen_) screen_->stop();
   lock_.stop();
+  phoneLink_.close();
   // A late answer or signal finds the lock's threads still there.
   session_.reset();
   presence_.reset();
@@ -97,6 +101,7 @@ VaultLock::Ports Application::lockPorts() {
       .clock = clock_,
       .trusted = trusted_,
       .presence = *presence_,
+      .phones = phoneLink_,
       .askFor =
           [this](const agent::LockCaller& caller) {
             const auto process = caller.peer > 0 ? base::processInfo(caller.peer) : std::nullopt;
@@ -114,6 +119,8 @@ VaultLock::Ports Application::lockPorts() {
       .close = [this] { close(); },
       .onChange =
           [this] {
+            // A passphrase may have been set while the vault was locked.
+            if (!vault_) phoneLink_.locked();
             if (screen_) screen_->wake();
           },
       .isNew = wasNew_,
@@ -124,7 +131,7 @@ agent::ApplicationState Application::state() const {
   agent::ApplicationState state;
   state.version = SORVANE_VERSION;
   state.supportFolder = setting_.supportFolder.string();
-  state.approver = hasTerminal_ ? "the terminal that sorvaned runs on" : "the system's owner check";
+  state.approver = hasTerminal_ ? "the terminal that sorvaned runs on" : "a paired phone, or the system's owner check";
   state.capabilities.assign(agent::kCapabilities.begin(), agent::kCapabilities.end());
   if (!hasTerminal_) state.notices.emplace_back(kNobodyAnswers);
   if (!setting_.memoryIsLocked) state.notices.emplace_back(kMemoryMayBeSwapped);
@@ -138,8 +145,10 @@ OpenVault::Ports Application::vaultPorts(bool afterReset) {
           .stores = stores_,
           .host = host_,
           .notifier = notifier_,
-          .approver = approver_.get(),
+          .approver = asker_,
           .ownerPrompt = ownerPrompt_,
+          .phones = phones_,
+          .systemCheckUnavailable = [this] { return approvalPresence_.unavailable(); },
           .trustedSession = [this] { return trusted_.holds(); },
           .agentsHeldBack = afterReset,
           .restoring = [this](std::int64_t done, std::int64_t total) { lock_.noteRestoring(done, total); },
@@ -151,6 +160,7 @@ void Application::open(bool afterReset) {
   try {
     stores_.open();
     vault_ = std::make_unique<OpenVault>(vaultPorts(afterReset));
+    phoneLink_.open();
     if (vault_->start()) return base::diagnose("app", "the vault is open");
     base::diagnose("app",
                    "the agents' socket could not be opened, so nothing is served. Check that the support folder can be "
@@ -165,11 +175,14 @@ void Application::open(bool afterReset) {
 void Application::close() {
   vault_.reset();
   stores_.close();
+  phoneLink_.locked();
   base::diagnose("app", "the vault is locked");
 }
 
 bool Application::start() {
   if (!ownerServer_->start()) return false;
+  // Before the lock may open the vault, so that one thread at a time opens the link.
+  if (!wasNew_ && !stores_.isSealed()) phoneLink_.open();
   lock_.start();
   return true;
 }

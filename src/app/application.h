@@ -12,6 +12,9 @@
 #include "app/lock_screen.h"
 #include "app/locked_restore.h"
 #include "app/open_vault.h"
+#include "app/owner_asker.h"
+#include "app/phone_link.h"
+#include "app/phones.h"
 #include "app/presence_prompt.h"
 #include "app/stores.h"
 #include "app/trusted_session.h"
@@ -77,6 +80,10 @@ class Application {
   platform::OwnerCheck approvalPresence_;
   PresencePrompt ownerPrompt_;
   const std::unique_ptr<Approver> approver_;
+  // Its server tells the lock who came and went until it is closed, and the lock asks through it.
+  PhoneLink phoneLink_;
+  Phones phones_{phoneLink_.server()};
+  OwnerAsker asker_;
 
   // What exists while the vault is open. Of the lock's thread.
   std::unique_ptr<OpenVault> vault_;

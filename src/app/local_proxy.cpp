@@ -79,8 +79,8 @@ proxy::ProxyOptions LocalProxy::options() const {
   return options_;
 }
 
-void LocalProxy::start(std::function<void()> onPort, std::function<bool()> yesCounts) {
-  asker_.countYesWhen(std::move(yesCounts));
+void LocalProxy::start(std::function<void()> onPort, std::function<agent::Approver()> whoseYesCounts) {
+  asker_.goBy(std::move(whoseYesCounts));
   {
     const base::Lock lock(following_);
     onPort_ = std::move(onPort);

@@ -48,9 +48,9 @@ class LocalProxy final : public agent::OwnerProxy {
   LocalProxy& operator=(const LocalProxy&) = delete;
 
   proxy::LocalProxyBroker& broker() { return broker_; }
-  /// Serves what is protected now. `onPort` is called after the port came, went or changed; `yesCounts` says whether
-  /// the approver's yes counts by the owner's policy as it is then.
-  void start(std::function<void()> onPort, std::function<bool()> yesCounts);
+  /// Serves what is protected now. `onPort` is called after the port came, went or changed; `whoseYesCounts`
+  /// says so by the owner's policy as it is then.
+  void start(std::function<void()> onPort, std::function<agent::Approver()> whoseYesCounts);
   void stop();
 
   std::optional<std::uint16_t> port() override { return broker_.port(); }

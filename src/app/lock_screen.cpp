@@ -39,7 +39,7 @@ constexpr std::chrono::hours kPatience{12};
 
 /// Whether nothing but a passphrase would ever open the vault.
 bool isOnlyWay(const LockReport& report) {
-  return report.systemCheckUnavailable && !(report.followsSession && report.sessionIsReported);
+  return report.systemCheckUnavailable && !report.phoneUnlocks && !(report.followsSession && report.sessionIsReported);
 }
 
 agent::LockCaller here(const std::stop_token& stop) {

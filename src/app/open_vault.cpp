@@ -40,8 +40,14 @@ OpenVault::OpenVault(Ports ports)
     : stores_(ports.stores),
       sessions_(ports.clock),
       vault_(ports.supportFolder / base::kVaultName, {ports.files, stores_.inUse(), ports.clock, sessions_}),
-      proxy_(
-          {ports.supportFolder, ports.files, stores_.inUse(), vault_, ports.clock, ports.notifier, ports.approver, {}}),
+      proxy_({ports.supportFolder,
+              ports.files,
+              stores_.inUse(),
+              vault_,
+              ports.clock,
+              ports.notifier,
+              &ports.approver,
+              {}}),
       grants_(ports.supportFolder / base::kGrantsName, ports.files, vault_),
       policy_(vault_),
       connections_(connectionSetting(ports.supportFolder), ports.files, vault_.settings()),
@@ -54,8 +60,8 @@ OpenVault::OpenVault(Ports ports)
                   told();
                 }}),
       jobs_(ports.clock),
-      ownerActions_(
-          {vault_, grants_, policy_, jobs_, clipboard_, copied_, sessions_, actions_, ports.clock, &proxy_, &backups_}),
+      ownerActions_({vault_, grants_, policy_, jobs_, clipboard_, copied_, sessions_, actions_, ports.clock, &proxy_,
+                     &backups_, &ports.phones, ports.systemCheckUnavailable}),
       runner_(ports.host),
       keyFiles_(ports.supportFolder / base::kKeyFilesName, ports.files, ports.clock, runner_,
                 agent::minimumEnvironment(environ)),
@@ -76,7 +82,7 @@ OpenVault::OpenVault(Ports ports)
                 ports.supportFolder,
                 {},
                 &proxy_.broker()},
-               {ports.approver, ports.ownerPrompt, [this] { return policy_.current().approval; },
+               {&ports.approver, ports.ownerPrompt, [this] { return policy_.current().approval; },
                 [this] { return policy_.current().approver; }, ports.trustedSession, ports.clock}}) {
   if (const auto failure = vault_.storageFailure()) {
     base::diagnose("app", *failure);
@@ -106,11 +112,7 @@ void OpenVault::alone(const std::function<void()>& work) {
 }
 
 void OpenVault::startProxy() {
-  proxy_.start([this] { server_.republish(); },
-               [this] {
-                 const agent::Approver whose = policy_.current().approver;
-                 return whose == agent::Approver::any || whose == agent::Approver::terminal;
-               });
+  proxy_.start([this] { server_.republish(); }, [this] { return policy_.current().approver; });
 }
 
 bool OpenVault::start() {

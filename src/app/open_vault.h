@@ -38,8 +38,10 @@ class OpenVault {
     Stores& stores;
     agent::ProcessHost& host;
     agent::Notifier& notifier;
-    agent::ApprovalProvider* approver;  ///< nullptr without a terminal
+    agent::ApprovalProvider& approver;
     agent::SystemOwnerPrompt& ownerPrompt;
+    agent::OwnerPhones& phones;
+    std::function<std::optional<std::string>()> systemCheckUnavailable;
     /// Whether the owner's recent presence is vouched for.
     std::function<bool()> trustedSession;
     /// Only the owner's own command line is served until a backup was restored.

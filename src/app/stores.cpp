@@ -129,6 +129,11 @@ void Stores::open() {
   }
 }
 
+std::shared_ptr<EnumerableSecretStore> Stores::openBeside() {
+  if (isSealed()) throw unlock::UnlockError(unlock::UnlockError::Case::vaultLocked);
+  return kindOf(record().kind).open();
+}
+
 bool Stores::isNew() const {
   return gate_.isFirstRun() && !gate_.isSealed() && !hasManifest(folder_);
 }

@@ -34,6 +34,9 @@ class Stores {
   /// whose every call fails with the reason, so that the application can still say what is wrong. Throws UnlockError
   /// vaultLocked for a sealed store that its passphrase has not opened.
   void open();
+  /// The store in use, opened once more for the caller alone; for what must be read or saved while the vault is locked.
+  /// Throws UnlockError vaultLocked for a sealed one.
+  std::shared_ptr<vault::EnumerableSecretStore> openBeside();
   /// Closes the store in use and wipes its key.
   void close() { gate_.close(); }
   /// Whether the values cannot be read without the passphrase.

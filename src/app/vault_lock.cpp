@@ -3,7 +3,10 @@
 #include <utility>
 #include <variant>
 
+#include "agent/terminal_question.h"
+#include "app/phone_presence.h"
 #include "base/diagnostics.h"
+#include "base/system.h"
 
 namespace sorvane::app {
 
@@ -25,6 +28,8 @@ constexpr std::string_view kNotSealedYet =
 constexpr std::string_view kNoLoginManager =
     "There is no login manager that reports your session, so the vault does not close when the screen locks. Lock it "
     "with sorvane lock.";
+constexpr std::string_view kOpensByPhone = "sorvane opens with a yes on your phone.";
+constexpr std::string_view kOpensByPhoneToo = "A yes on your phone opens it as well.";
 
 std::string_view word(Case kind) {
   switch (kind) {
@@ -172,22 +177,30 @@ class VaultLock::Watched final : public unlock::SessionSignals {
   std::optional<unlock::SessionState> last_ GUARDED_BY(mutex_);
 };
 
-/// The system's check. For the first passphrase of a new vault nobody is asked who typed it on the own terminal.
+/// The system's check, and the phones beside it. For the first passphrase of a new vault nobody is asked who typed it
+/// on the own terminal.
 class VaultLock::Presence final : public unlock::OwnerPresence {
  public:
-  explicit Presence(VaultLock& lock) : lock_(lock) {}
+  explicit Presence(VaultLock& lock)
+      : lock_(lock),
+        either_({.system = lock.ports_.presence,
+                 .phones = lock.ports_.phones,
+                 .thread = lock.main_,
+                 .mayAskPhones = [&lock] { return lock.mayAskPhones_; },
+                 .requestor = [&lock] { return lock.requestor(); }}) {}
 
-  std::optional<std::string> unavailable() override { return system().unavailable(); }
+  std::optional<std::string> unavailable() override { return either_.unavailable(); }
+  std::optional<std::string> unlockUnavailable() override { return either_.unlockUnavailable(); }
   void ask(Check check, const std::string& reason, Reply reply) override {
     if (lock_.isNew_ && lock_.isOnTerminal_ && reason == unlock::kSetReason) return reply(Granted{});
-    system().ask(check, reason, std::move(reply));
+    either_.ask(check, reason, std::move(reply));
   }
-  void withdraw() override { system().withdraw(); }
+  void withdraw() override { either_.withdraw(); }
+  void stop() { either_.stop(); }
 
  private:
-  unlock::OwnerPresence& system() { return lock_.ports_.presence; }
-
   VaultLock& lock_;
+  PhonePresence either_;
 };
 
 VaultLock::VaultLock(Ports ports)
@@ -225,7 +238,18 @@ void VaultLock::stop() {
   main_.run([this] {
     manager_->lock();
     manager_.reset();
+    presence_->stop();
   });
+}
+
+void VaultLock::lookAgain() {
+  main_.post([this] { announce(); });
+}
+
+std::string VaultLock::requestor() const {
+  if (isOnTerminal_) return "the terminal that sorvaned runs on";
+  const auto process = asking_ > 0 ? base::processInfo(asking_) : std::nullopt;
+  return agent::processesForOwner(process ? std::vector{*process} : std::vector<base::ProcessInfo>{});
 }
 
 void VaultLock::wasOffered() {
@@ -293,6 +317,7 @@ LockOutcome VaultLock::wait(const LockCaller& caller, std::function<void(const R
     pending->number = ++begun_;
     ports_.askFor(caller);
     isOnTerminal_ = caller.isOwnTerminal;
+    asking_ = caller.peer;
     begin(reply);
     announce();
   });
@@ -335,6 +360,12 @@ LockReport VaultLock::reportNow() {
   report.store = word(ports_.stores.record().kind);
   report.storeIsSealed = ports_.stores.isSealed();
   describe(report, manager_->prompt());
+  report.systemCheckUnavailable = ports_.presence.unavailable();
+  report.phoneUnlocks = !report.isUnlocked && report.prompt == "system" && ports_.phones.isConnected();
+  if (report.phoneUnlocks) {
+    report.sentence = report.systemCheckUnavailable ? std::string(kOpensByPhone)
+                                                    : report.sentence + " " + std::string(kOpensByPhoneToo);
+  }
   if (report.isUnlocked) {
     report.prompt = "open";
     report.sentence = "sorvane is open.";
@@ -348,7 +379,6 @@ LockReport VaultLock::reportNow() {
   report.heldLocked = manager_->state().heldLocked;
   report.isAsking = manager_->state().phase == unlock::LockPhase::asking;
   report.waitSeconds = manager_->waitSeconds();
-  report.systemCheckUnavailable = ports_.presence.unavailable();
   report.notices.emplace_back(ports_.stores.protectionInWords());
   if (report.hasPassphrase && !report.storeIsSealed && ports_.stores.record().kind == vault::StoreKind::embedded) {
     report.notices.emplace_back(kNotSealedYet);
@@ -365,6 +395,8 @@ LockReport VaultLock::reportNow() {
 LockOutcome VaultLock::unlockWithSystem(Method method, const LockCaller& caller) {
   const auto button = method == Method::first ? LockManager::Button::primary : LockManager::Button::password;
   return wait(caller, [this, button](const Reply& reply) {
+    // Who asks for the login password is asked for it.
+    mayAskPhones_ = button == LockManager::Button::primary;
     manager_->unlockWithSystem(button, [this, reply](const auto& how) { reply(outcome(how)); });
   });
 }

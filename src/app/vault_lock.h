@@ -8,6 +8,7 @@
 #include <string>
 
 #include "agent/owner_lock.h"
+#include "app/phone_questions.h"
 #include "app/stores.h"
 #include "app/trusted_session.h"
 #include "base/clock.h"
@@ -30,6 +31,8 @@ class VaultLock final : public agent::OwnerLock {
     const base::Clock& clock;
     TrustedSession& trusted;
     unlock::OwnerPresence& presence;
+    /// Their yes unlocks the vault where the system's check does; never in the place of the passphrase.
+    PhoneQuestions& phones;
     /// Tells `presence` for whom it asks from now on.
     std::function<void(const agent::LockCaller& caller)> askFor;
     unlock::OwnerPresence* ownTerminal;  ///< nullptr without a terminal
@@ -56,6 +59,8 @@ class VaultLock final : public agent::OwnerLock {
   void stop();
   /// A new vault on a terminal does not open with the session before its owner was offered a passphrase: that was done.
   void wasOffered();
+  /// A phone came or went. Any thread.
+  void lookAgain();
   /// Whether what is to be confirmed was typed on the application's own terminal; for `ownTerminal` within `ask`.
   bool isAskedOnTerminal() const { return isOnTerminal_; }
 
@@ -100,6 +105,8 @@ class VaultLock final : public agent::OwnerLock {
   agent::LockReport reportNow();
   void followed(bool isUnlocked);
   void endReset();
+  /// Who asks now, for a phone to show.
+  std::string requestor() const;
   /// Tells `onChange` when there is something to tell.
   void announce();
 
@@ -118,7 +125,9 @@ class VaultLock final : public agent::OwnerLock {
   std::atomic<std::int64_t> valuesRestored_ = 0, valuesToRestore_ = 0;
   // Of the manager's thread.
   bool isOnTerminal_ = false;
-  std::uint64_t begun_ = 0;  ///< the number of the last request
+  bool mayAskPhones_ = false;  ///< of the unlock that was asked for last
+  pid_t asking_ = 0;           ///< the process that asked last
+  std::uint64_t begun_ = 0;    ///< the number of the last request
   bool isNew_ = false;
   bool isRestored_ = false;  ///< and the settings do not say so yet
   std::optional<Screen> screen_;

@@ -17,33 +17,35 @@ agent::OwnerApprovalPrompt promptOf(const proxy::VelocityQuestion& question) {
 
 }  // namespace
 
-void VelocityAsker::countYesWhen(std::function<bool()> yesCounts) {
+void VelocityAsker::goBy(std::function<agent::Approver()> whoseYesCounts) {
   const base::Lock lock(mutex_);
-  yesCounts_ = std::move(yesCounts);
+  whoseYesCounts_ = std::move(whoseYesCounts);
 }
 
 void VelocityAsker::stop() {
   std::jthread thread;
   {
     const base::Lock lock(mutex_);
-    yesCounts_ = {};
+    whoseYesCounts_ = {};
     waiting_.clear();
     thread.swap(thread_);
   }
   // Without the lock, which the thread takes; the destructor ends and joins it.
 }
 
-bool VelocityAsker::yesCounts() {
-  std::function<bool()> counts;
+std::optional<agent::Approver> VelocityAsker::whoseYesCounts() {
+  std::function<agent::Approver()> ask;
   {
     const base::Lock lock(mutex_);
-    counts = yesCounts_;
+    ask = whoseYesCounts_;
   }
-  return counts && counts();
+  if (!ask || ports_.approver == nullptr) return std::nullopt;
+  const agent::Approver whose = ask();
+  return ports_.approver->canAsk(whose) ? std::optional(whose) : std::nullopt;
 }
 
 void VelocityAsker::ask(const proxy::VelocityQuestion& question, std::function<void(bool goOn)> answer) {
-  const bool isAsked = ports_.approver != nullptr && yesCounts();
+  const bool isAsked = whoseYesCounts().has_value();
   ports_.notifier.notify("sorvane · agent calls paused",
                          question.client + " spent " + proxy::dollarsOf(question.chargedCents) +
                              " within a minute. Its calls wait for " +
@@ -87,14 +89,18 @@ void VelocityAsker::run(const std::stop_token& stop) {
 }
 
 void VelocityAsker::put(const Waiting& next, const std::stop_source& withdrawn) {
+  const auto asked = whoseYesCounts();
+  if (!asked) return;
   agent::ApprovalContext context;
   context.label = next.question.client;
   context.callerIdentity = next.question.lookupId;
   context.details = {"Its calls wait meanwhile. A no refuses them until you run `sorvane proxy resume`."};
+  context.whoseYesCounts = *asked;
   context.withdrawn = withdrawn.get_token();
   const std::optional<bool> goOn = ports_.approver->ask(promptOf(next.question), context);
   // A no counts from anywhere; a yes only by the policy as it is when it comes.
-  if (goOn && (!*goOn || yesCounts())) next.answer(*goOn);
+  const auto now = whoseYesCounts();
+  if (goOn && (!*goOn || now == asked || now == agent::Approver::any)) next.answer(*goOn);
 }
 
 }  // namespace sorvane::app

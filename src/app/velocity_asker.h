@@ -29,8 +29,8 @@ class VelocityAsker {
 
   /// Asks nothing more; the question that stands is withdrawn, and nothing is called when this returns.
   void stop();
-  /// Whether the approver's yes counts now. Until this is set, and while it says no, the owner is only told.
-  void countYesWhen(std::function<bool()> yesCounts);
+  /// Whose yes counts now. Until this is set, and while nobody can be asked whose does, the owner is only told.
+  void goBy(std::function<agent::Approver()> whoseYesCounts);
   void ask(const proxy::VelocityQuestion& question, std::function<void(bool goOn)> answer);
   /// The question about this grant, standing or waiting, needs no answer any more.
   void withdraw(std::string_view lookupId);
@@ -47,14 +47,15 @@ class VelocityAsker {
   };
   void run(const std::stop_token& stop);
   void put(const Waiting& next, const std::stop_source& withdrawn);
-  bool yesCounts();
+  /// nullopt: nobody's whom the approver could ask.
+  std::optional<agent::Approver> whoseYesCounts();
 
   // Constant after construction.
   const Ports ports_;
   // Guarded. A leaf: nobody is asked while it is held.
   base::Mutex mutex_;
   base::Condition changed_;
-  std::function<bool()> yesCounts_ GUARDED_BY(mutex_);
+  std::function<agent::Approver()> whoseYesCounts_ GUARDED_BY(mutex_);
   std::deque<Waiting> waiting_ GUARDED_BY(mutex_);
   std::optional<Standing> standing_ GUARDED_BY(mutex_);
   std::jthread thread_ GUARDED_BY(mutex_);

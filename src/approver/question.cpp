@@ -105,7 +105,15 @@ Question questionOf(const ApprovalRequest& request) {
                     {},
                     {}};
   question.what = whatOf(details.kind);
-  question.lines = {{"In its words", details.reason}, {"Asked by", details.requestor}};
+  // The computer writes the reason in lines, and what others had to say in it without line breaks.
+  std::string_view reason = details.reason;
+  for (const char* name = "In its words"; name != nullptr;) {
+    const std::size_t end = std::min(reason.find('\n'), reason.size());
+    question.lines.push_back({name, std::string(reason.substr(0, end))});
+    reason.remove_prefix(std::min(end + 1, reason.size()));
+    name = reason.empty() ? nullptr : "and";
+  }
+  question.lines.push_back({"Asked by", details.requestor});
   addIf(question.lines, subjectName(details.kind).c_str(), details.subject);
   if (details.version) question.lines.push_back({"Version", std::to_string(*details.version)});
   if (details.allowedTargets) {

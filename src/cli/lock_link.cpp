@@ -135,12 +135,15 @@ LockOutcome LockLink::askOwner(agent::OwnerRequest& request, const agent::LockRe
   const bool isAnswer = request.op == agent::OwnerOp::unlock && request.passphrase;
   const bool systemAsks = !report.systemCheckUnavailable && !isAnswer;
   const bool isForPassphrase = report.hasPassphrase && request.op != agent::OwnerOp::backupRestore;
-  const bool terminalAsks = report.systemCheckUnavailable && !isForPassphrase;
+  const bool phoneAsks = report.phoneUnlocks && request.op == agent::OwnerOp::unlock && !isAnswer &&
+                         request.method != agent::OwnerLock::Method::password;
+  const bool terminalAsks = report.systemCheckUnavailable && !isForPassphrase && !phoneAsks;
   std::optional<platform::PolkitTextAgent> agent;
   if (systemAsks && isTypedHere(options_)) agent.emplace(std::string(reasonOf(request.op)));
   request.answersItself = agent && agent->answersHere();
   if (::isatty(STDERR_FILENO) != 0) {
     if (terminalAsks) note("Waiting for the owner's answer where sorvaned runs (Ctrl-C withdraws it) …");
+    if (phoneAsks) note("Waiting for your answer on the phone (Ctrl-C withdraws it) …");
     if (systemAsks && !request.answersItself) {
       note("Waiting for your answer to the system's question (Ctrl-C withdraws it) …");
     }

@@ -159,7 +159,7 @@ LockManager::Prompt LockManager::prompt() const {
                                (state_.phase == LockPhase::needsPassphrase && !isOverdue()) ||
                                state_.phase == LockPhase::checkingPassphrase;
   if (wantsPassphrase) return PassphrasePrompt{};
-  if (auto sentence = dependencies_.presence.unavailable()) return UnavailablePrompt{*std::move(sentence)};
+  if (auto sentence = dependencies_.presence.unlockUnavailable()) return UnavailablePrompt{*std::move(sentence)};
   return SystemPrompt{choicesOf(hardware_)};
 }
 

@@ -46,6 +46,8 @@ class OwnerPresence {
   /// nullopt: somebody can. What stands in the way of one question only is its answer. Does not wait for a service that
   /// hangs.
   virtual std::optional<std::string> unavailable() = 0;
+  /// The same for the question whether to unlock the vault, which others than the system may answer.
+  virtual std::optional<std::string> unlockUnavailable() { return unavailable(); }
   /// Asks with `reason` shown. Does not block.
   virtual void ask(Check check, const std::string& reason, Reply reply) = 0;
   /// Takes the question back; its reply, if it still comes, is Cancelled. Nothing when there is none.

@@ -49,5 +49,6 @@ inline constexpr std::string_view kLocalProxySetting = "local-proxy";
 inline constexpr std::string_view kLocalProxyWitnessSetting = "local-proxy-witness";
 inline constexpr std::string_view kLocalProxyAnchorSetting = "local-proxy-anchor";
 inline constexpr std::string_view kProxyLedgerHeadSetting = "proxy-ledger-head";
+inline constexpr std::string_view kPairedPhonesSetting = "paired-phones";
 
 }  // namespace sorvane::vault

@@ -11,6 +11,7 @@
 #include "agent/copied_value.h"
 #include "agent/owner_action_handlers.h"
 #include "agent/owner_backups.h"
+#include "agent/owner_phones.h"
 #include "agent/task_sessions.h"
 #include "support/doubles.h"
 #include "vault/vault_fixture.h"
@@ -128,6 +129,27 @@ class StandInBackups final : public agent::OwnerBackups {
   std::promise<std::string> tickets;
 };
 
+class StandInPhones final : public agent::OwnerPhones {
+ public:
+  bool isAnyPaired() override { return paired; }
+  std::string beginPairing() override { return R"({"code":"ABCD"})"; }
+  std::string pairing() override { return R"({"state":"open"})"; }
+  void cancelPairing() override { noted.emplace_back("cancelled"); }
+  std::string list() override { return R"({"phones":[]})"; }
+  Phone find(const std::string& phone) override {
+    if (phone != "Pocket") throw agent::ActionError("no such phone");
+    return {"00ff", phone};
+  }
+  void revoke(const std::string& id) override { noted.push_back("revoked " + id); }
+  std::string test(const std::string& requestor, const std::stop_token&) override {
+    noted.push_back("tested for " + requestor);
+    return R"({"answer":"yes"})";
+  }
+
+  bool paired = true;
+  std::vector<std::string> noted;
+};
+
 class OwnerActions : public VaultFixture {
  protected:
   void SetUp() override {
@@ -151,6 +173,7 @@ class OwnerActions : public VaultFixture {
                     [this](const ActionQuestion& question) {
                       asked_.push_back(question.prompt.reason);
                       details_ = question.details;
+                      anybodysYesCounts_ = question.anybodysYesCounts;
                       if (whileAsked_) whileAsked_();
                       return answer_;
                     },
@@ -174,14 +197,17 @@ class OwnerActions : public VaultFixture {
   StandInApplication application_;
   StandInProxy proxy_;
   StandInBackups backups_;
+  StandInPhones phones_;
   MemoryClipboard clipboard_;
   agent::CopiedValue copied_{clipboard_};
   agent::TaskSessions sessions_{clock_};
   Jobs jobs_{clock_};
-  agent::OwnerActionHandlers actions_{
-      {vault(), grants_, policy_, jobs_, clipboard_, copied_, sessions_, application_, clock_, &proxy_, &backups_}};
+  agent::OwnerActionHandlers actions_{{vault(), grants_, policy_, jobs_, clipboard_, copied_, sessions_, application_,
+                                       clock_, &proxy_, &backups_, &phones_, [this] { return systemMissing_; }}};
+  std::optional<std::string> systemMissing_;
   std::vector<std::string> asked_;
   std::vector<std::string> details_;  ///< of the last question
+  bool anybodysYesCounts_ = false;    ///< of the last question
   std::function<void()> whileAsked_;
   ApprovalResult answer_ = ApprovalResult::byApplication;
 };

@@ -83,6 +83,12 @@ const std::map<std::string, Payload>& validArguments() {
       {"backupPreview", {{"file", "/backup"}}},
       {"backupRestore", {{"file", "/backup"}, {"sha256", "00"}}},
       {"backupUndo", {}},
+      {"phonePair", {}},
+      {"phonePairing", {}},
+      {"phonePairCancel", {}},
+      {"phoneList", {}},
+      {"phoneRevoke", {{"phone", "Pocket"}}},
+      {"phoneTest", {}},
       {"job", {{"id", "nothing"}}},
       {"jobCancel", {{"id", "nothing"}}},
   };
@@ -243,9 +249,7 @@ TEST_F(OwnerActions, whatCannotBeDoneIsRefusedBeforeTheOwnerIsAsked) {
       {{{"action", "policySet"}}, "policySet needs policy or approver. Nothing was changed."},
       {{{"action", "policySet"}, {"approver", "nobody"}},
        "Choose terminal, system, phone or any. Nothing was changed."},
-      {{{"action", "policySet"}, {"approver", "phone"}},
-       "Nothing on this computer can ask the owner by 'phone' yet, so every request would be denied. Nothing was "
-       "changed. Choose terminal or any."},
+      {{{"action", "phoneRevoke"}, {"phone", "Other"}}, "no such phone"},
       {{{"action", "scan"}, {"folder", "here"}}, "scan needs an existing absolute folder. Nothing was read."},
       {{{"action", "storeMove"}, {"to", "elsewhere"}}, "not there"},
       {{{"action", "proxyAnything"}}, "Unsupported proxy action"},
@@ -385,6 +389,33 @@ TEST_F(OwnerActions, aRestoreIsOfWhatWasOpenedBeforeTheQuestion) {
   EXPECT_EQ(backups_.noted, std::vector<std::string>{"restored /b ab recovery MADEU-P protecting"});
   EXPECT_EQ(act({{"action", "backupShow"}, {"file", "/b"}, {"unlock", "guess"}}).error,
             "Choose passphrase, recoveryKey, or none.");
+}
+
+TEST_F(OwnerActions, whoCannotBeHeardAnyMoreKeepsTheOwnerOutOfNothing) {
+  const auto choose = [&](const char* who) { return act({{"action", "policySet"}, {"approver", who}}); };
+  phones_.paired = false;
+  const AgentResponse warned = choose("phone");
+  ASSERT_TRUE(warned.ok);
+  EXPECT_THAT(warned.warnings.value_or(std::vector<std::string>{}), ::testing::SizeIs(1));
+  EXPECT_FALSE(anybodysYesCounts_) << "the policy was not the phone's when it was asked";
+  act({{"action", "phonePair"}});
+  EXPECT_TRUE(anybodysYesCounts_) << "the first phone";
+  act({{"action", "secretRemove"}, {"name", "KEY"}});
+  EXPECT_FALSE(anybodysYesCounts_);
+  phones_.paired = true;
+  act({{"action", "phonePair"}});
+  EXPECT_FALSE(anybodysYesCounts_) << "the second one";
+  act({{"action", "phoneRevoke"}, {"phone", "Pocket"}});
+  EXPECT_TRUE(anybodysYesCounts_) << "it may be lost";
+  EXPECT_THAT(phones_.noted, ::testing::Contains("revoked 00ff"));
+  phones_.paired = false;
+  EXPECT_TRUE(choose("terminal").ok);
+  EXPECT_TRUE(anybodysYesCounts_);
+  act({{"action", "phonePair"}});
+  EXPECT_FALSE(anybodysYesCounts_) << "the terminal is there";
+  EXPECT_TRUE(choose("system").ok);
+  systemMissing_ = "Install polkit.";
+  EXPECT_THAT(choose("system").error.value_or(""), ::testing::StartsWith("Install polkit. Until then"));
 }
 
 }  // namespace

@@ -184,6 +184,7 @@ TEST_F(OwnerServer, reportsTheLockAsItIs) {
             true,
             "There is no agent.",
             agent::LockReport::Progress{3, 9},
+            true,
             {"One.", "Two."},
             "1.2.3",
             "/some/folder"};
@@ -195,7 +196,8 @@ TEST_F(OwnerServer, reportsTheLockAsItIs) {
   EXPECT_EQ(agent::encodeOwnerAnswer(told).view(), agent::encodeOwnerAnswer({{}, report}).view());
   EXPECT_EQ(told.status->systemCheckUnavailable, "There is no agent.");
   EXPECT_EQ(told.status->waitSeconds, 30);
-  EXPECT_TRUE(told.status->heldLocked && told.status->storeIsSealed && told.status->isManaged);
+  EXPECT_TRUE(told.status->phoneUnlocks && told.status->heldLocked && told.status->storeIsSealed &&
+              told.status->isManaged);
 }
 
 TEST_F(OwnerServer, aPeerThatLeavesAndAStopWithdrawWhatTheyWaitFor) {

@@ -125,6 +125,26 @@ TEST_F(Person, aWithdrawnQuestionGivesWayToTheNext) {
   EXPECT_EQ(next.get(), true);
 }
 
+TEST_F(Person, whereThePhonesYesCountsOnlyANoIsAnAnswerHere) {
+  for (const auto& [typed, answer] : {std::pair{"y\n", std::optional<bool>()}, std::pair{"\n", std::optional<bool>()},
+                                      std::pair{"n\n", std::optional(false)}}) {
+    ApprovalContext asked = context();
+    asked.whoseYesCounts = Approver::phone;
+    auto answered = ask(asked);
+    readUntil("Here you can only say no: type n and Enter. [n] ");
+    type(typed);
+    EXPECT_EQ(answered.get(), answer) << typed;
+  }
+  std::stop_source elsewhere;
+  ApprovalContext asked = context();
+  asked.withdrawn = asked.answeredElsewhere = elsewhere.get_token();
+  auto answered = ask(asked);
+  readUntil("[y/N] ");
+  elsewhere.request_stop();
+  EXPECT_EQ(answered.get(), std::nullopt);
+  readUntil("A phone answered this.");
+}
+
 TEST_F(Person, aTurnOfSomebodyElseWaitsForTheQuestionAndKeepsTheNextOneBack) {
   auto first = ask(context("a"));
   readUntil("[y/N] ");

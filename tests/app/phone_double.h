@@ -1,0 +1,53 @@
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "app/phone_questions.h"
+#include "base/mutex.h"
+
+namespace sorvane::test {
+
+/// Paired phones that say what the test has them say.
+class ScriptedPhones final : public app::PhoneQuestions {
+ public:
+  bool served = true, connected = true;
+
+  bool isServed() const override { return served; }
+  bool isConnected() const override { return connected; }
+  Answer ask(const phone::ApprovalDetails& details, const std::stop_token& withdrawn) override {
+    base::Lock lock(mutex_);
+    asked_ = details;
+    changed_.notify_all();
+    changed_.wait(lock.mutex(), withdrawn, [this]() REQUIRES(mutex_) { return answer_.has_value(); });
+    asked_.reset();
+    changed_.notify_all();
+    const auto answer = std::exchange(answer_, std::nullopt);
+    return answer.value_or(Answer{});
+  }
+
+  /// Blocks until a question stands.
+  phone::ApprovalDetails question() {
+    base::Lock lock(mutex_);
+    changed_.wait(lock.mutex(), [this]() REQUIRES(mutex_) { return asked_.has_value(); });
+    return *asked_;
+  }
+  /// Blocks until none does.
+  void waitForNone() {
+    base::Lock lock(mutex_);
+    changed_.wait(lock.mutex(), [this]() REQUIRES(mutex_) { return !asked_; });
+  }
+  void say(Answer::Is is) {
+    const base::Lock lock(mutex_);
+    answer_ = Answer{is, "Pocket", {}};
+    changed_.notify_all();
+  }
+
+ private:
+  base::Mutex mutex_;
+  base::Condition changed_;
+  std::optional<phone::ApprovalDetails> asked_ GUARDED_BY(mutex_);
+  std::optional<Answer> answer_ GUARDED_BY(mutex_);
+};
+
+}  // namespace sorvane::test
