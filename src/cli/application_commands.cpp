@@ -105,7 +105,8 @@ void Commands::addApplication(CLI::App& app) {
   policy.callback([this, word, who] {
     action = [word, who](Session& session) {
       if (!who->empty()) {
-        session.manage("policySet", {{"approver", *who}}, Session::Asks::yes);
+        const auto response = session.manage("policySet", {{"approver", *who}}, Session::Asks::yes);
+        for (const std::string& warning : response.warnings.value_or(std::vector<std::string>{})) note(warning);
         session.options().json ? printJson({{"ok", true}}) : note("Changed.");
         return 0;
       }

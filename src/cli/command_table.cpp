@@ -22,6 +22,7 @@ void addCommands(Commands& commands, CLI::App& app, int count, char** words) {
                                {"proxy", &Commands::addProxy},
                                {"mcp", &Commands::addMcp},
                                {"backup", &Commands::addBackup},
+                               {"phone", &Commands::addPhone},
                                {"log", &Commands::addLog},
                                {"uninstall", &Commands::addUninstall},
                                {"completion", &Commands::addCompletion}};

@@ -29,6 +29,7 @@ struct Commands {
   void addClients(CLI::App& group);  ///< the part of `agent` that edits clients' files
   void addUninstall(CLI::App& app);
   void addBackup(CLI::App& app);
+  void addPhone(CLI::App& app);
   void addLog(CLI::App& app);
   void addProtect(CLI::App& app);
   void addUnprotect(CLI::App& app);
