@@ -50,7 +50,14 @@ class PhoneLink::SealedRegistry final : public phone::Registry {
 
   std::optional<base::SecretText> load() override {
     return withSettings([](vault::SealedSettings& settings) -> std::optional<base::SecretText> {
-      auto text = vault::loadLongSetting(settings, vault::kPairedPhonesSetting, kInPieces);
+      std::optional<std::string> text;
+      try {
+        text = vault::loadLongSetting(settings, vault::kPairedPhonesSetting, kInPieces);
+      } catch (const vault::SettingError& error) {
+        // Of a vault that was before this one: its phones know another computer, and are paired anew.
+        if (error.kind() != vault::SettingError::Case::wrongKey) throw;
+        base::diagnose("phone", error.sentence());
+      }
       if (!text) return std::nullopt;
       base::SecretText record(*text);
       base::wipe(*text);
@@ -59,7 +66,13 @@ class PhoneLink::SealedRegistry final : public phone::Registry {
   }
   void save(const base::SecretText& record) override {
     withSettings([&](vault::SealedSettings& settings) {
-      vault::saveLongSetting(settings, vault::kPairedPhonesSetting, record.view());
+      try {
+        vault::saveLongSetting(settings, vault::kPairedPhonesSetting, record.view());
+      } catch (const vault::SettingError& error) {
+        if (error.kind() != vault::SettingError::Case::wrongKey) throw;
+        settings.remove(vault::kPairedPhonesSetting);
+        vault::saveLongSetting(settings, vault::kPairedPhonesSetting, record.view());
+      }
     });
   }
 
