@@ -59,14 +59,14 @@ constexpr std::array<Shape, kOwnerOpCount> kShapes{
      {"backupPreview", file, passphrase | recoveryKey},
      {"backupRestore", file | sha256, passphrase | recoveryKey | protectKeys | answersItself}}};
 
-using CountOfBackup = std::int64_t BackupCounts::Opened::*;
+using CountOfBackup = std::int64_t OpenedBackupCounts::*;
 constexpr std::array<std::pair<const char*, CountOfBackup>, 6> kCounts{
-    {{"secrets", &BackupCounts::Opened::secrets},
-     {"environments", &BackupCounts::Opened::environments},
-     {"versions", &BackupCounts::Opened::versions},
-     {"values", &BackupCounts::Opened::values},
-     {"events", &BackupCounts::Opened::events},
-     {"providerKeys", &BackupCounts::Opened::providerKeys}}};
+    {{"secrets", &OpenedBackupCounts::secrets},
+     {"environments", &OpenedBackupCounts::environments},
+     {"versions", &OpenedBackupCounts::versions},
+     {"values", &OpenedBackupCounts::values},
+     {"events", &OpenedBackupCounts::events},
+     {"providerKeys", &OpenedBackupCounts::providerKeys}}};
 
 constexpr std::array<std::string_view, 3> kKinds{"done", "needsPassphrase", "refused"};
 
@@ -171,7 +171,7 @@ BackupCounts countsOf(const Json& json) {
   counts.hasRecoveryKey = fields.boolean("hasRecoveryKey");
   const auto exportedAt = fields.text("exportedAt");
   if (!exportedAt) return counts;
-  BackupCounts::Opened& opened = counts.opened.emplace();
+  OpenedBackupCounts& opened = counts.opened.emplace();
   opened.exportedAt = *exportedAt;
   for (const auto& [name, count] : kCounts) opened.*count = fields.needInteger(name);
   return counts;

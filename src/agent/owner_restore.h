@@ -15,19 +15,20 @@ struct BackupToOpen {
   std::optional<base::SecretText> passphrase, recoveryKey;
 };
 
+/// What is in a backup that was opened.
+struct OpenedBackupCounts {
+  std::string exportedAt;
+  std::int64_t secrets = 0, environments = 0, versions = 0, values = 0, events = 0;
+  /// Keys of model providers.
+  std::int64_t providerKeys = 0;
+};
+
 /// What may be told of a backup to any program of the user: no value and no name.
 struct BackupCounts {
   std::string sha256;  ///< of the file, lower-case hexadecimal
   std::int64_t bytes = 0;
   bool isEncrypted = false, hasPassphrase = false, hasRecoveryKey = false;
-  /// Of a backup that was opened.
-  struct Opened {
-    std::string exportedAt;
-    std::int64_t secrets = 0, environments = 0, versions = 0, values = 0, events = 0;
-    /// Keys of model providers.
-    std::int64_t providerKeys = 0;
-  };
-  std::optional<Opened> opened;
+  std::optional<OpenedBackupCounts> opened;
 };
 
 /// OwnerRestore puts a backup in the place of a vault that nothing opens: its passphrase or its key is lost. Where it

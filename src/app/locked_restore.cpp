@@ -71,7 +71,7 @@ Opened opened(const base::Files& files, agent::BackupToOpen backup) {
   result.payload = openBackup(parsed, {std::move(backup.passphrase), std::move(backup.recoveryKey)}).payload;
   const unlock::BackupPayload& payload = *result.payload;
   unlock::requireSoundRecords(payload);
-  BackupCounts::Opened& known = counts.opened.emplace();
+  OpenedBackupCounts& known = counts.opened.emplace();
   known.exportedAt = base::iso8601(payload.exportedAt);
   const auto count = [](const auto& records) { return static_cast<std::int64_t>(records.size()); };
   known.secrets = count(payload.secrets);
@@ -83,7 +83,7 @@ Opened opened(const base::Files& files, agent::BackupToOpen backup) {
   return result;
 }
 
-std::string reasonFor(const agent::BackupToOpen& backup, const BackupCounts::Opened& known) {
+std::string reasonFor(const agent::BackupToOpen& backup, const OpenedBackupCounts& known) {
   return std::string(unlock::kReplaceReason) + " of " + known.exportedAt + " with " + std::to_string(known.secrets) +
          (known.secrets == 1 ? " secret" : " secrets") + ". File: " + backup.file;
 }

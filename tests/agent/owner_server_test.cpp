@@ -148,7 +148,7 @@ TEST_F(OwnerServer, handsBackupsToTheRestoreAndTellsCountsAlone) {
   EXPECT_TRUE(unopened.backup->isEncrypted && unopened.backup->hasRecoveryKey && !unopened.backup->hasPassphrase);
   const OwnerAnswer opened = ask(R"({"op":"backupPreview","file":"/b","recoveryKey":"K"})");
   ASSERT_TRUE(opened.backup && opened.backup->opened);
-  const agent::BackupCounts::Opened& counts = *opened.backup->opened;
+  const agent::OpenedBackupCounts& counts = *opened.backup->opened;
   EXPECT_EQ((std::vector{counts.secrets, counts.environments, counts.versions, counts.values, counts.events,
                          counts.providerKeys}),
             (std::vector<std::int64_t>{1, 2, 3, 4, 5, 6}));
