@@ -17,6 +17,7 @@ namespace sorvane::app {
 namespace {
 
 using agent::BackupCounts;
+using agent::OpenedBackupCounts;
 using agent::LockOutcome;
 
 constexpr std::string_view kNotBuilt =
