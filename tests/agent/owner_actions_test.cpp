@@ -388,7 +388,7 @@ TEST_F(OwnerActions, aRestoreIsOfWhatWasOpenedBeforeTheQuestion) {
   EXPECT_EQ(details_, std::vector<std::string>{"details of /b ab recovery MADEU-P protecting"});
   EXPECT_EQ(backups_.noted, std::vector<std::string>{"restored /b ab recovery MADEU-P protecting"});
   EXPECT_EQ(act({{"action", "backupShow"}, {"file", "/b"}, {"unlock", "guess"}}).error,
-            "Choose passphrase, recoveryKey, or none.");
+            "The argument unlock is passphrase or recoveryKey. Nothing was done.");
 }
 
 TEST_F(OwnerActions, whoCannotBeHeardAnyMoreKeepsTheOwnerOutOfNothing) {
