@@ -47,6 +47,10 @@ struct TerminalApprover::Waiting {
 std::optional<bool> TerminalApprover::ask(const OwnerApprovalPrompt& prompt, const ApprovalContext& context) {
   Waiting own{context, {}};
   if (!waitForTurn(own, context.withdrawn)) return own.answer;
+  if (!letHandsRest(context.withdrawn)) {
+    endTurn(own);
+    return std::nullopt;
+  }
   std::optional<bool> answer = put(own, prompt);
   if (answer) {
     const std::size_t together = answerEqual(own, *answer);
@@ -56,6 +60,7 @@ std::optional<bool> TerminalApprover::ask(const OwnerApprovalPrompt& prompt, con
     show(context.answeredElsewhere.stop_requested() ? "\nA phone answered this.\n"
          : context.withdrawn.stop_requested()       ? "\nThe request was withdrawn.\n"
                                                     : "\nNo answer came; nothing was allowed here.\n");
+    restsUntil_ = std::chrono::steady_clock::now() + rest_;
   }
   endTurn(own);
   return answer;
@@ -105,6 +110,12 @@ void TerminalApprover::endTurn(Waiting& own) {
   taken_ = false;
   waiting_.remove(&own);
   turnChanged_.notify_all();
+}
+
+bool TerminalApprover::letHandsRest(const std::stop_token& withdrawn) {
+  base::Lock lock(mutex_);
+  turnChanged_.wait_until(lock.mutex(), withdrawn, restsUntil_, [] { return false; });
+  return !withdrawn.stop_requested();
 }
 
 std::size_t TerminalApprover::countEqual(const Waiting& own) {

@@ -15,6 +15,9 @@ namespace sorvane::agent {
 
 /// How long a question stands on the terminal.
 inline constexpr std::chrono::seconds kAnswerSeconds{120};
+/// How long the terminal is left alone behind a question that vanished: a yes on its way to that one must not fall on
+/// another in its place.
+inline constexpr std::chrono::milliseconds kHandsRest{1000};
 
 /// TerminalApprover asks on the terminal that the application runs on. One question stands at a time, the others wait
 /// in their order. What was typed before a question appeared is discarded; only "y" or "yes" and Enter allow, and
@@ -25,8 +28,9 @@ inline constexpr std::chrono::seconds kAnswerSeconds{120};
 class TerminalApprover final : public ApprovalProvider {
  public:
   /// Takes the descriptors of the terminal, which may be the same file opened twice.
-  TerminalApprover(base::Descriptor input, base::Descriptor output, std::chrono::milliseconds patience = kAnswerSeconds)
-      : input_(std::move(input)), output_(std::move(output)), patience_(patience) {}
+  TerminalApprover(base::Descriptor input, base::Descriptor output, std::chrono::milliseconds patience = kAnswerSeconds,
+                   std::chrono::milliseconds rest = kHandsRest)
+      : input_(std::move(input)), output_(std::move(output)), patience_(patience), rest_(rest) {}
 
   std::optional<bool> ask(const OwnerApprovalPrompt& prompt, const ApprovalContext& context) override;
 
@@ -42,6 +46,8 @@ class TerminalApprover final : public ApprovalProvider {
   std::optional<std::string> readLine(const std::stop_token& withdrawn);
   /// Waits for the turn of `own`, which is queued already; false when it needs none any more.
   bool waitForTurn(Waiting& own, const std::stop_token& withdrawn) EXCLUDES(mutex_);
+  /// Waits where the question before vanished just now; false when this one is withdrawn meanwhile.
+  bool letHandsRest(const std::stop_token& withdrawn) EXCLUDES(mutex_);
   void endTurn(Waiting& own) EXCLUDES(mutex_);
   std::size_t countEqual(const Waiting& own) EXCLUDES(mutex_);
   /// Hands the answer to the equal requests that wait; returns how many there were with the own one.
@@ -51,7 +57,9 @@ class TerminalApprover final : public ApprovalProvider {
   // Constant after construction.
   const base::Descriptor input_;
   const base::Descriptor output_;
-  const std::chrono::milliseconds patience_;
+  const std::chrono::milliseconds patience_, rest_;
+  // Of whoever has the turn.
+  std::chrono::steady_clock::time_point restsUntil_{};
   // Guarded. A leaf: the terminal is used without it, by whoever has the turn.
   base::Mutex mutex_;
   base::Condition turnChanged_;

@@ -17,8 +17,8 @@ namespace sorvane::app {
 namespace {
 
 using agent::BackupCounts;
-using agent::OpenedBackupCounts;
 using agent::LockOutcome;
+using agent::OpenedBackupCounts;
 
 constexpr std::string_view kNotBuilt =
     "The new vault could not be written. Nothing was restored and the present vault is unchanged. Check that the "

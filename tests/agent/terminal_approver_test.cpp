@@ -120,7 +120,9 @@ TEST_F(Person, aWithdrawnQuestionGivesWayToTheNext) {
   gone.request_stop();
   EXPECT_EQ(withdrawn.get(), std::nullopt);
   readUntil("The request was withdrawn.");
+  type("y\n");  // meant for the first
   readUntil("[y/N] ");
+  EXPECT_EQ(next.wait_for(100ms), std::future_status::timeout);
   type("y\n");
   EXPECT_EQ(next.get(), true);
 }
