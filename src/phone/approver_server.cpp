@@ -6,6 +6,7 @@
 
 #include <deque>
 #include <future>
+#include <system_error>
 #include <thread>
 
 #include "base/diagnostics.h"
@@ -143,7 +144,13 @@ void ApproverServer::Impl::open() {
   sigfillset(&all);
   // Signals are for the threads that wait for them.
   ::pthread_sigmask(SIG_SETMASK, &all, &earlier);
-  thread_ = std::thread([this, &service = *service_] { run(service); });
+  try {
+    thread_ = std::thread([this, &service = *service_] { run(service); });
+  } catch (const std::system_error&) {
+    for (const auto& work : takeWork(true)) work(nullptr);
+    service_.reset();
+    base::diagnose("phone", "no thread could be begun, so no phone is served");
+  }
   ::pthread_sigmask(SIG_SETMASK, &earlier, nullptr);
 }
 

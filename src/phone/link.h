@@ -52,9 +52,10 @@ class Link {
   LinkState state() const { return state_; }
   const std::string& address() const { return address_; }
   const Challenge& challenge() const { return challenge_; }
-  /// Only while served.
+  /// Only once served.
   const PublicKey& phone() const { return phone_; }
   const Channel& channel() const { return *channel_; }
+  bool wasServed() const { return channel_.has_value(); }
   bool isOf(const PublicKey& phone) const { return state_ == LinkState::served && phone_ == phone; }
   void serve(const PublicKey& phone, Channel channel);
   /// Sends what is left and goes; nothing is read any more.

@@ -191,7 +191,7 @@ void Links::sweep() {
     at = next;
   }
   for (const auto& link : gone) {
-    if (link->state() != LinkState::challenged) handler_.gone(*link);
+    if (link->wasServed()) handler_.gone(*link);
   }
 }
 
