@@ -102,11 +102,6 @@ int finish(Waiter::End end, Desk& desk, const std::string& macName) {
                          " ended the pairing, so this device's keys for it were removed. Nothing more can be "
                          "answered here until you pair again.\n");
       return 0;
-    case Waiter::End::refused:
-      desk.terminal.show(name +
-                         " does not know this device any more. Nothing was answered. Run sorvane-approver forget "
-                         "here, and pair again.\n");
-      return kDenied;
     case Waiter::End::terminalGone:
       desk.terminal.show("\nStopped. Nothing more is answered.\n");
       return 0;
@@ -132,9 +127,9 @@ class PairingTry {
     });
     const auto end = talk_->open();
     if (!end) return true;
-    // What an address further on says may be better; what this one said counts otherwise.
+    // What an address further on says may be better, and nothing proves who refused here; what came last is said.
     end_ = end;
-    return *end == Talk::End::refused || *end == Talk::End::terminalGone;
+    return *end == Talk::End::terminalGone;
   }
   bool isPaired() const { return link_ && link_->isOpen(); }
   std::optional<Talk::End> end() const { return end_; }

@@ -29,7 +29,7 @@ void Questions::ask(Question question) {
   const auto life = std::min<base::Instant::duration>(question.expiresAt - clock_.wall(), kLongestLife);
   waiting_.push_back({std::move(question), clock_.instant() + life});
   if (waiting_.size() == 1) {
-    countsFrom_ = clock_.instant();
+    countsFrom_ = std::max(countsFrom_, clock_.instant());
     showFirst();
   } else {
     // Said without touching the question that is being answered.
@@ -69,6 +69,7 @@ void Questions::withdraw(const std::string& id) {
 void Questions::withdrawAll() {
   if (waiting_.empty()) return;
   waiting_.clear();
+  countsFrom_ = clock_.instant() + kTimeToNotice;
   screen_.show("\nThe link ended before this was answered. Nothing was answered here.\n");
 }
 

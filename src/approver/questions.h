@@ -13,7 +13,8 @@ namespace sorvane::approver {
 
 /// Questions shows one question after the other and takes the answer to the one that is shown. Only a line typed behind
 /// the question counts: what was typed before is thrown away when it appears, and an answer that comes at once after
-/// another question was taken back is taken for that one's. Enter alone is no answer. One thread.
+/// another question was taken back, or lost with its link, is taken for that one's, whichever stands there then. Enter
+/// alone is no answer. One thread.
 class Questions {
  public:
   struct Screen {

@@ -56,7 +56,7 @@ Waiter::End Waiter::run(Talk& open) {
   return run();
 }
 
-/// True when the place is the computer's, also when it then said no.
+/// True when the place is the computer's, or nobody can answer here any more.
 bool Waiter::connect(const Place& place) {
   auto connection = Connection::open(place, kConnectTime, ports_.signals);
   if (!connection) return false;
@@ -75,20 +75,24 @@ bool Waiter::connect(const Place& place) {
   if (*end == Talk::End::wrongComputer)
     sayOnce("At " + base::escapedForDisplay(textOf(place)) +
             " another computer answered than the one this device is paired with. Nothing was answered.");
+  // Nothing proves who says this: whoever has seen the computer's public key can stand at its address.
+  if (*end == Talk::End::refused)
+    sayOnce(
+        "At " + base::escapedForDisplay(textOf(place)) +
+        " it was said that this device is not known there. Nothing proves that your computer said it. If the pairing "
+        "was ended there, run sorvane-approver forget here, and pair again; until then this device tries on.");
+  if (*end != Talk::End::terminalGone) return false;
   lastEnd_ = end;
-  const bool isFinal = *end == Talk::End::refused || *end == Talk::End::terminalGone;
-  if (!isFinal) lastEnd_.reset();
-  return isFinal;
+  return true;
 }
 
 std::optional<Waiter::End> Waiter::afterwards(Talk::End end) {
   switch (end) {
     case Talk::End::unpaired:
       return End::unpaired;
-    case Talk::End::refused:
-      return End::refused;
     case Talk::End::terminalGone:
       return End::terminalGone;
+    case Talk::End::refused:
     case Talk::End::lost:
       sayOnce("The link ended. Connecting again …");
       break;

@@ -41,7 +41,7 @@ class Waiter {
   Waiter(const Talk::Ports& ports, const Finder& finder, const Paired& paired)
       : ports_(ports), finder_(finder), file_(paired.file), pairing_(paired.pairing), seen_(paired.seen) {}
 
-  enum class End { unpaired, refused, terminalGone };
+  enum class End { unpaired, terminalGone };
   /// Goes on until the pairing ends or nobody can answer any more. Throws Interrupted.
   End run();
   /// The same, beginning with a link that is open already.

@@ -96,6 +96,18 @@ TEST_F(ApproverQuestions, takesNoAnswerForAQuestionThatTookAnothersPlace) {
   }
 }
 
+TEST_F(ApproverQuestions, takesNoAnswerForAQuestionThatCameAMomentAfterAnotherVanished) {
+  for (const bool isLinkGone : {false, true}) {
+    questions.ask(question("one"));
+    isLinkGone ? questions.withdrawAll() : questions.withdraw("one");
+    clock.advance(40ms);
+    questions.ask(question("two"));
+    EXPECT_FALSE(questions.take("y")) << isLinkGone;
+    clock.advance(Questions::kTimeToNotice);
+    EXPECT_EQ(questions.take("y")->id, "two");
+  }
+}
+
 TEST_F(ApproverQuestions, takesQuestionsBack) {
   EXPECT_FALSE(questions.nextExpiry());
   questions.ask(question("one"));
