@@ -175,7 +175,7 @@ class Approver(House):
         device.type("y\ny")  # before anything is asked
         first = computer.ask("one", "read\x1b[2Jme\n[y/n] ")
         shown = device.wait_for(ALLOW)
-        for words in (r"read\x1b[2Jme\n[y/n]", "STRIPE_KEY", "agent", '"3"', "Time left"):
+        for words in (r'"read\x1b[2Jme"', '"[y/n] "', "STRIPE_KEY", "agent", '"3"', "Time left"):
             self.assertIn(words, shown)
         second = computer.ask("two", "the second")
         device.wait_for(r"1 more waits[^[]*\[y/n\] $")
