@@ -86,5 +86,5 @@ function(room_test name)
   target_compile_options(${name}_test PRIVATE ${SORVANE_UNOPTIMISED})
   target_compile_definitions(${name}_test PRIVATE SORVANE_CORPORA="${CMAKE_CURRENT_SOURCE_DIR}/tests/corpora"
                              SORVANE_SOURCE="${CMAKE_CURRENT_SOURCE_DIR}" SORVANE_BUILD="${CMAKE_CURRENT_BINARY_DIR}")
-  gtest_discover_tests(${name}_test DISCOVERY_MODE PRE_TEST PROPERTIES LABELS ${name} TIMEOUT 120)
+  gtest_discover_tests(${name}_test DISCOVERY_MODE PRE_TEST PROPERTIES LABELS ${name} TIMEOUT 300)
 endfunction()
