@@ -44,6 +44,8 @@ class JsonWriter {
 
   void reserve(std::size_t bytes) { text_.reserve(bytes); }
   std::string_view view() const { return text_.view(); }
+  /// Forgets the text written so far and goes on behind it: for who takes a large text a piece at a time.
+  void drop() { text_.truncate(0); }
   SecretText take() { return std::move(text_); }
 
  private:

@@ -11,6 +11,28 @@
 
 namespace sorvane::crypto {
 
+struct Sha256::State {
+  SHA256_CTX context{};
+};
+
+Sha256::Sha256() : state_(std::make_unique<State>()) {
+  SHA256_Init(&state_->context);
+}
+
+Sha256::~Sha256() {
+  base::wipe(state_.get(), sizeof(State));
+}
+
+void Sha256::update(std::span<const std::uint8_t> piece) {
+  SHA256_Update(&state_->context, piece.data(), piece.size());
+}
+
+Sha256Digest Sha256::finish() {
+  Sha256Digest digest{};
+  SHA256_Final(digest.data(), &state_->context);
+  return digest;
+}
+
 Sha256Digest sha256(std::span<const std::uint8_t> bytes) {
   Sha256Digest digest{};
   SHA256_CTX context;

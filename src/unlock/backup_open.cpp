@@ -43,11 +43,10 @@ void requireAcceptedNames(const BackupPayload& payload) {
 
 BackupPayload openPlain(const BackupEnvelope& envelope) {
   BackupPayload payload = decodePayload(envelope.plaintext->view());
-  const base::SecretText encoded = encodePayload(payload);
-  const auto matches = [&](const base::SecretText& text) {
-    return envelope.checksum == base::base64(crypto::sha256(text.bytes()));
+  const auto matches = [&](Slashes slashes) {
+    return envelope.checksum == base::base64(payloadDigest(payload, slashes));
   };
-  if (!matches(encoded) && !matches(withEscapedSlashes(encoded.view()))) throw CryptoError(Case::malformedBackup);
+  if (!matches(Slashes::plain) && !matches(Slashes::escaped)) throw CryptoError(Case::malformedBackup);
   return payload;
 }
 

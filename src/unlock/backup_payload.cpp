@@ -3,6 +3,7 @@
 #include <simdjson.h>
 
 #include <algorithm>
+#include <functional>
 #include <iterator>
 #include <optional>
 #include <variant>
@@ -20,7 +21,7 @@ namespace {
 using Malformed = JsonCursor::Malformed;
 
 constexpr std::string_view kPolicyFormat = "deployment-policy-v1";
-/// Records are decoded in runs of about this many characters, so that the decoder's working memory stays small.
+/// Records are decoded and digested in runs of about this many characters, so that the working memory stays small.
 constexpr std::size_t kRunBytes = 1U << 20;
 
 // Rough sizes of the JSON around the texts of a record, so that the payload is written in one piece.
@@ -43,20 +44,27 @@ base::SecretText canonicalCloudCache(std::string_view text) {
   return canonicalJson(text);
 }
 
+/// Called behind every record; may take what is written and drop it.
+using Between = std::function<void(base::JsonWriter& writer)>;
+
 template <typename Record>
-void writeList(base::JsonWriter& writer, std::string_view name, const std::vector<Record>& records) {
+void writeList(base::JsonWriter& writer, std::string_view name, const std::vector<Record>& records,
+               const Between& between) {
   writer.key(name).beginArray();
-  for (const Record& record : records) vault::write(writer, record);
+  for (const Record& record : records) {
+    vault::write(writer, record);
+    between(writer);
+  }
   writer.endArray();
 }
 
-void writePayload(base::JsonWriter& writer, const BackupPayload& payload) {
+void writeContents(base::JsonWriter& writer, const BackupPayload& payload, const Between& between) {
   writer.beginObject();
-  writeList(writer, "audit", payload.audit);
+  writeList(writer, "audit", payload.audit, between);
   if (payload.cloudCache) writer.key("cloudCache").raw(canonicalCloudCache(payload.cloudCache->view()).view());
   writer.field("exportedAt", base::iso8601(payload.exportedAt));
-  writeList(writer, "projects", payload.projects);
-  writeList(writer, "secrets", payload.secrets);
+  writeList(writer, "projects", payload.projects, between);
+  writeList(writer, "secrets", payload.secrets, between);
   writer.key("values").beginArray();
   for (const vault::SecretValueEntry& entry : payload.values) {
     writer.beginObject();
@@ -64,9 +72,30 @@ void writePayload(base::JsonWriter& writer, const BackupPayload& payload) {
     writer.field("value", entry.value.view());
     writer.key("version").integer(entry.version);
     writer.endObject();
+    between(writer);
   }
   writer.endArray();
   writer.endObject();
+}
+
+/// The payload, under its marker where it has one.
+void writePayload(base::JsonWriter& writer, const BackupPayload& payload, const Between& between) try {
+  if (!limitsDeploymentTargets(payload.secrets)) return writeContents(writer, payload, between);
+  writer.beginObject();
+  writer.field("format", kPolicyFormat);
+  writer.key("payload");
+  writeContents(writer, payload, between);
+  writer.endObject();
+} catch (const Malformed&) {
+  throw CryptoError(CryptoError::Case::sealFailed);
+}
+
+void updateEscaped(crypto::Sha256& digest, std::string_view text) {
+  for (std::size_t slash; (slash = text.find('/')) != std::string_view::npos; text.remove_prefix(slash + 1)) {
+    digest.update(base::bytesOf(text.substr(0, slash)));
+    digest.update(base::bytesOf("\\/"));
+  }
+  digest.update(base::bytesOf(text));
 }
 
 /// The members of an object that are known, each seen once.
@@ -233,32 +262,30 @@ bool limitsDeploymentTargets(const std::vector<vault::Secret>& secrets) {
   });
 }
 
-base::SecretText encodePayload(const BackupPayload& payload) try {
+base::SecretText encodePayload(const BackupPayload& payload) {
   base::JsonWriter writer;
   writer.reserve(estimateOf(payload));
-  if (!limitsDeploymentTargets(payload.secrets)) {
-    writePayload(writer, payload);
-    return writer.take();
-  }
-  writer.beginObject();
-  writer.field("format", kPolicyFormat);
-  writer.key("payload");
-  writePayload(writer, payload);
-  writer.endObject();
+  writePayload(writer, payload, [](base::JsonWriter&) {});
   return writer.take();
-} catch (const Malformed&) {
-  throw CryptoError(CryptoError::Case::sealFailed);
 }
 
-base::SecretText withEscapedSlashes(std::string_view encoded) {
-  base::SecretText escaped;
-  escaped.reserve(encoded.size() + static_cast<std::size_t>(std::count(encoded.begin(), encoded.end(), '/')));
-  for (std::size_t slash; (slash = encoded.find('/')) != std::string_view::npos; encoded.remove_prefix(slash + 1)) {
-    escaped.append(encoded.substr(0, slash));
-    escaped.append("\\/");
-  }
-  escaped.append(encoded);
-  return escaped;
+crypto::Sha256Digest payloadDigest(const BackupPayload& payload, Slashes slashes) {
+  crypto::Sha256 digest;
+  const auto take = [&](base::JsonWriter& writer) {
+    if (slashes == Slashes::escaped) {
+      updateEscaped(digest, writer.view());
+    } else {
+      digest.update(base::bytesOf(writer.view()));
+    }
+    writer.drop();
+  };
+  base::JsonWriter writer;
+  writer.reserve(2 * kRunBytes);
+  writePayload(writer, payload, [&](base::JsonWriter& w) {
+    if (w.view().size() >= kRunBytes) take(w);
+  });
+  take(writer);
+  return digest.finish();
 }
 
 bool isText(std::string_view text) {

@@ -4,6 +4,7 @@
 
 #include "base/clock.h"
 #include "base/secret_text.h"
+#include "crypto/digest.h"
 #include "vault/vault_contents.h"
 
 namespace sorvane::unlock {
@@ -29,9 +30,12 @@ bool limitsDeploymentTargets(const std::vector<vault::Secret>& secrets);
 /// limited to targets the payload is wrapped under a format marker.
 base::SecretText encodePayload(const BackupPayload& payload);
 
-/// The other form of an encoded payload that checksums are accepted over: every forward slash written behind a
-/// backslash, as macOS's standard encoder does.
-base::SecretText withEscapedSlashes(std::string_view encoded);
+/// How forward slashes stand in the text that a checksum is taken of: plain, or each behind a backslash as macOS's
+/// standard encoder writes them.
+enum class Slashes { plain, escaped };
+
+/// The SHA-256 of what encodePayload gives, without ever holding all of it. Throws as encodePayload.
+crypto::Sha256Digest payloadDigest(const BackupPayload& payload, Slashes slashes);
 
 /// Whether the text is UTF-8, decided at the speed of memory.
 bool isText(std::string_view text);

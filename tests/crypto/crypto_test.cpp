@@ -91,6 +91,16 @@ TEST(Digest, followsThePublishedExamples) {  // FIPS 180-4 examples
   EXPECT_EQ(sha256Hex({}), "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
 }
 
+TEST(Digest, isTheSameInPieces) {
+  const std::string text(1000, 'x');
+  for (const std::size_t piece : {1U, 63U, 64U, 65U, 1000U}) {
+    Sha256 digest;
+    for (std::size_t at = 0; at < text.size(); at += piece) digest.update(base::bytesOf(text.substr(at, piece)));
+    digest.update({});
+    EXPECT_EQ(digest.finish(), sha256(base::bytesOf(text))) << piece;
+  }
+}
+
 TEST(Derivation, followsThePublishedVectors) {
   int cases = 0;
   const auto vectors = [&](const char* file, const auto& check) {

@@ -132,6 +132,19 @@ TEST(BackupFormat, refusesEveryFaultWithItsSentence) {
   EXPECT_EQ(cases, 501);
 }
 
+TEST(BackupFormat, takesChecksumsOfLargePayloadsInEitherForm) {
+  // Larger than the runs that a payload is digested in, with slashes wherever a run may end.
+  BackupPayload payload = samplePayload();
+  for (int version = 10; version < 20; ++version) {
+    payload.values.push_back({payload.secrets[0].id, version, SecretText(std::string(300'000, '/'))});
+  }
+  const SecretText plain = encodePayload(payload);
+  std::string escaped;
+  for (const char c : plain.view()) escaped += c == '/' ? std::string("\\/") : std::string(1, c);
+  EXPECT_EQ(payloadDigest(payload, Slashes::plain), crypto::sha256(plain.bytes()));
+  EXPECT_EQ(payloadDigest(payload, Slashes::escaped), crypto::sha256(base::bytesOf(escaped)));
+}
+
 TEST(BackupFormat, refusesEverySingleChangedBitOfASealedFile) {
   // One wrap and a small cost: every part of the file counts, and each of the keys can be derived.
   const BackupSecret secret = withPassphrase("correct horse caf\u00e9 battery");
