@@ -115,9 +115,13 @@ base::Bytes PresenceKey::sign(std::span<const std::uint8_t> message) const {
   return signature;
 }
 
+bool isPresenceKey(const PresencePublicKey& key) noexcept {
+  // The library also takes other forms of a point, and tells them by the first byte.
+  return key[0] == 0x04 && keyOf(key, nullptr) != nullptr;
+}
+
 bool verifyPresence(const PresencePublicKey& key, std::span<const std::uint8_t> message,
                     std::span<const std::uint8_t> signature) noexcept {
-  // The library also takes other forms of a point, and tells them by the first byte.
   if (key[0] != 0x04 || signature.empty()) return false;
   const Key publicKey = keyOf(key, nullptr);
   const DigestContext context(EVP_MD_CTX_new());

@@ -37,6 +37,8 @@ class PresenceKey {
   PresencePublicKey publicKey_{};
 };
 
+/// Whether the bytes are a point of the curve in uncompressed form: a key that something can be verified under.
+bool isPresenceKey(const PresencePublicKey& key) noexcept;
 /// Whether `signature` is one of `message` under `key`, in strict DER with nothing behind it. Foreign bytes of any kind
 /// are false, also a key that is no point of the curve; never throws.
 bool verifyPresence(const PresencePublicKey& key, std::span<const std::uint8_t> message,

@@ -4,6 +4,7 @@
 
 #include "base/diagnostics.h"
 #include "crypto/digest.h"
+#include "crypto/presence_key.h"
 #include "phone/local_addresses.h"
 #include "phone/phone_error.h"
 
@@ -115,7 +116,9 @@ void LinkService::pair(Link& link, const Envelope& envelope) {
   auto channel = Channel::of(Side::mac, record_.identity, request.phonePublicKey);
   if (!channel) return end(link, Verdict::unreadable);
   const auto confirm = channel->open<PairConfirm>(request.sealedConfirm);
-  if (!confirm || confirm->phonePublicKey != request.phonePublicKey) return end(link, Verdict::unreadable);
+  if (!confirm || confirm->phonePublicKey != request.phonePublicKey || !crypto::isPresenceKey(confirm->presenceKey)) {
+    return end(link, Verdict::unreadable);
+  }
   bool isRight = false;
   {
     const base::Lock lock(view_.mutex);

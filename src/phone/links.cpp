@@ -175,7 +175,14 @@ void Links::accept(base::Descriptor socket) {
   const int on = 1;
   ::fcntl(socket.get(), F_SETFL, O_NONBLOCK);
   ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+  // A phone that vanished without a word is gone within a minute: while it seems connected, questions wait for it.
   ::setsockopt(socket.get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
+#if defined(TCP_KEEPIDLE) && defined(TCP_KEEPINTVL) && defined(TCP_KEEPCNT)
+  const int idleSeconds = 30, betweenSeconds = 10, probes = 3;
+  ::setsockopt(socket.get(), IPPROTO_TCP, TCP_KEEPIDLE, &idleSeconds, sizeof idleSeconds);
+  ::setsockopt(socket.get(), IPPROTO_TCP, TCP_KEEPINTVL, &betweenSeconds, sizeof betweenSeconds);
+  ::setsockopt(socket.get(), IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
+#endif
 #ifdef SO_NOSIGPIPE
   ::setsockopt(socket.get(), SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
 #endif
