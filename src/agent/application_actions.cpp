@@ -146,7 +146,7 @@ ActionPlan OwnerActionHandlers::policySet(const ActionArguments& arguments, Acti
     return response;
   });
   // A policy that waits for a phone that is not there could not be changed any more.
-  plan.question->anybodysYesCounts = waitsForNoPhone();
+  plan.question->whoseYesCounts = standInForPhone();
   return plan;
 }
 

@@ -18,6 +18,11 @@ ApprovalPolicy::Settings settingsOf(std::string_view text) {
 
 }  // namespace
 
+ApprovalPolicy::Settings ApprovalPolicy::read(vault::SealedSettings& settings) {
+  const auto stored = settings.load(vault::kApprovalPolicySetting);
+  return stored ? settingsOf(stored->view()) : Settings{};
+}
+
 ApprovalPolicy::Settings ApprovalPolicy::current() {
   const std::string generation = vault_.generation();
   std::uint64_t seen = 0;
@@ -28,8 +33,7 @@ ApprovalPolicy::Settings ApprovalPolicy::current() {
   }
   Settings settings;
   try {
-    if (const auto stored = vault_.settings().load(vault::kApprovalPolicySetting))
-      settings = settingsOf(stored->view());
+    settings = read(vault_.settings());
   } catch (const base::Error& error) {
     base::diagnose("agent", "the approval policy could not be read, so every request is asked: " + error.sentence());
     const base::Lock lock(mutex_);

@@ -8,8 +8,9 @@
 #include "base/mutex.h"
 
 namespace sorvane::vault {
+class SealedSettings;
 class Vault;
-}
+}  // namespace sorvane::vault
 
 namespace sorvane::agent {
 
@@ -23,6 +24,8 @@ class ApprovalPolicy {
     AgentApproval approval = AgentApproval::perRequest;
     Approver approver = Approver::any;
   };
+  /// As it is kept; nothing kept is the usual. Throws vault::SettingError when it cannot be read.
+  static Settings read(vault::SealedSettings& settings);
   /// Does not throw.
   Settings current();
   /// Throws vault::SettingError when it could not be saved; the earlier policy then stays.

@@ -175,7 +175,9 @@ bool Approvals::mustAsk(const ApprovalQuestion& question) {
 }
 
 ApprovalResult Approvals::ask(const ApprovalQuestion& question, bool& saidNo) {
-  const Approver approver = question.anybodysYesCounts || !ports_.approver ? Approver::any : ports_.approver();
+  const Approver approver = question.whoseYesCounts ? *question.whoseYesCounts
+                            : ports_.approver       ? ports_.approver()
+                                                    : Approver::any;
   if (ports_.provider != nullptr && approver != Approver::system) {
     ApprovalContext context = question.context;
     context.whoseYesCounts = approver;

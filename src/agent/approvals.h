@@ -36,8 +36,8 @@ struct ApprovalQuestion {
   /// Of the environment rules: what an answer of the system's prompt is remembered for.
   std::string environmentId;
   std::int64_t generation = 0;
-  /// Whatever the policy says of whose: for what brings the owner back who can say yes no more.
-  bool anybodysYesCounts = false;
+  /// Whatever the policy says: for what brings the owner back who can say yes no more.
+  std::optional<Approver> whoseYesCounts;
 };
 
 /// ApprovalRefused tells an agent why the owner was not even asked.

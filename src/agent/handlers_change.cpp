@@ -236,7 +236,7 @@ AgentResponse Handlers::manageVault(Call& call) {
                       OperationQuestion question;
                       question.prompt = asked.prompt;
                       question.details = asked.details;
-                      question.anybodysYesCounts = asked.anybodysYesCounts;
+                      question.whoseYesCounts = asked.whoseYesCounts;
                       return call.ask(question);
                     },
                     [&call] { return call.withdrawn(); }};

@@ -25,8 +25,8 @@ struct OperationQuestion {
   std::vector<std::string> commandWords;
   std::optional<std::string> directory;
   std::vector<std::string> details;
-  std::string environmentId;       ///< of the environment rules
-  bool anybodysYesCounts = false;  ///< whatever the policy says of whose
+  std::string environmentId;               ///< of the environment rules
+  std::optional<Approver> whoseYesCounts;  ///< whatever the policy says
 };
 
 /// Call is one authenticated request on its connection's thread. What costs (the name of the peer process, the digest)

@@ -163,8 +163,8 @@ class OwnerActionHandlers final : public OwnerActions {
   OwnerProxy& runningProxy() const;
   OwnerBackups& backups() const;
   OwnerPhones& phones() const;
-  /// Whether the yes that counts can come from nobody: it is the phone's, and none is paired.
-  bool waitsForNoPhone() const;
+  /// Whose yes counts in the place of the phone's, where the policy has that count and none can come.
+  std::optional<Approver> standInForPhone() const;
   void requireSystemCheck() const;
   proxy::ProxyGrantStatus grantNamed(const ActionArguments& arguments) const;
   void writeSummary(base::JsonWriter& out, const vault::Secret& secret, std::int64_t graceDays);

@@ -18,7 +18,7 @@ struct ActionQuestion {
   std::vector<std::string>
       details;  ///< further lines of the system's own words, such as how many environments are touched
   /// Whatever the policy says of whose: without it an owner whose yes cannot come any more would be kept out.
-  bool anybodysYesCounts = false;
+  std::optional<Approver> whoseYesCounts;
 };
 
 /// ActionCall is one `manageVault` request of the controller, already authenticated. It lives for the call; the

@@ -1,8 +1,17 @@
+#include <array>
+
 #include "agent/owner_action_handlers.h"
 #include "agent/owner_phones.h"
 
 namespace sorvane::agent {
 namespace {
+
+constexpr std::array<std::string_view, 2> kPairingDetails{
+    "From then on the phone may allow what agents ask, and open the vault where that takes no passphrase.",
+    "The program that asks is shown the pairing code. Whoever reads the code within two minutes can be the phone."};
+constexpr std::string_view kListIsReplaced =
+    "The list of the phones paired earlier cannot be read. A new list takes its place, and no phone of the earlier one "
+    "can answer any more.";
 
 AgentResponse withText(std::string document) {
   AgentResponse response = done();
@@ -18,21 +27,30 @@ OwnerPhones& OwnerActionHandlers::phones() const {
   return *ports_.phones;
 }
 
-bool OwnerActionHandlers::waitsForNoPhone() const {
-  return ports_.policy.current().approver == Approver::phone && (ports_.phones == nullptr || !phones().isAnyPaired());
+std::optional<Approver> OwnerActionHandlers::standInForPhone() const {
+  if (ports_.policy.current().approver != Approver::phone) return std::nullopt;
+  if (ports_.phones == nullptr) return Approver::any;
+  if (phones().isAnyPaired()) return std::nullopt;
+  // There may be phones of which nothing can be read: who spoiled their list does not get around their owner.
+  return phones().isListKnown() ? Approver::any : Approver::system;
 }
 
 ActionPlan OwnerActionHandlers::phonePair(const ActionArguments& arguments, ActionCall& call) {
-  ActionPlan plan = asking(call, "pair a phone",
-                           [this, access = access(call, arguments)] {
-                             AgentResponse response = withText(phones().beginPairing());
-                             ports_.vault.log(access);
-                             return response;
-                           },
-                           {"From then on the phone may allow what agents ask, and open the vault where that takes no "
-                            "passphrase."});
+  phones().checkPairing();
+  const bool isKnown = phones().isListKnown();
+  const auto unreadable = isKnown ? OwnerPhones::Unreadable::keep : OwnerPhones::Unreadable::replace;
+  std::vector<std::string> details(kPairingDetails.begin(), kPairingDetails.end());
+  if (!isKnown) details.emplace_back(kListIsReplaced);
+  ActionPlan plan = asking(
+      call, "pair a phone",
+      [this, unreadable, access = access(call, arguments)] {
+        AgentResponse response = withText(phones().beginPairing(unreadable));
+        ports_.vault.log(access);
+        return response;
+      },
+      std::move(details));
   // Where the phone's yes is the one that counts and there is none, somebody else must let the first one in.
-  plan.question->anybodysYesCounts = waitsForNoPhone();
+  plan.question->whoseYesCounts = standInForPhone();
   return plan;
 }
 
@@ -61,7 +79,7 @@ ActionPlan OwnerActionHandlers::phoneRevoke(const ActionArguments& arguments, Ac
                            },
                            {"It can answer nothing any more, and its keys are forgotten."});
   // A phone that is lost cannot say yes to this.
-  plan.question->anybodysYesCounts = ports_.policy.current().approver == Approver::phone;
+  if (ports_.policy.current().approver == Approver::phone) plan.question->whoseYesCounts = Approver::any;
   return plan;
 }
 

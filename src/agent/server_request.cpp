@@ -46,7 +46,7 @@ ApprovalResult ServerRequest::ask(const OperationQuestion& asked) {
   question.rule = rule;
   question.generation = setting_.generation;
   question.environmentId = asked.environmentId;
-  question.anybodysYesCounts = asked.anybodysYesCounts;
+  question.whoseYesCounts = asked.whoseYesCounts;
   question.prompt = asked.prompt;
   question.prompt.requestor = request().requestor;
   ApprovalContext& context = question.context;

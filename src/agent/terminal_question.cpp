@@ -103,13 +103,16 @@ std::string commandForOwner(const std::vector<std::string>& words) {
   return command;
 }
 
+std::string labelForOwner(std::string_view text) {
+  return quotedForOwner(cut(text, kMaxLabelCharacters));
+}
+
 std::string terminalQuestion(const OwnerApprovalPrompt& prompt, const ApprovalContext& context, std::size_t together) {
   std::string out = "\n" + std::string(24, '=') + " sorvane asks its owner " + std::string(24, '=') + "\n";
   appendWrapped(out, base::escapedForDisplay(prompt.reason), 0);
   out += '\n';
-  appendField(out, "Connection", quotedForOwner(cut(context.label, kMaxLabelCharacters)));
-  if (prompt.requestor)
-    appendField(out, "Says it is", quotedForOwner(cut(*prompt.requestor, kMaxLabelCharacters)) + " (its own words)");
+  appendField(out, "Connection", labelForOwner(context.label));
+  if (prompt.requestor) appendField(out, "Says it is", labelForOwner(*prompt.requestor) + " (its own words)");
   appendField(out, "Process", processesForOwner(context.processes));
   if (!context.commandWords.empty())
     appendField(out, "Command", commandForOwner(context.commandWords) + " (the caller's words)");

@@ -20,6 +20,9 @@ std::string terminalQuestion(const OwnerApprovalPrompt& prompt, const ApprovalCo
 std::string processesForOwner(const std::vector<base::ProcessInfo>& processes);
 std::string commandForOwner(const std::vector<std::string>& words);
 
+/// A caller's name for itself, quoted and cut.
+std::string labelForOwner(std::string_view text);
+
 /// `text` escaped, in quotes, with every run of three or more blanks written as a count, so that nothing is pushed out
 /// of sight.
 std::string quotedForOwner(std::string_view text);

@@ -115,6 +115,12 @@ VaultLock::Ports Application::lockPorts() {
                 platform::kManagedSettings, [](const std::string& sentence) { base::diagnose("unlock", sentence); });
           },
       .hardware = platform::ownerHardware,
+      // Who was paired with the vault that is set aside is not with the one in its place.
+      .replacing = [this] { phoneLink_.close(); },
+      .replaced =
+          [this] {
+            if (!stores_.isSealed()) phoneLink_.open();
+          },
       .open = [this](bool afterReset) { open(afterReset); },
       .close = [this] { close(); },
       .onChange =
@@ -152,7 +158,11 @@ OpenVault::Ports Application::vaultPorts(bool afterReset) {
           .trustedSession = [this] { return trusted_.holds(); },
           .agentsHeldBack = afterReset,
           .restoring = [this](std::int64_t done, std::int64_t total) { lock_.noteRestoring(done, total); },
-          .restored = [this] { lock_.noteRestored(); },
+          .restored =
+              [this] {
+                phoneLink_.reopen();
+                lock_.noteRestored();
+              },
           .state = state()};
 }
 
@@ -180,9 +190,8 @@ void Application::close() {
 }
 
 bool Application::start() {
-  if (!ownerServer_->start()) return false;
-  // Before the lock may open the vault, so that one thread at a time opens the link.
   if (!wasNew_ && !stores_.isSealed()) phoneLink_.open();
+  if (!ownerServer_->start()) return false;
   lock_.start();
   return true;
 }

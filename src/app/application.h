@@ -82,7 +82,7 @@ class Application {
   const std::unique_ptr<Approver> approver_;
   // Its server tells the lock who came and went until it is closed, and the lock asks through it.
   PhoneLink phoneLink_;
-  Phones phones_{phoneLink_.server()};
+  Phones phones_{phoneLink_, clock_};
   OwnerAsker asker_;
 
   // What exists while the vault is open. Of the lock's thread.

@@ -92,6 +92,7 @@ std::optional<bool> OwnerAsker::askPhone(phone::ApprovalDetails details, const a
   const bool onlyNo = context.whoseYesCounts == Approver::terminal;
   if (onlyNo) details.reason.append("\n").append(kOnlyNo);
   const PhoneQuestions::Answer answer = ports_.phones.ask(details, withdrawn);
+  if (answer.is != PhoneQuestions::Answer::Is::none) noteAnswer(answer);
   if (answer.is == PhoneQuestions::Answer::Is::no) return false;
   if (answer.is == PhoneQuestions::Answer::Is::yes && !onlyNo) return true;
   return std::nullopt;

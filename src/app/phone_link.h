@@ -2,11 +2,13 @@
 
 #include <functional>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "app/phone_questions.h"
 #include "app/stores.h"
 #include "base/clock.h"
+#include "base/mutex.h"
 #include "phone/approver_server.h"
 #include "platform/linux/avahi_announcer.h"
 
@@ -18,7 +20,7 @@ std::string computerName();
 /// PhoneLink has the server of the link to the paired phones and what it needs of this computer: the registry among the
 /// sealed settings of the store, and the announcement on the local network. A store that needs no passphrase is read
 /// while the vault is locked, too, so that a phone can open it; with one that is sealed the link closes when it is
-/// locked. `open` and `close` on one thread, all else on any.
+/// locked. Any thread.
 class PhoneLink final : public PhoneQuestions {
  public:
   struct Ports {
@@ -30,26 +32,45 @@ class PhoneLink final : public PhoneQuestions {
   explicit PhoneLink(Ports ports);
   ~PhoneLink() override;
 
-  /// Nothing for a link that is served already; one whose registry could not be read is tried again.
+  /// Nothing for a link that is served, or that waits for its first phone; one whose registry could not be read is
+  /// tried again.
   void open();
   void close();
+  /// Another store is in use, or other values are in it: begins anew with what it says.
+  void reopen();
+  /// Whether it is known which phones are paired.
+  bool isKnown() const;
+  /// As `open`, with an empty registry for one that nothing can read any more. Only on the owner's word: the phones of
+  /// the earlier one know another computer.
+  void openReplacing();
   /// The vault was locked, and its store is closed.
   void locked();
   phone::ApproverServer& server() { return server_; }
 
   bool isServed() const override { return server_.isServed(); }
   bool isConnected() const override;
+  PhoneYes unlockingYes() override;
   Answer ask(const phone::ApprovalDetails& details, const std::stop_token& withdrawn) override;
 
  private:
   class SealedRegistry;
 
+  void openNow() REQUIRES(lifecycle_);
+  void closeNow() REQUIRES(lifecycle_);
+  /// Says on standard error who was paired.
+  void notePhones();
+
   Stores& stores_;
+  const std::function<void()> onChange_;
   const std::unique_ptr<SealedRegistry> registry_;
   platform::AvahiAnnouncer announcer_;
+  // Held across the whole of opening and closing, so that they follow each other.
+  base::Mutex lifecycle_;
+  bool isOpen_ GUARDED_BY(lifecycle_) = false;
+  // Of the server's thread.
+  std::set<std::string> knownIds_;
+  // Its thread ends before what is above.
   phone::ApproverServer server_;
-  // Of the thread that opens and closes.
-  bool isOpen_ = false;
 };
 
 }  // namespace sorvane::app

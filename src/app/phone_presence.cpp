@@ -25,16 +25,18 @@ phone::ApprovalDetails unlockQuestion(const std::string& reason, std::string req
 /// One question, and those who have yet to answer it.
 class PhonePresence::Race {
  public:
-  Race(Reply reply, int asked) : reply_(std::move(reply)), waitedFor_(asked) {}
+  Race(Reply reply, int asked, std::shared_ptr<std::atomic<bool>> isVouchedFor)
+      : isVouchedFor_(std::move(isVouchedFor)), reply_(std::move(reply)), waitedFor_(asked) {}
 
   std::stop_token over() const { return over_.get_token(); }
-  /// The answer, for the first; whether it was that.
-  bool give(const Answer& answer) {
+  /// The answer, for the first; whether it was that. `vouches`: of a yes.
+  bool give(const Answer& answer, bool vouches) {
     Reply reply;
     {
       const base::Lock lock(mutex_);
       if (!reply_) return false;
       reply = std::exchange(reply_, nullptr);
+      *isVouchedFor_ = vouches && std::holds_alternative<Granted>(answer);
     }
     over_.request_stop();
     reply(answer);
@@ -48,7 +50,7 @@ class PhonePresence::Race {
       if (--waitedFor_ > 0) return;
       why = *failure_;
     }
-    give(why);
+    give(why, false);
   }
   void drop() {
     {
@@ -59,6 +61,7 @@ class PhonePresence::Race {
   }
 
  private:
+  const std::shared_ptr<std::atomic<bool>> isVouchedFor_;
   std::stop_source over_;
   // Guarded. A leaf.
   base::Mutex mutex_;
@@ -69,19 +72,27 @@ class PhonePresence::Race {
 
 std::optional<std::string> PhonePresence::unlockUnavailable() {
   auto missing = ports_.system.unavailable();
-  if (missing && ports_.phones.isConnected()) return std::nullopt;
+  if (missing && ports_.phones.isConnected() && ports_.phones.unlockingYes() != PhoneYes::none) return std::nullopt;
   return missing;
 }
 
 void PhonePresence::ask(Check check, const std::string& reason, Reply reply) {
   stop();
+  *isVouchedFor_ = false;
   const bool isSystemThere = !ports_.system.unavailable();
-  const bool toPhones = reason == unlock::kUnlockReason && ports_.mayAskPhones() &&
-                        (isSystemThere ? ports_.phones.isServed() : ports_.phones.isConnected());
-  if (!toPhones) return ports_.system.ask(check, reason, std::move(reply));
-  const auto race = std::make_shared<Race>(std::move(reply), isSystemThere ? 2 : 1);
+  const bool mayAsk = reason == unlock::kUnlockReason && ports_.mayAskPhones() &&
+                      (isSystemThere ? ports_.phones.isServed() : ports_.phones.isConnected());
+  const PhoneYes phoneYes = mayAsk ? ports_.phones.unlockingYes() : PhoneYes::none;
+  const auto race =
+      std::make_shared<Race>(std::move(reply), isSystemThere && phoneYes != PhoneYes::none ? 2 : 1, isVouchedFor_);
+  const auto bySystem = [race](const Answer& answer) {
+    const auto* const failed = std::get_if<Failed>(&answer);
+    if (failed != nullptr && failed->code != Failed::kNotAccepted) return race->none(*failed, true);
+    race->give(answer, true);
+  };
+  if (phoneYes == PhoneYes::none) return ports_.system.ask(check, reason, bySystem);
   race_ = race;
-  asking_ = std::jthread([this, race, details = unlockQuestion(reason, ports_.requestor())] {
+  asking_ = std::jthread([this, race, phoneYes, details = unlockQuestion(reason, ports_.requestor())] {
     const PhoneQuestions::Answer answer = ports_.phones.ask(details, race->over());
     if (answer.is == PhoneQuestions::Answer::Is::none)
       return race->none({Failed::kNotInteractive, kNoPhoneAnswered}, false);
@@ -89,14 +100,11 @@ void PhonePresence::ask(Check check, const std::string& reason, Reply reply) {
     ports_.thread.post([this, race] {
       if (race_ == race) ports_.system.withdraw();
     });
-    race->give(answer.is == PhoneQuestions::Answer::Is::yes ? Answer(Granted{}) : Answer(Cancelled{}));
+    const bool isYes = answer.is == PhoneQuestions::Answer::Is::yes;
+    noteAnswer(answer);
+    race->give(isYes ? Answer(Granted{}) : Answer(Cancelled{}), phoneYes == PhoneYes::vouches);
   });
-  if (!isSystemThere) return;
-  ports_.system.ask(check, reason, [race](const Answer& answer) {
-    const auto* const failed = std::get_if<Failed>(&answer);
-    if (failed != nullptr && failed->code != Failed::kNotAccepted) return race->none(*failed, true);
-    race->give(answer);
-  });
+  if (isSystemThere) ports_.system.ask(check, reason, bySystem);
 }
 
 void PhonePresence::withdraw() {

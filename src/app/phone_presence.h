@@ -1,5 +1,6 @@
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
@@ -35,6 +36,8 @@ class PhonePresence final : public unlock::OwnerPresence {
   std::optional<std::string> unlockUnavailable() override;
   void ask(Check check, const std::string& reason, Reply reply) override;
   void withdraw() override;
+  /// Whether the owner who allowed something last counts as there.
+  bool isVouchedFor() const { return *isVouchedFor_; }
   /// Withdraws what is asked, and waits until nothing of it runs any more.
   void stop();
 
@@ -42,6 +45,8 @@ class PhonePresence final : public unlock::OwnerPresence {
   class Race;
 
   const Ports ports_;
+  /// Shared with replies that may come late.
+  const std::shared_ptr<std::atomic<bool>> isVouchedFor_ = std::make_shared<std::atomic<bool>>(false);
   // Of the one thread.
   std::shared_ptr<Race> race_;
   std::jthread asking_;

@@ -1,6 +1,7 @@
 #include "app/phone_questions.h"
 
 #include "agent/terminal_question.h"
+#include "base/diagnostics.h"
 #include "base/json_writer.h"
 #include "base/unicode.h"
 
@@ -35,6 +36,11 @@ std::size_t sizeOf(const phone::ApprovalDetails& details) {
 
 }  // namespace
 
+void noteAnswer(const PhoneQuestions::Answer& answer) {
+  const bool isYes = answer.is == PhoneQuestions::Answer::Is::yes;
+  base::diagnose("phone", "Answered on '" + base::escapedForDisplay(answer.phone) + (isYes ? "': yes" : "': no"));
+}
+
 std::optional<phone::ApprovalDetails> phoneQuestion(const agent::OwnerApprovalPrompt& prompt,
                                                     const agent::ApprovalContext& context) {
   phone::ApprovalDetails details;
@@ -42,15 +48,20 @@ std::optional<phone::ApprovalDetails> phoneQuestion(const agent::OwnerApprovalPr
   details.reason = base::escapedForDisplay(prompt.reason);
   const auto add = [&](const std::string& line) { details.reason += "\n" + line; };
   add("Process: " + agent::processesForOwner(context.processes));
-  if (!context.commandWords.empty()) add("Command: " + agent::commandForOwner(context.commandWords));
+  if (!context.commandWords.empty())
+    add("Command: " + agent::commandForOwner(context.commandWords) + " (the caller's words)");
   if (context.directory) add("Folder: " + quotedForOwner(*context.directory));
   for (const std::string& line : context.details) add(base::escapedForDisplay(line));
-  details.requestor = base::escapedForDisplay(context.label);
-  if (prompt.requestor) details.requestor += ", which says it is: " + base::escapedForDisplay(*prompt.requestor);
-  details.subject = prompt.subject;
+  details.requestor = agent::labelForOwner(context.label);
+  if (prompt.requestor)
+    details.requestor += ", which says it is " + agent::labelForOwner(*prompt.requestor) + " (its own words)";
+  if (prompt.subject) details.subject = base::escapedForDisplay(*prompt.subject);
   details.version = prompt.version;
   details.allowedTargets = prompt.allowedTargets;
-  details.declaredTarget = prompt.declaredTarget;
+  if (details.allowedTargets) {
+    for (std::string& target : *details.allowedTargets) target = base::escapedForDisplay(target);
+  }
+  if (prompt.declaredTarget) details.declaredTarget = base::escapedForDisplay(*prompt.declaredTarget);
   if (sizeOf(details) > kLongestQuestion) return std::nullopt;
   return details;
 }

@@ -9,6 +9,13 @@
 
 namespace sorvane::app {
 
+/// What a yes on a phone does to the locked vault.
+enum class PhoneYes {
+  none,    ///< the policy has others allow things: no phone is asked
+  opens,   ///< nobody can tell what the policy says: the vault opens, and its owner does not count as there
+  vouches  ///< the vault opens, and its owner counts as there
+};
+
 /// PhoneQuestions puts questions to the paired phones. Any thread.
 class PhoneQuestions {
  public:
@@ -18,9 +25,13 @@ class PhoneQuestions {
   virtual bool isServed() const = 0;
   /// Whether one is there now.
   virtual bool isConnected() const = 0;
+  virtual PhoneYes unlockingYes() = 0;
   /// Blocks until a phone answered, `withdrawn` was stopped, or the question's time is over. Does not throw.
   virtual Answer ask(const phone::ApprovalDetails& details, const std::stop_token& withdrawn) = 0;
 };
+
+/// Says on standard error which phone answered what.
+void noteAnswer(const PhoneQuestions::Answer& answer);
 
 /// Longest question, in bytes of its JSON: with what the link puts around it, sealed and in base64, it fits a frame.
 inline constexpr std::size_t kLongestQuestion = 47000;

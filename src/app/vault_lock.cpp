@@ -17,6 +17,7 @@ using unlock::LockManager;
 using unlock::UnlockError;
 using Case = UnlockError::Case;
 using Kind = LockOutcome::Kind;
+using Requirement = unlock::PassphraseRequirement;
 
 namespace {
 
@@ -29,6 +30,8 @@ constexpr std::string_view kNoLoginManager =
     "There is no login manager that reports your session, so the vault does not close when the screen locks. Lock it "
     "with sorvane lock.";
 constexpr std::string_view kOpensByPhone = "sorvane opens with a yes on your phone.";
+constexpr std::string_view kOpensByPhoneFirst = "sorvane opens with a yes on your phone and then its passphrase.";
+constexpr std::string_view kPhoneIsCheckToo = "A yes on your phone is as good; its passphrase follows.";
 constexpr std::string_view kOpensByPhoneToo = "A yes on your phone opens it as well.";
 
 std::string_view word(Case kind) {
@@ -196,6 +199,7 @@ class VaultLock::Presence final : public unlock::OwnerPresence {
     either_.ask(check, reason, std::move(reply));
   }
   void withdraw() override { either_.withdraw(); }
+  bool isVouchedFor() const { return either_.isVouchedFor(); }
   void stop() { either_.stop(); }
 
  private:
@@ -259,7 +263,7 @@ void VaultLock::wasOffered() {
 void VaultLock::followed(bool isUnlocked) {
   if (isUnlocked) {
     isNew_ = false;
-    if (manager_->openedBySystemCheck()) ports_.trusted.begin();
+    if (manager_->openedBySystemCheck() && presence_->isVouchedFor()) ports_.trusted.begin();
     endReset();
     ports_.open(manager_->settings().resetCause().has_value());
     return;
@@ -361,10 +365,13 @@ LockReport VaultLock::reportNow() {
   report.storeIsSealed = ports_.stores.isSealed();
   describe(report, manager_->prompt());
   report.systemCheckUnavailable = ports_.presence.unavailable();
-  report.phoneUnlocks = !report.isUnlocked && report.prompt == "system" && ports_.phones.isConnected();
+  report.phoneUnlocks = !report.isUnlocked && report.prompt == "system" && ports_.phones.isConnected() &&
+                        ports_.phones.unlockingYes() != PhoneYes::none;
   if (report.phoneUnlocks) {
-    report.sentence = report.systemCheckUnavailable ? std::string(kOpensByPhone)
-                                                    : report.sentence + " " + std::string(kOpensByPhoneToo);
+    const bool needsBoth = manager_->settings().configuration().requirement == Requirement::withSystem;
+    report.sentence = report.systemCheckUnavailable
+                          ? std::string(needsBoth ? kOpensByPhoneFirst : kOpensByPhone)
+                          : report.sentence + " " + std::string(needsBoth ? kPhoneIsCheckToo : kOpensByPhoneToo);
   }
   if (report.isUnlocked) {
     report.prompt = "open";

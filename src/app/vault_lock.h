@@ -39,6 +39,9 @@ class VaultLock final : public agent::OwnerLock {
     unlock::SessionSignals& signals;
     std::function<std::optional<bool>()> managedFollowsSession;
     std::function<unlock::UnlockHardware()> hardware;
+    /// Called before and after a replacement of the store, whatever came of it.
+    std::function<void()> replacing;
+    std::function<void()> replaced;
     /// `afterReset`: the settings of the lock had to be made anew, so agents are not to use the vault.
     std::function<void(bool afterReset)> open;
     std::function<void()> close;

@@ -58,12 +58,14 @@ LockOutcome VaultLock::replaceStore(const std::function<void()>& replace) {
     if (!manager_) return;
     try {
       error = manager_->replaceStore([&] {
+        ports_.replacing();
         replace();
         wasReplaced = true;
       });
     } catch (...) {
       failure = std::current_exception();
     }
+    ports_.replaced();
     announce();
   });
   if (failure) std::rethrow_exception(failure);

@@ -132,7 +132,14 @@ class StandInBackups final : public agent::OwnerBackups {
 class StandInPhones final : public agent::OwnerPhones {
  public:
   bool isAnyPaired() override { return paired; }
-  std::string beginPairing() override { return R"({"code":"ABCD"})"; }
+  bool isListKnown() override { return known; }
+  void checkPairing() override {
+    if (full) throw agent::ActionError("five are paired");
+  }
+  std::string beginPairing(Unreadable unreadable) override {
+    noted.emplace_back(unreadable == Unreadable::replace ? "replaced" : "begun");
+    return R"({"code":"ABCD"})";
+  }
   std::string pairing() override { return R"({"state":"open"})"; }
   void cancelPairing() override { noted.emplace_back("cancelled"); }
   std::string list() override { return R"({"phones":[]})"; }
@@ -146,7 +153,7 @@ class StandInPhones final : public agent::OwnerPhones {
     return R"({"answer":"yes"})";
   }
 
-  bool paired = true;
+  bool paired = true, known = true, full = false;
   std::vector<std::string> noted;
 };
 
@@ -173,7 +180,7 @@ class OwnerActions : public VaultFixture {
                     [this](const ActionQuestion& question) {
                       asked_.push_back(question.prompt.reason);
                       details_ = question.details;
-                      anybodysYesCounts_ = question.anybodysYesCounts;
+                      whoseYesCounts_ = question.whoseYesCounts;
                       if (whileAsked_) whileAsked_();
                       return answer_;
                     },
@@ -206,8 +213,8 @@ class OwnerActions : public VaultFixture {
                                        clock_, &proxy_, &backups_, &phones_, [this] { return systemMissing_; }}};
   std::optional<std::string> systemMissing_;
   std::vector<std::string> asked_;
-  std::vector<std::string> details_;  ///< of the last question
-  bool anybodysYesCounts_ = false;    ///< of the last question
+  std::vector<std::string> details_;               ///< of the last question
+  std::optional<agent::Approver> whoseYesCounts_;  ///< of the last question
   std::function<void()> whileAsked_;
   ApprovalResult answer_ = ApprovalResult::byApplication;
 };

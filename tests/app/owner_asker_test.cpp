@@ -136,19 +136,23 @@ TEST_F(OwnerAsker, thePhoneShowsAllThatTheTerminalWouldWithTheCallersWordsMarked
   context_.commandWords = {"sh", "-c", "true\nFolder: \"/safe\""};
   context_.directory = "/work";
   context_.details = {"Raw values leave the vault."};
-  prompt_.requestor = "a\nhelper";
+  prompt_.requestor = "a\nhelper\" (sorvane)";
   prompt_.kind = OwnerApprovalPrompt::Kind::useEnvironment;
-  prompt_.subject = "shop";
+  prompt_.subject = "shop\x1b[2K";
+  prompt_.declaredTarget = "a\nb";
+  prompt_.allowedTargets = {{"c\nd"}};
   prompt_.version = 3;
   const auto details = app::phoneQuestion(prompt_, context_);
   ASSERT_TRUE(details);
   EXPECT_EQ(details->kind, phone::ApprovalDetails::Kind::useEnvironment);
-  EXPECT_EQ(
-      details->reason,
-      "An agent wants something\nProcess: \"node\" (42)\nCommand: \"sh\" \"-c\" \"true\\nFolder: \\\"/safe\\\"\"\n"
-      "Folder: \"/work\"\nRaw values leave the vault.");
-  EXPECT_EQ(details->requestor, "Test agent, which says it is: a\\nhelper");
-  EXPECT_EQ(details->subject, "shop");
+  EXPECT_EQ(details->reason,
+            "An agent wants something\nProcess: \"node\" (42)\nCommand: \"sh\" \"-c\" \"true\\nFolder: \\\"/safe\\\"\" "
+            "(the caller's words)\nFolder: \"/work\"\nRaw values leave the vault.");
+  EXPECT_EQ(details->requestor, "\"Test agent\", which says it is \"a\\nhelper\\\" (sorvane)\" (its own words)");
+  EXPECT_THAT(*details->subject + *details->declaredTarget + details->allowedTargets->front(),
+              ::testing::Not(::testing::ContainsRegex("[\x1b\n]")));
+  prompt_.requestor = std::string(1000, 'x');
+  EXPECT_LT(app::phoneQuestion(prompt_, context_)->requestor.size(), 300U) << "nothing else is pushed out of sight";
   EXPECT_EQ(details->version, 3);
 }
 

@@ -12,12 +12,15 @@ namespace sorvane::test {
 class ScriptedPhones final : public app::PhoneQuestions {
  public:
   bool served = true, connected = true;
+  app::PhoneYes yes = app::PhoneYes::vouches;
 
   bool isServed() const override { return served; }
   bool isConnected() const override { return connected; }
+  app::PhoneYes unlockingYes() override { return yes; }
   Answer ask(const phone::ApprovalDetails& details, const std::stop_token& withdrawn) override {
     base::Lock lock(mutex_);
     asked_ = details;
+    ++timesAsked_;
     changed_.notify_all();
     changed_.wait(lock.mutex(), withdrawn, [this]() REQUIRES(mutex_) { return answer_.has_value(); });
     asked_.reset();
@@ -37,6 +40,10 @@ class ScriptedPhones final : public app::PhoneQuestions {
     base::Lock lock(mutex_);
     changed_.wait(lock.mutex(), [this]() REQUIRES(mutex_) { return !asked_; });
   }
+  int timesAsked() {
+    const base::Lock lock(mutex_);
+    return timesAsked_;
+  }
   void say(Answer::Is is) {
     const base::Lock lock(mutex_);
     answer_ = Answer{is, "Pocket", {}};
@@ -48,6 +55,7 @@ class ScriptedPhones final : public app::PhoneQuestions {
   base::Condition changed_;
   std::optional<phone::ApprovalDetails> asked_ GUARDED_BY(mutex_);
   std::optional<Answer> answer_ GUARDED_BY(mutex_);
+  int timesAsked_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace sorvane::test

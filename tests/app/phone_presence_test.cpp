@@ -125,6 +125,31 @@ TEST_F(PhonePresence, thePhoneStandsInWhereTheSystemCanAskNobodyAndOnlyForUnlock
   EXPECT_TRUE(isGranted(password.get()));
 }
 
+TEST_F(PhonePresence, aPhoneVouchesForItsOwnerOnlyWhereThePolicyLetsItsYesCount) {
+  for (const auto yes : {app::PhoneYes::vouches, app::PhoneYes::opens}) {
+    phones_.yes = yes;
+    auto byPhone = ask();
+    phones_.question();
+    phones_.say(Is::yes);
+    EXPECT_TRUE(isGranted(byPhone.get()));
+    EXPECT_EQ(presence_.isVouchedFor(), yes == app::PhoneYes::vouches);
+  }
+  auto no = ask();
+  phones_.question();
+  phones_.say(Is::no);
+  no.get();
+  EXPECT_FALSE(presence_.isVouchedFor());
+  phones_.yes = app::PhoneYes::none;
+  auto bySystem = ask();
+  systemSays(OwnerPresence::Granted{});
+  EXPECT_TRUE(isGranted(bySystem.get()));
+  EXPECT_TRUE(presence_.isVouchedFor());
+  phones_.waitForNone();
+  EXPECT_EQ(phones_.timesAsked(), 3);
+  system_.missing = "Install polkit.";
+  EXPECT_EQ(presence_.unlockUnavailable(), "Install polkit.");
+}
+
 TEST_F(PhonePresence, aWithdrawnQuestionLeavesThePhoneAndALateAnswerDisturbsNothing) {
   ask();
   phones_.question();
