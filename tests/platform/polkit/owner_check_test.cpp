@@ -146,7 +146,10 @@ TEST(PolkitOwnerCheck, takesTheQuestionBackFromAnAgentThatNeverAnswers) {
     Asker asker(Asker::Settings{{"SORVANE_TEST_IMPATIENT", "1"}});
     OwnAgent agent(asker.pid(), Manner::isSilent);
     EXPECT_EQ(answerOf(asker), "cancelled");
-    EXPECT_EQ(agent.asked(2), (Words{kAsked, "cancelled"}));
+    // The service may take it back twice: once for the call that ends, once for the asker that goes.
+    Words told = agent.asked(2);
+    told.resize(2);
+    EXPECT_EQ(told, (Words{kAsked, "cancelled"}));
   }
   Asker asker;
   OwnAgent agent(asker.pid(), Manner::isSilent);
