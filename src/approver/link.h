@@ -88,7 +88,7 @@ class Link {
   bool isInFrame() const { return reader_.isInFrame(); }
 
   /// Requests that wait here at once; more than a person would ever answer in their time.
-  static constexpr std::size_t kMostWaiting = 32;
+  static constexpr std::size_t kMostWaiting = 64;
 
  private:
   enum class State { greeting, proving, open, ended };

@@ -17,7 +17,7 @@ namespace sorvane::phone {
 class Questions {
  public:
   /// More at once than an owner could look through; the next one is answered with nothing.
-  static constexpr std::size_t kMostWaiting = 32;
+  static constexpr std::size_t kMostWaiting = 64;
   /// What a request's JSON may have so that it fits into a frame: sealed and twice in base64's length it stays below
   /// kMostFrameBytes.
   static constexpr std::size_t kMostRequestBytes = 48'000;
