@@ -100,9 +100,12 @@ void PhonePresence::ask(Check check, const std::string& reason, Reply reply) {
     ports_.thread.post([this, race] {
       if (race_ == race) ports_.system.withdraw();
     });
-    const bool isYes = answer.is == PhoneQuestions::Answer::Is::yes;
     noteAnswer(answer);
-    race->give(isYes ? Answer(Granted{}) : Answer(Cancelled{}), phoneYes == PhoneYes::vouches);
+    if (answer.is == PhoneQuestions::Answer::Is::yes) {
+      race->give(Granted{}, phoneYes == PhoneYes::vouches);
+    } else {
+      race->give(Cancelled{}, false);
+    }
   });
   if (isSystemThere) ports_.system.ask(check, reason, bySystem);
 }
