@@ -77,6 +77,9 @@ class AfterAReset(Restore):
         self.owner.wait_for("^Passphrase: ")
         self.owner.type(PASSPHRASE + "\n")
         self.owner.wait_for("Type reset and Enter")
+        # The lock has settled when it answers: until then its screen may be drawn once more, and drop what was typed.
+        self.assertFalse(self.lock_report()["isUnlocked"])
+        self.owner.wait_for("in their place: ")
         self.owner.type("reset\n")
         self.owner.wait_for(r"\[app\] the vault is open")
         self.refused("approval denied", "restore", self.file, "--yes", answers="n")
