@@ -116,6 +116,7 @@ class TerminalQuestion {
     if (thread_.joinable()) thread_.join();
   }
   bool isOver() const { return isOver_; }
+  bool isTakenBack() const { return isTakenBack_; }
   /// Once it is over: whether nobody answered.
   bool wasDismissed() const { return givenUp_ || isTakenBack_; }
 
@@ -217,6 +218,9 @@ class PolkitTextAgent::Agent {
   }
 
   void begin(const BusMessage& call) {
+    // One that polkit took back may still be ending while polkit asks the next.
+    if (question_ && question_->isTakenBack()) question_->end();
+    if (question_ && question_->isOver()) finish();
     const auto asked = readAgentQuestion(call);
     if (!asked || asked->action != kAction) {
       link_.send(refusalOf(call, kRefused, "This agent answers for sorvane's own question only."));

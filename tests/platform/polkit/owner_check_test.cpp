@@ -146,10 +146,13 @@ TEST(PolkitOwnerCheck, takesTheQuestionBackFromAnAgentThatNeverAnswers) {
     Asker asker(Asker::Settings{{"SORVANE_TEST_IMPATIENT", "1"}});
     OwnAgent agent(asker.pid(), Manner::isSilent);
     EXPECT_EQ(answerOf(asker), "cancelled");
+    const Words told = agent.asked(2);
+    ASSERT_FALSE(told.empty());
+    EXPECT_EQ(told.front(), kAsked);
     // The service may take it back twice: once for the call that ends, once for the asker that goes.
-    Words told = agent.asked(2);
-    told.resize(2);
-    EXPECT_EQ(told, (Words{kAsked, "cancelled"}));
+    EXPECT_GE(std::count(told.begin(), told.end(), "cancelled"), 1);
+    EXPECT_EQ(std::count(told.begin(), told.end(), kAsked), 1);
+    EXPECT_LE(told.size(), 3U);
   }
   Asker asker;
   OwnAgent agent(asker.pid(), Manner::isSilent);
