@@ -24,6 +24,14 @@ std::optional<std::string> textOf(CFTypeRef object) {
   return text;
 }
 
+std::optional<bool> truthOf(CFTypeRef object) {
+  if (const auto boolean = as<CFBooleanRef>(object, CFBooleanGetTypeID)) return CFBooleanGetValue(boolean) != 0;
+  const auto number = as<CFNumberRef>(object, CFNumberGetTypeID);
+  double value = 0;
+  if (number == nullptr || !CFNumberGetValue(number, kCFNumberDoubleType, &value)) return std::nullopt;
+  return value != 0;
+}
+
 Attributes::Attributes()
     : dictionary_(CFDictionaryCreateMutable(kCFAllocatorDefault, 0, &kCFTypeDictionaryKeyCallBacks,
                                             &kCFTypeDictionaryValueCallBacks)) {

@@ -47,6 +47,9 @@ Owned<CFStringRef> stringOf(std::string_view text);
 /// The string in UTF-8; nullopt for an object of another kind, for none, and for what has no UTF-8.
 std::optional<std::string> textOf(CFTypeRef object);
 
+/// What a Boolean or a number says; nullopt for an object of another kind and for none.
+std::optional<bool> truthOf(CFTypeRef object);
+
 /// The object as a `Ref`, whose type function is `typeId`; null for an object of another kind and for none.
 template <typename Ref>
 Ref as(CFTypeRef object, CFTypeID (*typeId)()) {

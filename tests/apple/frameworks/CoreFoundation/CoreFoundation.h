@@ -55,6 +55,12 @@ extern const CFBooleanRef kCFBooleanFalse;
 CFTypeID CFBooleanGetTypeID(void);
 Boolean CFBooleanGetValue(CFBooleanRef boolean);
 
+// CFNumber.h
+typedef CFIndex CFNumberType;
+enum { kCFNumberDoubleType = 13 };
+CFTypeID CFNumberGetTypeID(void);
+Boolean CFNumberGetValue(CFNumberRef number, CFNumberType type, void* value);
+
 // CFString.h
 typedef UInt32 CFStringEncoding;
 enum { kCFStringEncodingUTF8 = 0x08000100 };
@@ -92,6 +98,51 @@ CFMutableDictionaryRef CFDictionaryCreateMutable(CFAllocatorRef allocator, CFInd
                                                  const CFDictionaryValueCallBacks* values);
 void CFDictionarySetValue(CFMutableDictionaryRef dictionary, const void* key, const void* value);
 const void* CFDictionaryGetValue(CFDictionaryRef dictionary, const void* key);
+
+// CFPreferences.h
+CFPropertyListRef CFPreferencesCopyAppValue(CFStringRef key, CFStringRef applicationID);
+Boolean CFPreferencesAppValueIsForced(CFStringRef key, CFStringRef applicationID);
+
+// CFRunLoop.h.
+typedef struct __CFRunLoop* CFRunLoopRef;
+typedef struct __CFRunLoopSource* CFRunLoopSourceRef;
+typedef CFStringRef CFRunLoopMode;
+typedef struct {
+  CFIndex version;
+  void* info;
+  const void* (*retain)(const void* info);
+  void (*release)(const void* info);
+  CFStringRef (*copyDescription)(const void* info);
+  Boolean (*equal)(const void* first, const void* second);
+  unsigned long (*hash)(const void* info);
+  void (*schedule)(void* info, CFRunLoopRef loop, CFRunLoopMode mode);
+  void (*cancel)(void* info, CFRunLoopRef loop, CFRunLoopMode mode);
+  void (*perform)(void* info);
+} CFRunLoopSourceContext;
+extern const CFRunLoopMode kCFRunLoopCommonModes;
+CFRunLoopRef CFRunLoopGetMain(void);
+CFRunLoopRef CFRunLoopGetCurrent(void);
+void CFRunLoopRun(void);
+void CFRunLoopStop(CFRunLoopRef loop);
+void CFRunLoopWakeUp(CFRunLoopRef loop);
+void CFRunLoopAddSource(CFRunLoopRef loop, CFRunLoopSourceRef source, CFRunLoopMode mode);
+void CFRunLoopRemoveSource(CFRunLoopRef loop, CFRunLoopSourceRef source, CFRunLoopMode mode);
+CFRunLoopSourceRef CFRunLoopSourceCreate(CFAllocatorRef allocator, CFIndex order, CFRunLoopSourceContext* context);
+void CFRunLoopSourceSignal(CFRunLoopSourceRef source);
+void CFRunLoopSourceInvalidate(CFRunLoopSourceRef source);
+
+// CFNotificationCenter.h
+typedef struct __CFNotificationCenter* CFNotificationCenterRef;
+typedef CFStringRef CFNotificationName;
+typedef void (*CFNotificationCallback)(CFNotificationCenterRef center, void* observer, CFNotificationName name,
+                                       const void* object, CFDictionaryRef userInfo);
+typedef CFIndex CFNotificationSuspensionBehavior;
+enum { CFNotificationSuspensionBehaviorDeliverImmediately = 4 };
+CFNotificationCenterRef CFNotificationCenterGetDistributedCenter(void);
+void CFNotificationCenterAddObserver(CFNotificationCenterRef center, const void* observer,
+                                     CFNotificationCallback callback, CFStringRef name, const void* object,
+                                     CFNotificationSuspensionBehavior suspensionBehavior);
+void CFNotificationCenterRemoveEveryObserver(CFNotificationCenterRef center, const void* observer);
 
 #ifdef __cplusplus
 }

@@ -30,11 +30,50 @@ __attribute__((objc_root_class))
 @interface NSString : NSObject
 + (instancetype)stringWithUTF8String:(const char*)text;
 @property(readonly) const char* UTF8String;
+- (BOOL)isEqualToString:(NSString*)text;
 @end
 
+typedef double NSTimeInterval;
+@interface NSTimer : NSObject
++ (NSTimer*)scheduledTimerWithTimeInterval:(NSTimeInterval)seconds repeats:(BOOL)repeats block:(void (^)(NSTimer*))block;
+@end
+
+typedef struct {
+  unsigned long state;
+  id __unsafe_unretained* itemsPtr;
+  unsigned long* mutationsPtr;
+  unsigned long extra[5];
+} NSFastEnumerationState;
+@protocol NSFastEnumeration
+- (NSUInteger)countByEnumeratingWithState:(NSFastEnumerationState*)state
+                                  objects:(id __unsafe_unretained[])buffer
+                                    count:(NSUInteger)count;
+@end
+
+@interface NSArray : NSObject<NSFastEnumeration>
+@end
+@interface NSMutableArray : NSArray
++ (instancetype)array;
+- (void)addObject:(id)object;
+@end
+
+typedef NSString* NSNotificationName;
+@class NSOperationQueue;
+@interface NSNotification : NSObject
+@property(readonly) NSNotificationName name;
+@end
+@interface NSNotificationCenter : NSObject
+- (id<NSObject>)addObserverForName:(NSNotificationName)name
+                            object:(id)object
+                             queue:(NSOperationQueue*)queue
+                        usingBlock:(void (^)(NSNotification*))block;
+- (void)removeObserver:(id)observer;
+@end
+
+typedef NSString* NSErrorDomain;
 @interface NSError : NSObject
 @property(readonly) NSInteger code;
-@property(readonly) NSString* domain;
+@property(readonly) NSErrorDomain domain;
 @property(readonly) NSString* localizedDescription;
 @end
 

@@ -46,6 +46,13 @@ OSStatus SecItemCopyMatching(CFDictionaryRef query, CFTypeRef* result);
 OSStatus SecItemUpdate(CFDictionaryRef query, CFDictionaryRef attributesToUpdate);
 OSStatus SecItemDelete(CFDictionaryRef query);
 
+// SecAccessControl.h
+typedef struct __SecAccessControl* SecAccessControlRef;
+typedef CFOptionFlags SecAccessControlCreateFlags;
+enum { kSecAccessControlDevicePasscode = 1u << 4 };
+SecAccessControlRef SecAccessControlCreateWithFlags(CFAllocatorRef allocator, CFTypeRef protection,
+                                                    SecAccessControlCreateFlags flags, CFErrorRef* error);
+
 // SecTask.h
 typedef struct __SecTask* SecTaskRef;
 SecTaskRef SecTaskCreateFromSelf(CFAllocatorRef allocator);

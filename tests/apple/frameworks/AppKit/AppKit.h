@@ -1,0 +1,21 @@
+#pragma once
+
+// Declarations of AppKit, written for this project from its documentation: the names that src/platform/macos uses and no
+// others.
+
+#include <Foundation/Foundation.h>
+
+#ifdef __OBJC__
+
+extern NSNotificationName const NSWorkspaceWillSleepNotification;
+extern NSNotificationName const NSWorkspaceDidWakeNotification;
+extern NSNotificationName const NSWorkspaceSessionDidResignActiveNotification;
+extern NSNotificationName const NSWorkspaceSessionDidBecomeActiveNotification;
+extern NSNotificationName const NSWorkspaceWillPowerOffNotification;
+
+@interface NSWorkspace : NSObject
+@property(class, readonly) NSWorkspace* sharedWorkspace;
+@property(readonly) NSNotificationCenter* notificationCenter;
+@end
+
+#endif
