@@ -8,6 +8,8 @@
 #include <future>
 #include <system_error>
 #include <thread>
+#include <utility>
+#include <variant>
 
 #include "base/diagnostics.h"
 #include "base/open_descriptors.h"
@@ -197,22 +199,27 @@ void ApproverServer::Impl::run(LinkService& service) {
 
 template <typename Result>
 Result ApproverServer::Impl::onThread(const std::function<Result(LinkService&)>& task) {
-  std::promise<Result> promise;
+  // A refusal crosses as a value and is thrown over here, so that no two threads share an exception.
+  using Outcome = std::variant<Result, PhoneError>;
+  std::promise<Outcome> promise;
   auto outcome = promise.get_future();
   {
     const base::Lock lock(mutex_);
     if (!isRunning_) throw PhoneError(whyClosed_);
     work_.push_back([&](LinkService* service) {
       try {
-        if (service == nullptr) throw PhoneError(kClosed);
-        promise.set_value(task(*service));
+        promise.set_value(service == nullptr ? Outcome(PhoneError(kClosed)) : Outcome(task(*service)));
+      } catch (const base::Error& error) {
+        promise.set_value(PhoneError(error.sentence()));
       } catch (...) {
         promise.set_exception(std::current_exception());
       }
     });
   }
   wake();
-  return outcome.get();
+  Outcome told = outcome.get();
+  if (const auto* const refusal = std::get_if<PhoneError>(&told)) throw PhoneError(*refusal);
+  return std::get<Result>(std::move(told));
 }
 
 ApproverServer::ApproverServer(Ports ports) : impl_(std::make_unique<Impl>(std::move(ports))) {}
