@@ -14,6 +14,7 @@
 #include "base/descriptor.h"
 #include "base/files.h"
 #include "base/lock_file.h"
+#include "base/open_descriptors.h"
 #include "base/support_folder.h"
 #include "base/system.h"
 
@@ -41,7 +42,7 @@ base::Descriptor connectTo(const std::string& path, const std::stop_token& withd
   address.sun_family = AF_UNIX;
   if (path.size() + 1 > base::maxSocketPath()) unavailable("The socket path " + path + " is too long for the system.");
   std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
-  base::Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  base::Descriptor socket = base::openSocket(AF_UNIX, SOCK_STREAM);
   if (!socket) unavailable("No socket could be made.");
   // A full queue makes the connection wait, and nothing but time ends that wait.
   if (withdrawal.stop_possible()) waitForConnections(socket.get(), kLookForWithdrawalMicroseconds);
@@ -62,7 +63,7 @@ base::Descriptor connectTo(const std::string& path, const std::stop_token& withd
 
 void send(int socket, std::string_view text) {
   while (!text.empty()) {
-    const ssize_t sent = ::send(socket, text.data(), text.size(), MSG_NOSIGNAL);
+    const ssize_t sent = ::send(socket, text.data(), text.size(), base::quietSend());
     if (sent < 0 && errno == EINTR) continue;
     // The server may answer and close before it has read everything ("request too large"): its answer is what counts.
     if (sent < 0) return;

@@ -14,6 +14,7 @@
 #include "agent/process_host.h"
 #include "base/descriptor.h"
 #include "base/mutex.h"
+#include "base/open_descriptors.h"
 #include "base/unicode.h"
 
 namespace sorvane::agent {
@@ -80,15 +81,8 @@ struct CommandControl::State {
   base::Mutex mutex;
   std::shared_ptr<HostedProcess> process GUARDED_BY(mutex);  ///< while it runs; it knows its group
   bool stopped GUARDED_BY(mutex) = false;
-  base::Descriptor wakeRead, wakeWrite;  // constant after construction
+  const base::Pipe wake = base::openWakePipe().value_or(base::Pipe());
 
-  State() {
-    std::array<int, 2> ends{};
-    if (::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) == 0) {
-      wakeRead.reset(ends[0]);
-      wakeWrite.reset(ends[1]);
-    }
-  }
   bool isStopped() {
     const base::Lock lock(mutex);
     return stopped;
@@ -112,7 +106,7 @@ void CommandControl::stop() {
   }
   if (process) process->signal(SIGTERM);
   // The loop that reads the output sees to the rest.
-  [[maybe_unused]] const auto woken = ::write(state_->wakeWrite.get(), "s", 1);
+  base::wake(state_->wake);
 }
 
 bool CommandControl::stopped() const {
@@ -215,7 +209,7 @@ CommandRunner::Outcome CommandRunner::run(const CommandRequest& request, Command
   state->setProcess(process);
   outcome.result.started = true;
   Capture capture(masker);
-  Watch watch(*process, state->wakeRead.get(), capture, std::chrono::steady_clock::now() + request.timeLimit);
+  Watch watch(*process, state->wake.read.get(), capture, std::chrono::steady_clock::now() + request.timeLimit);
   watch.run([&] { return state->isStopped(); }, [&] { control.stop(); });
   outcome.result.exitCode = process->wait();
   state->setProcess(nullptr);

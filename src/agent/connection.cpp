@@ -1,6 +1,5 @@
 #include "agent/connection.h"
 
-#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
@@ -42,7 +41,7 @@ ReceivedRequest receiveRequest(int socket) {
 void sendAll(int socket, std::string_view text) {
   while (!text.empty()) {
     const auto before = std::chrono::steady_clock::now();
-    const ssize_t sent = ::send(socket, text.data(), text.size(), MSG_NOSIGNAL);
+    const ssize_t sent = ::send(socket, text.data(), text.size(), base::quietSend());
     if (sent < 0 && errno == EINTR) continue;
     if (sent <= 0) return;
     text.remove_prefix(static_cast<std::size_t>(sent));
@@ -65,17 +64,9 @@ HangupWatch::~HangupWatch() {
 
 HangupWatch::Id HangupWatch::add(int socket, std::stop_source stop) {
   const base::Lock lock(mutex_);
-  if (!wakeRead_) {
-    std::array<int, 2> ends{};
-    if (::pipe(ends.data()) == 0) {
-      wakeRead_.reset(ends[0]);
-      wakeWrite_.reset(ends[1]);
-      for (const int end : ends) {
-        ::fcntl(end, F_SETFD, FD_CLOEXEC);
-        ::fcntl(end, F_SETFL, O_NONBLOCK);
-      }
-      thread_ = std::thread([this] { run(); });
-    }
+  if (!wake_) {
+    wake_ = base::openWakePipe();
+    if (wake_) thread_ = std::thread([this] { run(); });
   }
   const Id id = next_++;
   entries_.emplace(id, Entry{socket, std::move(stop)});
@@ -98,8 +89,12 @@ void HangupWatch::withdrawAll() {
 }
 
 void HangupWatch::wake() {
-  if (wakeWrite_) [[maybe_unused]]
-    const auto written = ::write(wakeWrite_.get(), "", 1);
+  if (wake_) base::wake(*wake_);
+}
+
+void HangupWatch::emptied() {
+  const base::Lock lock(mutex_);
+  base::drain(*wake_);
 }
 
 void HangupWatch::run() {
@@ -111,7 +106,7 @@ void HangupWatch::run() {
     {
       const base::Lock lock(mutex_);
       if (ending_) return;
-      polled.push_back({wakeRead_.get(), POLLIN, 0});
+      polled.push_back({wake_->read.get(), POLLIN, 0});
       ids.push_back(0);
       for (const auto& [id, entry] : entries_) {
         if (entry.socket < 0 || entry.stop.stop_requested()) continue;
@@ -121,8 +116,7 @@ void HangupWatch::run() {
       }
     }
     if (::poll(polled.data(), static_cast<nfds_t>(polled.size()), -1) < 0 && errno != EINTR) return;
-    std::array<char, 64> drained;
-    while (::read(polled[0].fd, drained.data(), drained.size()) > 0) continue;
+    emptied();
     for (std::size_t i = 1; i < polled.size(); ++i) {
       if ((polled[i].revents & (POLLHUP | POLLERR)) == 0) continue;
       std::optional<std::stop_source> stop;

@@ -8,8 +8,8 @@
 #include <thread>
 
 #include "agent/protocol.h"
-#include "base/descriptor.h"
 #include "base/mutex.h"
+#include "base/open_descriptors.h"
 #include "base/secret_text.h"
 
 namespace sorvane::agent {
@@ -53,13 +53,14 @@ class HangupWatch {
   };
   void run();
   void wake() REQUIRES(mutex_);
+  void emptied();
 
   // Guarded. A leaf: no callback and no waiting while it is held.
   base::Mutex mutex_;
   std::map<Id, Entry> entries_ GUARDED_BY(mutex_);
   Id next_ GUARDED_BY(mutex_) = 1;
   bool ending_ GUARDED_BY(mutex_) = false;
-  base::Descriptor wakeRead_ GUARDED_BY(mutex_), wakeWrite_ GUARDED_BY(mutex_);
+  std::optional<base::Pipe> wake_ GUARDED_BY(mutex_);
   std::thread thread_ GUARDED_BY(mutex_);
 };
 

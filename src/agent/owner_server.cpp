@@ -10,6 +10,7 @@
 #include <utility>
 
 #include "base/diagnostics.h"
+#include "base/open_descriptors.h"
 #include "base/support_folder.h"
 #include "base/system.h"
 
@@ -31,10 +32,11 @@ bool isServed(const std::filesystem::path& path) {
   const std::string text = path.string();
   if (text.size() + 1 > base::maxSocketPath()) return false;
   std::memcpy(address.sun_path, text.c_str(), text.size() + 1);
-  const base::Descriptor socket(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+  const base::Descriptor socket = base::openSocket(AF_UNIX, SOCK_STREAM);
+  if (!socket || !base::setNonBlocking(socket.get())) return false;
   // A full queue is somebody's too.
-  return socket && (::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
-                    errno == EAGAIN || errno == EINPROGRESS);
+  return ::connect(socket.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 || errno == EAGAIN ||
+         errno == EINPROGRESS;
 }
 
 /// Why the name cannot be taken; nullopt when nothing is there, or the socket of a process that is gone.

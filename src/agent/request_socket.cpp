@@ -1,6 +1,5 @@
 #include "agent/request_socket.h"
 
-#include <fcntl.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -10,6 +9,7 @@
 #include <memory>
 
 #include "base/diagnostics.h"
+#include "base/open_descriptors.h"
 #include "base/system.h"
 
 namespace sorvane::agent {
@@ -62,7 +62,7 @@ void RequestSocket::acceptAll(int listener, const std::string& occasion) {
       const base::Lock lock(mutex_);
       if (!accepting_) break;
     }
-    base::Descriptor socket(::accept(listener, nullptr, nullptr));
+    base::Descriptor socket = base::acceptFrom(listener);
     if (!socket) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
       // Out of descriptors or memory for the moment: the connections that are being served give theirs back.
@@ -94,7 +94,6 @@ void* RequestSocket::connectionThread(void* argument) {
 }
 
 void RequestSocket::accepted(base::Descriptor socket) {
-  ::fcntl(socket.get(), F_SETFD, FD_CLOEXEC);
   const auto peer = base::peerCredentials(socket.get());
   // Another user has no business here and gets no answer.
   if (!peer || peer->uid != ::geteuid()) return;
@@ -102,7 +101,7 @@ void RequestSocket::accepted(base::Descriptor socket) {
   const auto id = connections_.add(socket.get());
   const base::SecretText busy = id ? base::SecretText() : busy_();
   if (!id) {
-    ::send(socket.get(), busy.view().data(), busy.size(), MSG_NOSIGNAL | MSG_DONTWAIT);
+    ::send(socket.get(), busy.view().data(), busy.size(), base::quietSend() | MSG_DONTWAIT);
     return;
   }
   auto start = std::make_unique<Start>(Start{*this, std::move(socket), *id, peer->pid});

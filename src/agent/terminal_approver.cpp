@@ -10,6 +10,7 @@
 #include <cerrno>
 
 #include "agent/terminal_question.h"
+#include "base/open_descriptors.h"
 #include "base/unicode.h"
 
 namespace sorvane::agent {
@@ -150,17 +151,15 @@ std::optional<bool> TerminalApprover::put(const Waiting& own, const OwnerApprova
 }
 
 std::optional<std::string> TerminalApprover::readLine(const std::stop_token& withdrawn) {
-  std::array<int, 2> ends{};
-  if (::pipe2(ends.data(), O_CLOEXEC | O_NONBLOCK) != 0) return std::nullopt;
-  const base::Descriptor wake(ends[0]), stop(ends[1]);
-  const std::stop_callback onWithdrawn(withdrawn,
-                                       [&] { [[maybe_unused]] const auto sent = ::write(stop.get(), "w", 1); });
+  const auto stop = base::openWakePipe();
+  if (!stop) return std::nullopt;
+  const std::stop_callback onWithdrawn(withdrawn, [&] { base::wake(*stop); });
   const auto until = std::chrono::steady_clock::now() + patience_;
   std::string line;
   for (;;) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - std::chrono::steady_clock::now()).count();
     if (left <= 0) return std::nullopt;
-    std::array<pollfd, 2> waits{pollfd{input_.get(), POLLIN, 0}, pollfd{wake.get(), POLLIN, 0}};
+    std::array<pollfd, 2> waits{pollfd{input_.get(), POLLIN, 0}, pollfd{stop->read.get(), POLLIN, 0}};
     const int ready = ::poll(waits.data(), waits.size(), static_cast<int>(left));
     if (ready < 0 && errno != EINTR) return std::nullopt;
     if (ready <= 0) continue;

@@ -2,15 +2,14 @@
 
 #include <poll.h>
 #include <signal.h>
-#include <sys/eventfd.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <chrono>
-#include <cstdint>
 #include <utility>
 
 #include "base/diagnostics.h"
+#include "base/open_descriptors.h"
 #include "base/unicode.h"
 #include "platform/linux/polkit_text_agent.h"
 #include "unlock/unlock_error.h"
@@ -52,7 +51,7 @@ void LockScreen::start(agent::OwnerLock& lock, bool isNew, std::function<void()>
   lock_ = &lock;
   onOffered_ = std::move(onOffered);
   offers_ = isNew;
-  changed_.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+  changed_ = base::openWakePipe().value_or(base::Pipe());
   thread_ = std::jthread([this](const std::stop_token& stop) {
     try {
       run(stop);
@@ -71,9 +70,7 @@ void LockScreen::stop() {
 }
 
 void LockScreen::wake() {
-  const std::uint64_t one = 1;
-  if (changed_) [[maybe_unused]]
-    const auto written = ::write(changed_.get(), &one, sizeof one);
+  base::wake(changed_);
 }
 
 std::optional<std::string> LockScreen::unavailable() {
@@ -123,8 +120,7 @@ void LockScreen::put(const Question& question) {
 void LockScreen::run(const std::stop_token& stop) {
   stop_ = stop;
   while (!stop_.stop_requested() && terminal_.isThere()) {
-    std::uint64_t changes = 0;
-    [[maybe_unused]] const auto got = ::read(changed_.get(), &changes, sizeof changes);
+    base::drain(changed_);
     if (const auto question = takeQuestion()) {
       put(*question);
       continue;
@@ -206,9 +202,9 @@ std::optional<base::SecretText> LockScreen::read(std::string_view prompt, Echo e
   const auto turn = approver_.takeTurn(stop_);
   if (!turn) return std::nullopt;
   const auto deadline = std::chrono::steady_clock::now() + kPatience;
-  auto line = terminal_.read(prompt, echo, deadline, changed_.get());
+  auto line = terminal_.read(prompt, echo, deadline, changed_.read.get());
   if (line || stop_.stop_requested() || std::chrono::steady_clock::now() >= deadline) return line;
-  pollfd changed{changed_.get(), POLLIN, 0};
+  pollfd changed{changed_.read.get(), POLLIN, 0};
   const bool hasChanged = ::poll(&changed, 1, 0) > 0;
   // In raw mode the terminal sends no signal of its own.
   if (!hasChanged && terminal_.isThere()) {
@@ -230,7 +226,7 @@ void LockScreen::tell(const LockOutcome& outcome) {
 }
 
 void LockScreen::rest() {
-  pollfd changed{changed_.get(), POLLIN, 0};
+  pollfd changed{changed_.read.get(), POLLIN, 0};
   while (!stop_.stop_requested() && ::poll(&changed, 1, -1) < 0 && errno == EINTR) {
   }
 }

@@ -8,8 +8,8 @@
 
 #include "agent/owner_lock.h"
 #include "agent/terminal_approver.h"
-#include "base/descriptor.h"
 #include "base/mutex.h"
+#include "base/open_descriptors.h"
 #include "platform/linux/terminal_prompt.h"
 #include "unlock/owner_presence.h"
 
@@ -71,7 +71,7 @@ class LockScreen final : public unlock::OwnerPresence {
   agent::OwnerLock* lock_ = nullptr;
   std::function<void()> onOffered_;
   // Readable once something changed.
-  base::Descriptor changed_;
+  base::Pipe changed_;
   // Of the thread.
   std::stop_token stop_;
   bool offers_ = false;

@@ -5,6 +5,7 @@
 #include <cstdlib>
 
 #include "base/diagnostics.h"
+#include "base/environment.h"
 #include "base/support_folder.h"
 #include "base/system.h"
 #include "base/temporary_files.h"

@@ -18,4 +18,15 @@ struct Pipe {
 };
 std::optional<Pipe> openPipe();
 
+// The same on every system.
+
+/// Makes calls on `fd` return instead of wait. False, with errno, when the system refuses.
+bool setNonBlocking(int fd);
+/// A pipe whose ends never make anybody wait: one byte in it wakes who polls the other end.
+std::optional<Pipe> openWakePipe();
+/// Puts a byte into the pipe. One that is full wakes just as well.
+void wake(const Pipe& pipe);
+/// Takes out all that was put in. Whether there was anything.
+bool drain(const Pipe& pipe);
+
 }  // namespace sorvane::base

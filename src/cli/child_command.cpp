@@ -7,6 +7,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "base/environment.h"
 #include "cli/session.h"
 
 namespace sorvane::cli {

@@ -11,6 +11,7 @@
 #include <cstring>
 
 #include "base/descriptor.h"
+#include "base/environment.h"
 #include "base/unicode.h"
 #include "cli/hidden_line.h"
 

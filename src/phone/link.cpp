@@ -7,6 +7,7 @@
 #include <cerrno>
 
 #include "base/ids.h"
+#include "base/open_descriptors.h"
 #include "phone/approver_server.h"
 
 namespace sorvane::phone {
@@ -116,7 +117,7 @@ std::optional<std::string> Link::take(base::Instant now) {
 
 void Link::flush(base::Instant now) {
   while (!unsent_.empty() && !ended_) {
-    const ssize_t sent = ::send(socket_.get(), unsent_.data(), unsent_.size(), MSG_NOSIGNAL);
+    const ssize_t sent = ::send(socket_.get(), unsent_.data(), unsent_.size(), base::quietSend());
     if (sent < 0 && errno == EINTR) continue;
     if (sent < 0 && isPassing(errno)) return;
     if (sent < 0) return end();

@@ -183,9 +183,6 @@ void Links::accept(base::Descriptor socket) {
   ::setsockopt(socket.get(), IPPROTO_TCP, TCP_KEEPINTVL, &betweenSeconds, sizeof betweenSeconds);
   ::setsockopt(socket.get(), IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
 #endif
-#ifdef SO_NOSIGPIPE
-  ::setsockopt(socket.get(), SOL_SOCKET, SO_NOSIGPIPE, &on, sizeof on);
-#endif
   links_.push_back(std::make_unique<Link>(std::move(socket), std::move(address), clock_.instant()));
   handler_.begun(*links_.back());
 }

@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <array>
 
-extern char** environ;  // NOLINT(readability-redundant-declaration): not every system's unistd.h declares it
+#include "base/environment.h"
 
 namespace sorvane::proxy {
 namespace {

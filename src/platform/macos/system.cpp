@@ -17,9 +17,8 @@
 #include <string_view>
 
 #include "base/diagnostics.h"
+#include "base/environment.h"
 #include "base/lock_holder.h"
-
-extern char** environ;  // NOLINT(readability-redundant-declaration): the system's unistd.h does not declare it
 
 namespace sorvane::base {
 namespace {
