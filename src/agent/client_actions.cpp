@@ -187,7 +187,8 @@ std::vector<std::string> OwnerActionHandlers::uninstallSteps(bool withVault) {
   }
   steps.emplace_back("End every task session and delete the key files that nobody changed");
   steps.emplace_back("Remove every agent connection");
-  steps.emplace_back(withVault ? "Delete the vault with every secret in it" : "Keep the vault");
+  steps.emplace_back(withVault ? "Delete the vault with every secret in it, and every vault that a restore set aside"
+                               : "Keep the vault");
   return steps;
 }
 

@@ -6,6 +6,7 @@
 #include "app/application_actions.h"
 #include "base/support_folder.h"
 #include "clients/config_file.h"
+#include "unlock/vault_switch.h"
 #include "vault/config_scan.h"
 #include "vault/import_walk.h"
 #include "vault/vault.h"
@@ -99,6 +100,23 @@ std::vector<agent::FolderFinding> ApplicationActions::scan(const std::string& fo
   return findings;
 }
 
+namespace {
+
+/// What restores put aside: locked vaults that nobody could open, and their values.
+void removeVaultsSetAside(const std::filesystem::path& folder) {
+  std::error_code failed;
+  std::vector<std::filesystem::path> aside;
+  for (const auto& entry : std::filesystem::directory_iterator(folder, failed)) {
+    if (entry.path().filename().string().starts_with(unlock::VaultSwitch::kAsidePrefix)) aside.push_back(entry.path());
+  }
+  for (const std::filesystem::path& vault : aside) {
+    if (!failed) std::filesystem::remove_all(vault, failed);
+  }
+  if (failed) throw vault::VaultError("A vault that was set aside could not be removed: " + failed.message() + ".");
+}
+
+}  // namespace
+
 void ApplicationActions::removeVault() {
   // The metadata first: values that nothing names are useless, and metadata without values would be a damaged vault.
   const std::filesystem::path folder(state_.supportFolder);
@@ -107,6 +125,7 @@ void ApplicationActions::removeVault() {
   if (failed) throw vault::VaultError("The vault's files could not be removed: " + failed.message() + ".");
   std::filesystem::remove(folder / base::kGrantsName, failed);
   stores_.removeItems();
+  removeVaultsSetAside(folder);
   // The answer is still sent: stopping waits for the requests that are served.
   ::kill(::getpid(), SIGTERM);
 }

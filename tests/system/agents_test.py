@@ -138,6 +138,8 @@ class Agents(House):
 
     def test_theVaultIsDeletedOnlyAfterTheWordWasTyped(self):
         self.connected()
+        aside = self.support / "set-aside.20010101T000000Z"
+        (aside / "vault").mkdir(parents=True)
         line = [str(PROGRAMS / "sorvane"), "--support-dir", str(self.support), "uninstall", "--with-vault"]
         person = Terminal(line, self.environment())
         person.wait_for("to go on: ")
@@ -152,4 +154,5 @@ class Agents(House):
         self.assertIn("The vault was deleted.", person.text())
         self.assertEqual(self.close(None), 0, "sorvaned ends by itself")
         self.assertFalse((self.support / "vault").exists())
+        self.assertFalse(aside.exists())
         self.assertFalse(self.config.exists())
