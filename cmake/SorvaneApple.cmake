@@ -66,6 +66,8 @@ function(apple_checks)
   set(macos ${CMAKE_CURRENT_SOURCE_DIR}/src/platform/macos)
   file(GLOB fakes CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/fake/*.cpp)
   target_sources(apple_test PRIVATE ${fakes} ${macos}/core_foundation.cpp ${macos}/access_group.cpp
-                 ${macos}/keychain_secret_store.cpp)
-  target_include_directories(apple_test SYSTEM PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/frameworks)
+                 ${macos}/keychain_secret_store.cpp ${macos}/bonjour_announcer.cpp ${macos}/bonjour_browser.cpp
+                 ${macos}/bonjour_text.cpp)
+  target_include_directories(apple_test SYSTEM PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/posix
+                             ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/frameworks)
 endfunction()

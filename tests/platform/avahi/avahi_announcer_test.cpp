@@ -7,7 +7,7 @@
 #include <cstdio>
 #include <string>
 
-#include "on_phone.h"
+#include "support/on_phone.h"
 
 namespace sorvane::test {
 namespace {

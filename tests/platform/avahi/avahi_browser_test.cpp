@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "on_phone.h"
+#include "support/on_phone.h"
 
 namespace sorvane::test {
 namespace {
