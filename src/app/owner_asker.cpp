@@ -91,10 +91,13 @@ std::optional<bool> OwnerAsker::askPhone(phone::ApprovalDetails details, const a
                                          const std::stop_token& withdrawn) {
   const bool onlyNo = context.whoseYesCounts == Approver::terminal;
   if (onlyNo) details.reason.append("\n").append(kOnlyNo);
-  const PhoneQuestions::Answer answer = ports_.phones.ask(details, withdrawn);
+  using Yes = PhoneQuestions::Yes;
+  // A yes that does not count takes the question off nobody else's phone, where a no may still come from.
+  const PhoneQuestions::Answer answer =
+      ports_.phones.ask(details, withdrawn, onlyNo ? Yes::doesNotCount : Yes::settles);
   if (answer.is != PhoneQuestions::Answer::Is::none) noteAnswer(answer);
   if (answer.is == PhoneQuestions::Answer::Is::no) return false;
-  if (answer.is == PhoneQuestions::Answer::Is::yes && !onlyNo) return true;
+  if (answer.is == PhoneQuestions::Answer::Is::yes) return true;
   return std::nullopt;
 }
 

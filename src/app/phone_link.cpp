@@ -208,9 +208,10 @@ bool PhoneLink::isConnected() const {
   return std::any_of(phones.begin(), phones.end(), [](const auto& phone) { return phone.connected; });
 }
 
-PhoneQuestions::Answer PhoneLink::ask(const phone::ApprovalDetails& details, const std::stop_token& withdrawn) {
+PhoneQuestions::Answer PhoneLink::ask(const phone::ApprovalDetails& details, const std::stop_token& withdrawn,
+                                      Yes yes) {
   try {
-    return server_.ask(details, withdrawn);
+    return server_.ask(details, withdrawn, yes);
   } catch (const std::exception& error) {
     base::diagnose("phone", error.what());
     return {};

@@ -50,7 +50,7 @@ class PhoneLink final : public PhoneQuestions {
   bool isServed() const override { return server_.isServed(); }
   bool isConnected() const override;
   PhoneYes unlockingYes() override;
-  Answer ask(const phone::ApprovalDetails& details, const std::stop_token& withdrawn) override;
+  Answer ask(const phone::ApprovalDetails& details, const std::stop_token& withdrawn, Yes yes) override;
 
  private:
   class SealedRegistry;

@@ -93,7 +93,7 @@ void PhonePresence::ask(Check check, const std::string& reason, Reply reply) {
   if (phoneYes == PhoneYes::none) return ports_.system.ask(check, reason, bySystem);
   race_ = race;
   asking_ = std::jthread([this, race, phoneYes, details = unlockQuestion(reason, ports_.requestor())] {
-    const PhoneQuestions::Answer answer = ports_.phones.ask(details, race->over());
+    const PhoneQuestions::Answer answer = ports_.phones.ask(details, race->over(), PhoneQuestions::Yes::settles);
     if (answer.is == PhoneQuestions::Answer::Is::none)
       return race->none({Failed::kNotInteractive, kNoPhoneAnswered}, false);
     // Before whoever waits for the answer can ask the next question.

@@ -20,14 +20,16 @@ enum class PhoneYes {
 class PhoneQuestions {
  public:
   using Answer = phone::ApproverServer::Answer;
+  using Yes = phone::ApproverServer::Yes;
   virtual ~PhoneQuestions() = default;
   /// Whether a phone is paired and could come to answer.
   virtual bool isServed() const = 0;
   /// Whether one is there now.
   virtual bool isConnected() const = 0;
   virtual PhoneYes unlockingYes() = 0;
-  /// Blocks until a phone answered, `withdrawn` was stopped, or the question's time is over. Does not throw.
-  virtual Answer ask(const phone::ApprovalDetails& details, const std::stop_token& withdrawn) = 0;
+  /// Blocks until a phone gave an answer that settles it, `withdrawn` was stopped, or the question's time is over. Does
+  /// not throw.
+  virtual Answer ask(const phone::ApprovalDetails& details, const std::stop_token& withdrawn, Yes yes) = 0;
 };
 
 /// Says on standard error which phone answered what.

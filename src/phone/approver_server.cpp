@@ -261,8 +261,8 @@ bool ApproverServer::isServed() const {
   return impl_->view().isListening && !impl_->view().phones.empty();
 }
 
-ApproverServer::Answer ApproverServer::ask(const ApprovalDetails& details, const std::stop_token& withdrawn) {
-  return impl_->questions().ask(details, withdrawn);
+ApproverServer::Answer ApproverServer::ask(const ApprovalDetails& details, const std::stop_token& withdrawn, Yes yes) {
+  return impl_->questions().ask(details, withdrawn, yes);
 }
 
 }  // namespace sorvane::phone

@@ -21,7 +21,8 @@ namespace sorvane::phone {
 /// Limits of the link (docs/phone-link.md).
 inline constexpr std::size_t kMostPhones = 5, kMostLinks = 8, kMostNewLinks = 16, kMostNewLinksOfAddress = 4;
 inline constexpr std::size_t kMostFramesPerMinute = 60;
-inline constexpr std::chrono::seconds kHelloTime{10}, kFrameTime{10}, kRequestLife{120}, kPairingLife{120};
+inline constexpr std::chrono::seconds kHelloTime{10}, kFrameTime{10}, kLeavingTime{10}, kRequestLife{120},
+    kPairingLife{120};
 inline constexpr int kPairingAttempts = 5;
 
 /// ApproverServer serves the link to the paired phones: it listens while one is paired or pairing is open, and puts
@@ -94,9 +95,12 @@ class ApproverServer {
   };
   /// Whether a question could be answered: a phone is paired and the server listens.
   bool isServed() const;
+  /// What a yes does to the question: it settles it, or, where the policy wants another's yes, the phone that gave it
+  /// is told that nobody needs it, and the others are asked on, so that only a no settles it.
+  enum class Yes { settles, doesNotCount };
   /// Puts the question to each paired phone, also to one that comes while it waits, until one answers, `withdrawn` is
   /// stopped, or kRequestLife is over. Blocks.
-  Answer ask(const ApprovalDetails& details, const std::stop_token& withdrawn);
+  Answer ask(const ApprovalDetails& details, const std::stop_token& withdrawn, Yes yes = Yes::settles);
 
  private:
   class Impl;

@@ -23,6 +23,8 @@ bool isPassing(int error) {
 }  // namespace
 
 LinkStep stepFor(LinkState state, Kind kind) {
+  // Whoever is asked to go may have answered before knowing it.
+  if (state == LinkState::leaving) return kind == Kind::approvalResponse ? LinkStep::judge : LinkStep::passOver;
   const bool isFirst = state == LinkState::challenged, isServed = state == LinkState::served;
   switch (kind) {
     case Kind::hello:
@@ -30,7 +32,7 @@ LinkStep stepFor(LinkState state, Kind kind) {
     case Kind::pair:
       return isFirst ? LinkStep::pair : LinkStep::refuse;
     case Kind::approvalResponse:
-      return isFirst || isServed ? LinkStep::judge : LinkStep::refuse;
+      return LinkStep::judge;
     case Kind::keyApprovalAnswer:
     case Kind::approverRegisterAnswer:
       return isServed ? LinkStep::judgeOther : LinkStep::refuse;
@@ -62,8 +64,19 @@ void Link::serve(const PublicKey& phone, Channel channel) {
 
 void Link::leave(base::Instant now) {
   state_ = LinkState::leaving;
-  stateDeadline_ = now + kHelloTime;
-  if (unsent_.empty()) end();
+  stateDeadline_ = now + kLeavingTime;
+  if (unsent_.empty()) ::shutdown(socket_.get(), SHUT_WR);
+}
+
+void Link::endFor(LinkFault fault) {
+  // Who goes already has broken nothing.
+  if (state_ != LinkState::leaving) fault_ = fault;
+  end();
+}
+
+void Link::expire() {
+  endFor(reader_.hasBegun() ? LinkFault::frame : !unsent_.empty() ? LinkFault::takesNothing : LinkFault::none);
+  drop();
 }
 
 void Link::drop() {
@@ -75,30 +88,35 @@ void Link::drop() {
 void Link::send(const Envelope& envelope, base::Instant now) {
   const auto frame = writeFrame(encodeEnvelope(envelope));
   // All that is sent was measured before.
-  if (!frame || unsent_.size() + frame->size() > kMostUnsent) return drop();
+  if (!frame || unsent_.size() + frame->size() > kMostUnsent) {
+    endFor(LinkFault::takesNothing);
+    return drop();
+  }
   if (unsent_.empty()) unsentSince_ = now;
   unsent_.append(base::textOf(*frame));
   flush(now);
 }
 
 short Link::wanted() const {
-  const int events = (state_ == LinkState::leaving ? 0 : POLLIN) | (unsent_.empty() ? 0 : POLLOUT);
-  return static_cast<short>(events);
+  // The last words go first: an other end that has closed its side may still take them.
+  const bool reads = state_ != LinkState::leaving || unsent_.empty();
+  return static_cast<short>((reads ? POLLIN : 0) | (unsent_.empty() ? 0 : POLLOUT));
 }
 
 void Link::read(base::Instant) {
-  if (state_ == LinkState::leaving) return;
   std::array<std::uint8_t, kReadBytes> piece;
   const ssize_t got = ::recv(socket_.get(), piece.data(), piece.size(), 0);
-  if (got > 0) reader_.add(std::span(piece).first(static_cast<std::size_t>(got)));
+  // Of a link that goes, only answers of a phone that was served are looked at.
+  const bool isHeard = state_ != LinkState::leaving || wasServed();
+  if (got > 0 && isHeard) reader_.add(std::span(piece).first(static_cast<std::size_t>(got)));
   if (got == 0 || (got < 0 && !isPassing(errno))) end();
 }
 
 std::optional<std::string> Link::take(base::Instant now) {
-  if (ended_ || state_ == LinkState::leaving) return std::nullopt;
+  if (ended_) return std::nullopt;
   auto body = reader_.next();
   if (!body) {
-    if (reader_.isBroken()) end();
+    if (reader_.isBroken()) endFor(LinkFault::frame);
     if (!reader_.hasBegun())
       frameBegan_.reset();
     else if (!frameBegan_)
@@ -108,7 +126,7 @@ std::optional<std::string> Link::take(base::Instant now) {
   frameBegan_.reset();
   while (!frames_.empty() && frames_.front() + kMinute <= now) frames_.pop_front();
   if (frames_.size() >= kMostFramesPerMinute) {
-    end();
+    endFor(LinkFault::frame);
     return std::nullopt;
   }
   frames_.push_back(now);
@@ -128,7 +146,7 @@ void Link::flush(base::Instant now) {
   // An idle link holds nothing.
   unsent_ = {};
   unsentSince_.reset();
-  if (state_ == LinkState::leaving) end();
+  if (state_ == LinkState::leaving) ::shutdown(socket_.get(), SHUT_WR);
 }
 
 std::optional<base::Instant> Link::deadline() const {

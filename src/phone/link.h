@@ -21,7 +21,7 @@ namespace sorvane::phone {
 ///                      | answered with `ok` false                    |
 ///                      '-----------------> leaving <-----------------'
 ///                                             |
-///                                             '--what is left is sent--> (gone)
+///                                             '--all is sent, and the other end has closed, or had time to--> (gone)
 ///
 /// From every state a link goes at once when the other end does, when it breaks a limit, when a frame cannot be read or
 /// is not for its state, and when an answer's verdict says so.
@@ -35,8 +35,16 @@ enum class LinkStep {
   judgeOther,   ///< an answer to something that this server never asks
   forgetPhone,  ///< the phone unpairs
   refuse,       ///< not for this state: the link goes
+  passOver,     ///< the link goes already
 };
 LinkStep stepFor(LinkState state, Kind kind);
+
+/// Which of the limits a link broke.
+enum class LinkFault {
+  none,
+  frame,         ///< a frame of a wrong length, one too many in a minute, or half of one when its time was over
+  takesNothing,  ///< what it is sent lies untaken
+};
 
 /// Link is one connection and what it may still do: its socket, what was read and not yet taken, what is to be sent.
 /// Its socket does not block. One thread.
@@ -58,13 +66,15 @@ class Link {
   bool wasServed() const { return channel_.has_value(); }
   bool isOf(const PublicKey& phone) const { return state_ == LinkState::served && phone_ == phone; }
   void serve(const PublicKey& phone, Channel channel);
-  /// Sends what is left and goes; nothing is read any more.
+  /// Sends what is left, then waits for the other end to close, kLeavingTime at most, so that the last words are not
+  /// lost to what it sent meanwhile. Of that, answers of a phone that was served are still judged.
   void leave(base::Instant now);
   /// Goes at once.
   void end() { ended_ = true; }
   /// The same, and the system keeps nothing of what the other end did not take.
   void drop();
   bool hasEnded() const { return ended_; }
+  LinkFault fault() const { return fault_; }
 
   /// Ids of the requests that were put and not yet answered or cancelled here.
   std::set<std::string>& put() { return put_; }
@@ -82,13 +92,18 @@ class Link {
   void flush(base::Instant now);
   /// When the link ends unless something happens before.
   std::optional<base::Instant> deadline() const;
+  /// The link ends, since that time has come.
+  void expire();
 
  private:
+  void endFor(LinkFault fault);
+
   base::Descriptor socket_;
   const std::string address_;
   Challenge challenge_{};
   LinkState state_ = LinkState::challenged;
   bool ended_ = false;
+  LinkFault fault_ = LinkFault::none;
   PublicKey phone_{};
   std::optional<Channel> channel_;
   std::set<std::string> put_;

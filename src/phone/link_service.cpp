@@ -79,6 +79,7 @@ void LinkService::gone(const Link&) {
 
 void LinkService::frame(Link& link, const std::string& body) {
   const auto envelope = decodeEnvelope(body, Side::phone);
+  if (!envelope && link.state() == LinkState::leaving) return;
   if (!envelope) return end(link, Verdict::unreadable);
   switch (stepFor(link.state(), envelope->kind)) {
     case LinkStep::prove:
@@ -91,6 +92,8 @@ void LinkService::frame(Link& link, const std::string& body) {
       return judgeOther(link, *envelope);
     case LinkStep::forgetPhone:
       return forgetPhone(link, *envelope);
+    case LinkStep::passOver:
+      return;
     case LinkStep::refuse:
       return end(link, link.state() == LinkState::challenged ? Verdict::notAuthenticated : Verdict::unreadable);
   }
@@ -116,15 +119,19 @@ void LinkService::pair(Link& link, const Envelope& envelope) {
   auto channel = Channel::of(Side::mac, record_.identity, request.phonePublicKey);
   if (!channel) return end(link, Verdict::unreadable);
   const auto confirm = channel->open<PairConfirm>(request.sealedConfirm);
-  if (!confirm || confirm->phonePublicKey != request.phonePublicKey || !crypto::isPresenceKey(confirm->presenceKey)) {
-    return end(link, Verdict::unreadable);
-  }
+  const bool isWhole = confirm && confirm->phonePublicKey == request.phonePublicKey;
+  // A phone whose key verifies nothing could never say yes.
+  if (!isWhole || !crypto::isPresenceKey(confirm->presenceKey)) return end(link, Verdict::unreadable);
   bool isRight = false;
   {
     const base::Lock lock(view_.mutex);
     isRight = view_.pairing.check(record_.identity.publicKey(), *confirm, link.challenge());
   }
   if (!isRight || !savePaired(*confirm)) return refuse(link, Kind::paired);
+  // What it was before it is no more, and neither are the links of that.
+  for (const auto& earlier : links_.all()) {
+    if (earlier->isOf(confirm->phonePublicKey)) earlier->end();
+  }
   makeRoom(confirm->phonePublicKey);
   serve(link, confirm->phonePublicKey, std::move(*channel));
   acknowledge(link, Kind::paired, crypto::sha256(base::bytesOf(confirm->proof)));
@@ -189,30 +196,6 @@ void LinkService::makeRoom(const PublicKey& newcomer) {
   }
 }
 
-void LinkService::judgeAnswer(Link& link, const Envelope& envelope) {
-  const bool isServed = link.state() == LinkState::served;
-  const auto answer = isServed ? link.channel().open<ApprovalResponse>(*envelope.sealed) : std::nullopt;
-  const auto request = answer ? questions_.find(answer->id) : nullptr;
-  const PairedPhone* const phone = isServed ? record_.find(link.phone()) : nullptr;
-  Verdict verdict = judge({isServed, phone, answer ? &*answer : nullptr, request.get(), server_.clock.now()});
-  if (verdict == Verdict::accepted) {
-    using Is = ApproverServer::Answer::Is;
-    const ApproverServer::Answer given{answer->approved ? Is::yes : Is::no, phone->deviceName, {}};
-    // Another phone may have answered since.
-    if (!questions_.settle(answer->id, given)) verdict = Verdict::unknownRequest;
-  }
-  // It knows that it has answered.
-  if (verdict == Verdict::accepted) link.put().erase(answer->id);
-  end(link, verdict);
-}
-
-void LinkService::judgeOther(Link& link, const Envelope& envelope) {
-  const bool isReadable = envelope.kind == Kind::keyApprovalAnswer
-                              ? link.channel().open<KeyApprovalAnswer>(*envelope.sealed).has_value()
-                              : link.channel().open<ApproverRegisterAnswer>(*envelope.sealed).has_value();
-  end(link, isReadable ? Verdict::unknownRequest : Verdict::unreadable);
-}
-
 void LinkService::forgetPhone(Link& link, const Envelope& envelope) {
   const auto notice = link.channel().open<UnpairNotice>(*envelope.sealed);
   if (!notice || notice->phonePublicKey != link.phone()) return end(link, Verdict::unreadable);
@@ -222,42 +205,6 @@ void LinkService::forgetPhone(Link& link, const Envelope& envelope) {
     forget(phone);
   } catch (const base::Error& error) {
     base::diagnose("phone", "a phone that unpaired could not be taken out: " + error.sentence());
-  }
-}
-
-void LinkService::end(Link& link, Verdict verdict) {
-  if (endsLink(verdict)) {
-    // Strangers write no lines here.
-    if (link.state() == LinkState::served) {
-      base::diagnose("phone", "a link was ended: " + std::string(nameOf(verdict)));
-    }
-    link.end();
-  }
-  if (server_.onVerdict) server_.onVerdict(verdict);
-}
-
-void LinkService::putQuestions(Link& link) {
-  const auto now = server_.clock.instant();
-  const auto waiting = questions_.waitingFor(link.phone());
-  const auto waits = [&](const std::string& id) {
-    return std::any_of(waiting.begin(), waiting.end(), [&](const auto& one) { return one->request.id == id; });
-  };
-  const std::set<std::string> put = link.put();
-  for (const auto& id : put) {
-    if (waits(id)) continue;
-    link.put().erase(id);
-    Envelope cancel;
-    cancel.kind = Kind::cancel;
-    cancel.sealed = link.channel().seal(ApprovalCancel{id});
-    link.send(cancel, now);
-  }
-  for (const auto& one : waiting) {
-    if (!link.hasRoomForQuestions() || link.hasEnded()) return;
-    if (!link.put().insert(one->request.id).second) continue;
-    Envelope question;
-    question.kind = Kind::approvalRequest;
-    question.sealed = link.channel().seal(one->request);
-    link.send(question, now);
   }
 }
 

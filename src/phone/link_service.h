@@ -55,6 +55,7 @@ class LinkService final : private Links::Handler {
 
   void begun(Link& link) override;
   void frame(Link& link, const std::string& body) override;
+  void broke(Link& link) override;
   void gone(const Link& link) override;
 
   void prove(Link& link, const Envelope& hello);

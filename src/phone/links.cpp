@@ -125,7 +125,7 @@ void Links::turn(const std::optional<base::Instant>& deadline) {
   const auto now = clock_.instant();
   for (const auto& link : links_) {
     const auto due = link->deadline();
-    if (due && now >= *due) link->drop();
+    if (due && now >= *due && !link->hasEnded()) link->expire();
   }
   sweep();
 }
@@ -136,7 +136,6 @@ void Links::serveLink(Link& link, short happened) {
     const auto now = clock_.instant();
     if ((happened & POLLOUT) != 0) link.flush(now);
     if ((happened & (POLLIN | POLLHUP | POLLERR)) != 0) {
-      if (link.state() == LinkState::leaving) return link.end();
       link.read(now);
     }
     while (const auto body = link.take(now)) handler_.frame(link, *body);
@@ -166,7 +165,7 @@ void Links::accept(base::Descriptor socket) {
   std::string address = peerOf(socket.get());
   std::size_t fresh = 0, ofAddress = 0;
   for (const auto& link : links_) {
-    if (link->state() != LinkState::challenged || link->hasEnded()) continue;
+    if (link->wasServed() || link->hasEnded()) continue;
     ++fresh;
     if (link->address() == address) ++ofAddress;
   }
@@ -195,6 +194,7 @@ void Links::sweep() {
     at = next;
   }
   for (const auto& link : gone) {
+    if (link->fault() != LinkFault::none) handler_.broke(*link);
     if (link->wasServed()) handler_.gone(*link);
   }
 }

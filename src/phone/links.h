@@ -20,6 +20,8 @@ class Links {
     virtual ~Handler() = default;
     virtual void begun(Link& link) = 0;
     virtual void frame(Link& link, const std::string& body) = 0;
+    /// A link has ended by its own fault, which is not LinkFault::none.
+    virtual void broke(Link& link) = 0;
     /// A link that was served is gone.
     virtual void gone(const Link& link) = 0;
   };

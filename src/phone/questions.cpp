@@ -13,6 +13,9 @@ using Answer = ApproverServer::Answer;
 /// How long is waited at most before the clock is looked at again: waiting does not count the time that the computer
 /// sleeps.
 constexpr std::chrono::seconds kLookAgain{1};
+/// How long, and how many of the last ones, are told from requests that never were.
+constexpr std::chrono::seconds kLateAnswers{60};
+constexpr std::size_t kMostPast = 64;
 
 /// Text as the link takes it: UTF-8 without zero bytes.
 std::string plainText(const std::string& text) {
@@ -58,8 +61,8 @@ void Questions::setPhones(const std::vector<PublicKey>& phones) {
   changed_();
 }
 
-std::uint64_t Questions::add(const ApprovalDetails& details) {
-  Question question{plainDetails(details), clock_.now(), {}, std::nullopt};
+std::uint64_t Questions::add(const ApprovalDetails& details, ApproverServer::Yes yes) {
+  Question question{plainDetails(details), clock_.now(), yes, {}, std::nullopt};
   put(question);
   const bool fits =
       !phones_.empty() && encodeRecord(question.requests.begin()->second->request).size() <= kMostRequestBytes;
@@ -68,12 +71,24 @@ std::uint64_t Questions::add(const ApprovalDetails& details) {
   return lastNumber_;
 }
 
-Answer Questions::ask(const ApprovalDetails& details, const std::stop_token& withdrawn) {
+void Questions::remember(const Question& question) {
+  const auto now = clock_.instant();
+  while (!past_.empty() && past_.front().until <= now) past_.pop_front();
+  for (const auto& [phone, request] : question.requests) {
+    if (!request) continue;
+    auto over = std::make_shared<WaitingRequest>(*request);
+    over->isOver = true;
+    past_.push_back({now + kLateAnswers, std::move(over)});
+  }
+  while (past_.size() > kMostPast) past_.pop_front();
+}
+
+Answer Questions::ask(const ApprovalDetails& details, const std::stop_token& withdrawn, ApproverServer::Yes yes) {
   const auto begun = clock_.instant();
   std::uint64_t number = 0;
   {
     const base::Lock lock(mutex_);
-    number = add(details);
+    number = add(details, yes);
   }
   if (number == 0) return {};
   changed_();
@@ -84,7 +99,10 @@ Answer Questions::ask(const ApprovalDetails& details, const std::stop_token& wit
     const auto isAnswered = [&]() REQUIRES(mutex_) { return question.answer.has_value(); };
     while (!isAnswered() && !withdrawn.stop_requested()) {
       const auto left = begun + kRequestLife - clock_.instant();
-      if (left <= left.zero()) break;
+      if (left <= left.zero()) {
+        remember(question);
+        break;
+      }
       answered_.wait_for(lock.mutex(), withdrawn, std::min<std::chrono::nanoseconds>(left, kLookAgain), isAnswered);
     }
     if (question.answer) answer = std::move(*question.answer);
@@ -101,7 +119,7 @@ std::vector<Questions::Request> Questions::waitingFor(const PublicKey& phone) co
   const base::Lock lock(mutex_);
   for (const auto& [number, question] : waiting_) {
     const auto put = question.requests.find(phone);
-    if (!question.answer && put != question.requests.end()) requests.push_back(put->second);
+    if (!question.answer && put != question.requests.end() && put->second) requests.push_back(put->second);
   }
   return requests;
 }
@@ -110,23 +128,30 @@ Questions::Request Questions::find(const std::string& id) const {
   const base::Lock lock(mutex_);
   for (const auto& [number, question] : waiting_) {
     for (const auto& [phone, request] : question.requests) {
-      if (request->request.id == id && !question.answer) return request;
+      if (request && request->request.id == id && !question.answer) return request;
     }
+  }
+  for (const auto& past : past_) {
+    if (past.request->request.id == id && clock_.instant() < past.until) return past.request;
   }
   return nullptr;
 }
 
-bool Questions::settle(const std::string& id, Answer answer) {
+Questions::Settled Questions::settle(const std::string& id, Answer answer) {
   const base::Lock lock(mutex_);
   for (auto& [number, question] : waiting_) {
-    for (const auto& [phone, request] : question.requests) {
-      if (request->request.id != id || question.answer) continue;
+    for (auto& [phone, request] : question.requests) {
+      if (!request || request->request.id != id || question.answer) continue;
+      if (answer.is == Answer::Is::yes && question.yes == ApproverServer::Yes::doesNotCount) {
+        request = nullptr;
+        return Settled::heard;
+      }
       question.answer = std::move(answer);
       answered_.notify_all();
-      return true;
+      return Settled::answered;
     }
   }
-  return false;
+  return Settled::notWaiting;
 }
 
 }  // namespace sorvane::phone

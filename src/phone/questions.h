@@ -1,5 +1,6 @@
 #pragma once
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <stop_token>
@@ -32,26 +33,36 @@ class Questions {
   /// nothing; without any phone, what waits is answered with nothing.
   void setPhones(const std::vector<PublicKey>& phones);
   /// Blocks, as ApproverServer::ask.
-  ApproverServer::Answer ask(const ApprovalDetails& details, const std::stop_token& withdrawn);
+  ApproverServer::Answer ask(const ApprovalDetails& details, const std::stop_token& withdrawn,
+                             ApproverServer::Yes yes = ApproverServer::Yes::settles);
 
   /// What waits for this phone's answer, oldest first.
   std::vector<Request> waitingFor(const PublicKey& phone) const;
-  /// The request of this id, of whichever phone; null when none waits.
+  /// The request of this id, of whichever phone, also one whose time was over less than a minute ago; null when there
+  /// is none.
   Request find(const std::string& id) const;
-  /// Answers the question of this request. False when it waits no more.
-  bool settle(const std::string& id, ApproverServer::Answer answer);
+  enum class Settled {
+    notWaiting,  ///< any more
+    answered,
+    heard,  ///< a yes that does not count: this phone is asked no more
+  };
+  /// Answers the question of this request.
+  Settled settle(const std::string& id, ApproverServer::Answer answer);
 
  private:
   struct Question {
     ApprovalDetails details;
     base::Date issuedAt;
-    std::map<PublicKey, Request> requests;
+    ApproverServer::Yes yes = ApproverServer::Yes::settles;
+    std::map<PublicKey, Request> requests;  ///< null for a phone whose yes was heard and does not count
     std::optional<ApproverServer::Answer> answer;
   };
   using Waiting = std::map<std::uint64_t, Question>;
 
   void put(Question& question) REQUIRES(mutex_);
-  std::uint64_t add(const ApprovalDetails& details) REQUIRES(mutex_);
+  std::uint64_t add(const ApprovalDetails& details, ApproverServer::Yes yes) REQUIRES(mutex_);
+  /// Keeps its requests for a minute, so that a late answer is told from one to nothing.
+  void remember(const Question& question) REQUIRES(mutex_);
 
   // Constant after construction.
   const base::Clock& clock_;
@@ -62,6 +73,11 @@ class Questions {
   base::Condition answered_;
   std::vector<PublicKey> phones_ GUARDED_BY(mutex_);
   Waiting waiting_ GUARDED_BY(mutex_);  ///< by the order in which they came
+  struct Past {
+    base::Instant until;
+    Request request;
+  };
+  std::deque<Past> past_ GUARDED_BY(mutex_);  ///< oldest first
   std::uint64_t lastNumber_ GUARDED_BY(mutex_) = 0;
 };
 

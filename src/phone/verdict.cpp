@@ -72,7 +72,7 @@ Verdict judge(const AnswerFacts& facts) {
   if (!isSame(answer.nonce, request.nonce) || !isSame(answer.digest, approvalDigest(request))) {
     return Verdict::mismatched;
   }
-  if (facts.now > request.expiresAt) return Verdict::expired;
+  if (facts.request->isOver || facts.now > request.expiresAt) return Verdict::expired;
   if (answer.approved && !isPresent(*facts.phone, answer)) return Verdict::missingPresence;
   return Verdict::accepted;
 }

@@ -25,10 +25,11 @@ std::string_view nameOf(ApprovalResponseVerdict verdict);
 /// Whether the link ends with it: what an honest phone never sends.
 bool endsLink(ApprovalResponseVerdict verdict);
 
-/// A request that waits for its answer: what was sent, and to whom.
+/// A request that waits for its answer, or waited until its time was over: what was sent, and to whom.
 struct WaitingRequest {
   ApprovalRequest request;
   PublicKey phone{};
+  bool isOver = false;  ///< its time is, whatever the clock on the wall says
 };
 
 /// What the server knows when an answer comes.
@@ -39,7 +40,7 @@ struct AnswerFacts {
   const PairedPhone* phone = nullptr;
   /// What the frame held; null when it could not be read as an answer.
   const ApprovalResponse* answer = nullptr;
-  /// The request of the answer's id, whichever phone was asked; null when none waits.
+  /// The request of the answer's id, whichever phone was asked; null when there is none.
   const WaitingRequest* request = nullptr;
   base::Date now;
 };

@@ -85,7 +85,8 @@ TEST_F(OwnerAsker, aYesThatDoesNotCountLeavesTheQuestionToWhoMayAndANoCountsFrom
   terminal_.waitForQuestion();
   EXPECT_THAT(phones_.question().reason, ::testing::HasSubstr("Here you can only say no."));
   phones_.say(Is::yes);
-  phones_.waitForNone();
+  phones_.waitUntilHeard();
+  phones_.question();
   terminal_.say(true);
   EXPECT_EQ(onTerminal.get(), true);
 

@@ -155,13 +155,21 @@ TEST_F(ApproverServerLimits, everyKindInTheWrongStateEndsTheLink) {
     message.sealed = box;
     if (message.kind == Kind::hello) message.peerPublicKey = phone->key();
     if (message.kind == Kind::pair) message = phone->pairMessage({}, "A");
+    const bool isOfThePhonesLater = message.kind == Kind::approvalResponse || message.kind == Kind::unpair ||
+                                    message.kind == Kind::keyApprovalAnswer ||
+                                    message.kind == Kind::approverRegisterAnswer;
     Connection fresh = connect();
     challengeOf(fresh);
     fresh.send(message);
     EXPECT_TRUE(fresh.endsWithoutGrant());
+    // Who wants to pair while nobody may is told so; that is no verdict on an answer.
+    if (message.kind != Kind::pair) {
+      EXPECT_EQ(verdicts_.next(), isOfThePhonesLater ? Verdict::notAuthenticated : Verdict::unreadable);
+    }
     Connection known = served(*phone);
     known.send(message);
     EXPECT_TRUE(known.endsWithoutGrant());
+    EXPECT_EQ(verdicts_.next(), Verdict::unreadable);
   }
   stillServes(*phone);
 }
@@ -193,9 +201,11 @@ TEST_F(ApproverServerLimits, whatIsNoFrameOrNoEnvelopeEndsTheLinkAndTheServerGoe
     challengeOf(fresh);
     fresh.sendBytes(bytes);
     EXPECT_TRUE(fresh.endsWithoutGrant());
+    EXPECT_EQ(verdicts_.next(), Verdict::unreadable);
     Connection known = served(*phone);
     known.sendBytes(bytes);
     EXPECT_TRUE(known.endsWithoutGrant());
+    EXPECT_EQ(verdicts_.next(), Verdict::unreadable);
   }
   // 65,536 bytes are allowed where they say something.
   Connection link = connect();
@@ -215,6 +225,7 @@ TEST_F(ApproverServerLimits, whoIsSilentOrSlowIsLetGoAfterTenSeconds) {
   halting.sendBytes(std::string_view(half).substr(0, 3));
   // Another link's turn comes after these.
   stillServes(*phone);
+  verdicts_.clear();
   clock_.advance(kHelloTime - 1s);
   // More bytes do not begin the time anew.
   halting.sendBytes(std::string_view(half).substr(3, 10));
@@ -224,8 +235,14 @@ TEST_F(ApproverServerLimits, whoIsSilentOrSlowIsLetGoAfterTenSeconds) {
   EXPECT_EQ(slow.receive(), std::nullopt);
   // Questions that came meanwhile were put to it.
   EXPECT_TRUE(halting.endsWithoutGrant());
+  // Of half a frame it is said so; who is silent said nothing that could be judged.
+  EXPECT_EQ(verdicts_.next(), Verdict::accepted);
+  EXPECT_EQ(verdicts_.next(), Verdict::unreadable);
+  EXPECT_EQ(verdicts_.next(), Verdict::unreadable);
+  stillServes(*phone);
+  EXPECT_EQ(verdicts_.next(), Verdict::accepted);
   // A served link that says nothing at all stays.
-  for (int cancelled = 0; cancelled < 2;) {
+  for (int cancelled = 0; cancelled < 3;) {
     const auto message = quiet.receive();
     ASSERT_TRUE(message);
     if (message->kind == Kind::cancel) ++cancelled;
@@ -251,7 +268,7 @@ TEST_F(ApproverServerLimits, aLinkHasSixtyFramesAMinute) {
   clock_.advance(59s);
   link.send(unasked);
   EXPECT_EQ(link.receive(), std::nullopt);
-  EXPECT_TRUE(verdicts_.all().empty());
+  EXPECT_EQ(verdicts_.next(), Verdict::unreadable);
   stillServes(*phone);
 }
 

@@ -52,20 +52,6 @@ TEST_F(ApproverServerTest, aPhonePairsWithTheCodeAndIsServedAfterARestartOnTheSa
   EXPECT_EQ(this->mac(), mac);
 }
 
-/// What the answer to "pair" says; the link is over when it says no.
-bool pairs(ScriptedPhone& phone, Connection& link, const std::string& code) {
-  const auto challenge = *link.receive()->challenge;
-  link.send(phone.pairMessage(challenge, code));
-  const auto answer = link.receive();
-  if (!answer || answer->kind != Kind::paired) throw std::runtime_error("no answer to pair");
-  const bool ok = answer->ok.value_or(false);
-  EXPECT_EQ(ok, phone.believes(*answer, challenge, phone.expectedOfPairing(challenge, code)));
-  if (!ok) {
-    EXPECT_EQ(link.receive(), std::nullopt);
-  }
-  return ok;
-}
-
 TEST_F(ApproverServerTest, aWrongCodeIsTriedFiveTimesAndThenTheRightOneIsVoidToo) {
   offer();
   auto phone = newPhone("phone");
@@ -291,6 +277,11 @@ TEST_F(ApproverServerTest, aLateAnswerAndOneBeforeTheHelloCountForNothing) {
   clock_.advance(kRequestLife);
   EXPECT_EQ(asked.get().is, Is::none);
   EXPECT_EQ(cancelOf(*phone, link), request.id);
+  // Whatever the clock on the wall says by then, and for a minute.
+  clock_.setWall(request.issuedAt);
+  link.send(phone->sealed(phone->answerTo(request, true)));
+  EXPECT_EQ(verdicts_.next(), Verdict::expired);
+  clock_.advance(60s);
   link.send(phone->sealed(phone->answerTo(request, true)));
   EXPECT_EQ(verdicts_.next(), Verdict::unknownRequest);
   stillServes(*phone);

@@ -2,6 +2,7 @@
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 
@@ -161,6 +162,11 @@ class Connection {
       if (got <= 0) return std::nullopt;
       reader_.add(std::span(piece).first(static_cast<std::size_t>(got)));
     }
+  }
+  /// Whether what is sent now is thrown back, because the other end is gone for good.
+  bool isRefused() {
+    pollfd watched{socket_.get(), 0, 0};
+    return ::poll(&watched, 1, 10'000) == 1 && (watched.revents & (POLLHUP | POLLERR)) != 0;
   }
   /// Takes what comes until the link ends; whether nothing in it granted anything.
   bool endsWithoutGrant() {

@@ -42,7 +42,11 @@ class ServerHouse : public ::testing::Test {
   /// The computer's key as its challenge says it; a phone has it from the code.
   PublicKey mac() {
     Connection stranger(port_);
-    return *stranger.receive()->peerPublicKey;
+    const auto key = *stranger.receive()->peerPublicKey;
+    // Until it counts among the strangers no more.
+    stranger.finish();
+    stranger.receive();
+    return key;
   }
   std::unique_ptr<ScriptedPhone> newPhone(const std::string& name) {
     return std::make_unique<ScriptedPhone>(name, mac());
@@ -76,6 +80,20 @@ class ServerHouse : public ::testing::Test {
       throw std::runtime_error("not served");
     }
     return link;
+  }
+
+  /// What the answer to "pair" says; the link is over when it says no.
+  static bool pairs(const ScriptedPhone& phone, Connection& link, const std::string& code) {
+    const auto challenge = *link.receive()->challenge;
+    link.send(phone.pairMessage(challenge, code));
+    const auto answer = link.receive();
+    if (!answer || answer->kind != Kind::paired) throw std::runtime_error("no answer to pair");
+    const bool ok = answer->ok.value_or(false);
+    EXPECT_EQ(ok, phone.believes(*answer, challenge, phone.expectedOfPairing(challenge, code)));
+    if (!ok) {
+      EXPECT_EQ(link.receive(), std::nullopt);
+    }
+    return ok;
   }
 
   /// Asks on a thread of its own.
