@@ -14,7 +14,7 @@ if(APPLE)
   enable_language(OBJCXX)
   set(CMAKE_OBJCXX_STANDARD 20)
   set(SORVANE_FRAMEWORKS)
-  foreach(framework AppKit CoreFoundation CoreGraphics Foundation IOKit LocalAuthentication Security)
+  foreach(framework AppKit CoreFoundation CoreGraphics Foundation IOKit LocalAuthentication Security UserNotifications)
     list(APPEND SORVANE_FRAMEWORKS "-framework ${framework}")
   endforeach()
 endif()
@@ -67,7 +67,7 @@ function(apple_checks)
   file(GLOB fakes CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/fake/*.cpp)
   target_sources(apple_test PRIVATE ${fakes} ${macos}/core_foundation.cpp ${macos}/access_group.cpp
                  ${macos}/keychain_secret_store.cpp ${macos}/bonjour_announcer.cpp ${macos}/bonjour_browser.cpp
-                 ${macos}/bonjour_text.cpp)
+                 ${macos}/bonjour_text.cpp ${macos}/clipboard_text.cpp ${macos}/notice_gate.cpp)
   target_include_directories(apple_test SYSTEM PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/posix
                              ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/frameworks)
 endfunction()

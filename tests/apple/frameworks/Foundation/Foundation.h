@@ -33,9 +33,33 @@ __attribute__((objc_root_class))
 - (BOOL)isEqualToString:(NSString*)text;
 @end
 
+@interface NSException : NSObject
+@end
+
+@interface NSData : NSObject
++ (instancetype)data;
+- (instancetype)initWithBytesNoCopy:(void*)bytes
+                             length:(NSUInteger)length
+                        deallocator:(void (^)(void* bytes, NSUInteger length))deallocator;
+@property(readonly) NSUInteger length;
+@property(readonly) const void* bytes;
+@end
+
+@interface NSUUID : NSObject
++ (instancetype)UUID;
+@property(readonly) NSString* UUIDString;
+@end
+
+@interface NSBundle : NSObject
+@property(class, readonly) NSBundle* mainBundle;
+@property(readonly) NSString* bundleIdentifier;
+@end
+
 typedef double NSTimeInterval;
 @interface NSTimer : NSObject
-+ (NSTimer*)scheduledTimerWithTimeInterval:(NSTimeInterval)seconds repeats:(BOOL)repeats block:(void (^)(NSTimer*))block;
++ (NSTimer*)scheduledTimerWithTimeInterval:(NSTimeInterval)seconds
+                                   repeats:(BOOL)repeats
+                                     block:(void (^)(NSTimer*))block;
 @end
 
 typedef struct {
@@ -50,7 +74,8 @@ typedef struct {
                                     count:(NSUInteger)count;
 @end
 
-@interface NSArray : NSObject<NSFastEnumeration>
+@interface NSArray : NSObject <NSFastEnumeration>
++ (instancetype)arrayWithObject:(id)object;
 @end
 @interface NSMutableArray : NSArray
 + (instancetype)array;
