@@ -11,7 +11,8 @@ add_executable(sorvane-approver ${CMAKE_CURRENT_SOURCE_DIR}/src/approver/main.cp
 target_compile_definitions(sorvane-approver PRIVATE SORVANE_VERSION="${PROJECT_VERSION}")
 target_link_libraries(sorvane-approver PRIVATE sorvane_settings approver CLI11::CLI11)
 # Looking for the computer in the local network takes the library of the system bus.
-if(NOT APPLE AND NOT SORVANE_APPROVER_ONLY)
-  target_compile_definitions(sorvane-approver PRIVATE SORVANE_WITH_AVAHI)
+if(SORVANE_APPROVER_ONLY)
+  target_sources(sorvane-approver PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src/platform/absent/adapters_approver.cpp)
+else()
   target_link_libraries(sorvane-approver PRIVATE platform)
 endif()

@@ -39,17 +39,19 @@ else()
   set(SORVANE_PLATFORM platform/linux)
 endif()
 
-# room(NAME [FOLDER dir] [USES room...] [LIBS target...]): a static library of every source of src/<dir>, and, when there are
-# any, one test program of tests/<name>/*_test.cpp.
+# room(NAME [FOLDERS dir...] [USES room...] [LIBS target...]): a static library of every source of src/<dir>.
 function(room name)
-  cmake_parse_arguments(ARG "" "FOLDER" "USES;LIBS" ${ARGN})
-  if(NOT ARG_FOLDER)
-    set(ARG_FOLDER ${name})
+  cmake_parse_arguments(ARG "" "" "FOLDERS;USES;LIBS" ${ARGN})
+  if(NOT ARG_FOLDERS)
+    set(ARG_FOLDERS ${name})
   endif()
-  set(patterns ${CMAKE_CURRENT_SOURCE_DIR}/src/${ARG_FOLDER}/*.cpp)
-  if(APPLE)
-    list(APPEND patterns ${CMAKE_CURRENT_SOURCE_DIR}/src/${ARG_FOLDER}/*.mm)
-  endif()
+  set(patterns)
+  foreach(folder ${ARG_FOLDERS})
+    list(APPEND patterns ${CMAKE_CURRENT_SOURCE_DIR}/src/${folder}/*.cpp)
+    if(APPLE)
+      list(APPEND patterns ${CMAKE_CURRENT_SOURCE_DIR}/src/${folder}/*.mm)
+    endif()
+  endforeach()
   file(GLOB sources CONFIGURE_DEPENDS ${patterns})
   # What base/system.h and base/open_descriptors.h declare stands with the adapters and is linked with base, which needs it.
   set(system_sources ${CMAKE_CURRENT_SOURCE_DIR}/src/${SORVANE_PLATFORM}/system.cpp

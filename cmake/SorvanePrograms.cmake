@@ -14,17 +14,20 @@ endif()
 
 # The helper program starts once per command, and the dynamic linker would be most of its run time: it is linked statically and
 # holds nothing but the base, the protocol, the masking and itself.
-set(cli_adapters polkit_text_agent.cpp agent_helper.cpp bus_link.cpp bus_wire.cpp reason_text.cpp terminal_prompt.cpp)
+set(cli_adapters ${SORVANE_PLATFORM}/adapters_terminal.cpp)
+if(NOT APPLE)
+  # The agent on the person's terminal, which gets along without the libraries of the other adapters.
+  foreach(name polkit_text_agent agent_helper bus_link bus_wire)
+    list(APPEND cli_adapters platform/linux/${name}.cpp)
+  endforeach()
+  list(APPEND cli_adapters platform/shared/reason_text.cpp platform/shared/terminal_prompt.cpp)
+endif()
+list(TRANSFORM cli_adapters PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/src/)
 file(GLOB cli_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/src/cli/*.cpp
      ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/protocol_*.cpp ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/owner_protocol.cpp
      ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/client.cpp
      ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/masking.cpp ${CMAKE_CURRENT_SOURCE_DIR}/src/agent/needle*.cpp)
-if(NOT APPLE)
-  # The agent on the person's terminal, which gets along without the libraries of the other adapters.
-  list(TRANSFORM cli_adapters PREPEND ${CMAKE_CURRENT_SOURCE_DIR}/src/platform/linux/)
-  list(APPEND cli_sources ${cli_adapters})
-endif()
-add_executable(sorvane ${cli_sources})
+add_executable(sorvane ${cli_sources} ${cli_adapters})
 target_include_directories(sorvane PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src)
 target_compile_options(sorvane PRIVATE ${SORVANE_UNOPTIMISED})
 target_compile_definitions(sorvane PRIVATE SORVANE_VERSION="${PROJECT_VERSION}")

@@ -1,14 +1,11 @@
 #include "app/application.h"
 
-#include <cstdlib>
 #include <utility>
 
 #include "base/diagnostics.h"
 #include "base/support_folder.h"
 #include "base/system.h"
 #include "base/temporary_files.h"
-#include "platform/linux/managed_settings.h"
-#include "platform/linux/owner_hardware.h"
 
 namespace sorvane::app {
 namespace {
@@ -21,20 +18,12 @@ constexpr std::string_view kNobodyAnswers =
     "connected, then to the system's owner check, and denied where there is neither. Run it in a terminal to answer "
     "there.";
 
-std::string sessionId() {
-  const char* const id = std::getenv("XDG_SESSION_ID");
-  return id == nullptr ? std::string() : std::string(id);
+platform::TakeTerminal turnsOf(agent::TerminalApprover* approver) {
+  if (approver == nullptr) return {};
+  return [approver](const std::stop_token& withdrawn) { return approver->takeTurn(withdrawn); };
 }
 
-platform::OwnerCheck::Ports presencePorts(agent::TerminalApprover* approver) {
-  platform::OwnerCheck::Ports ports;
-  if (approver != nullptr) {
-    ports.takeTerminal = [approver](const std::stop_token& withdrawn) { return approver->takeTurn(withdrawn); };
-  }
-  return ports;
-}
-
-std::function<void(pid_t)> askingFor(platform::OwnerCheck& presence) {
+std::function<void(pid_t)> askingFor(platform::AskingPresence& presence) {
   return [&presence](pid_t pid) {
     const auto process = pid > 0 ? base::processInfo(pid) : std::nullopt;
     presence.askFor(process ? std::optional(platform::Asking{*process, false}) : std::nullopt);
@@ -64,11 +53,11 @@ Application::Application(const Setting& setting, agent::ProcessHost& host, agent
       hasTerminal_(approver != nullptr),
       lockFile_(setting.supportFolder / base::kLockName),
       stores_(setting.supportFolder, files_, setting.store),
-      session_(std::in_place, platform::LoginSession::Ports{.sessionId = sessionId()}),
-      presence_(std::in_place, presencePorts(approver)),
+      session_(platform::makeSessionSignals()),
+      presence_(platform::makeOwnerPresence(turnsOf(approver))),
       // The terminal was asked before, and nobody answered there.
-      approvalPresence_(presencePorts(nullptr)),
-      ownerPrompt_({approvalPresence_, askingFor(approvalPresence_), [this] { trusted_.noteOwner(); }}),
+      approvalPresence_(platform::makeOwnerPresence({})),
+      ownerPrompt_({*approvalPresence_, askingFor(*approvalPresence_), [this] { trusted_.noteOwner(); }}),
       approver_(approver == nullptr ? nullptr : std::make_unique<Approver>(*approver, trusted_)),
       phoneLink_({stores_, clock_, [this] { lock_.lookAgain(); }}),
       asker_({approver_.get(), phoneLink_}),
@@ -111,8 +100,8 @@ VaultLock::Ports Application::lockPorts() {
       .signals = *session_,
       .managedFollowsSession =
           [] {
-            return platform::managedFollowsSession(
-                platform::kManagedSettings, [](const std::string& sentence) { base::diagnose("unlock", sentence); });
+            return platform::managedSessionSetting(
+                [](const std::string& sentence) { base::diagnose("unlock", sentence); });
           },
       .hardware = platform::ownerHardware,
       // Who was paired with the vault that is set aside is not with the one in its place.
@@ -150,11 +139,11 @@ OpenVault::Ports Application::vaultPorts(bool afterReset) {
           .clock = clock_,
           .stores = stores_,
           .host = host_,
-          .notifier = notifier_,
+          .notifier = *notifier_,
           .approver = asker_,
           .ownerPrompt = ownerPrompt_,
           .phones = phones_,
-          .systemCheckUnavailable = [this] { return approvalPresence_.unavailable(); },
+          .systemCheckUnavailable = [this] { return approvalPresence_->unavailable(); },
           .trustedSession = [this] { return trusted_.holds(); },
           .agentsHeldBack = afterReset,
           .restoring = [this](std::int64_t done, std::int64_t total) { lock_.noteRestoring(done, total); },

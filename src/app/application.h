@@ -22,9 +22,7 @@
 #include "base/clock.h"
 #include "base/files.h"
 #include "base/lock_file.h"
-#include "platform/linux/login_session.h"
-#include "platform/linux/notifier.h"
-#include "platform/linux/owner_check.h"
+#include "platform/adapters.h"
 
 namespace sorvane::app {
 
@@ -72,12 +70,12 @@ class Application {
   Stores stores_;
 
   // The owner.
-  platform::FreedesktopNotifier notifier_;
+  const std::unique_ptr<agent::Notifier> notifier_ = platform::makeNotifier();
   TrustedSession trusted_{clock_};
   // Gone before the lock's threads, to which theirs report.
-  std::optional<platform::LoginSession> session_;
-  std::optional<platform::OwnerCheck> presence_;
-  platform::OwnerCheck approvalPresence_;
+  std::unique_ptr<unlock::SessionSignals> session_;
+  std::unique_ptr<platform::AskingPresence> presence_;
+  const std::unique_ptr<platform::AskingPresence> approvalPresence_;
   PresencePrompt ownerPrompt_;
   const std::unique_ptr<Approver> approver_;
   // Its server tells the lock who came and went until it is closed, and the lock asks through it.

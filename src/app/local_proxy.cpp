@@ -36,7 +36,7 @@ LocalProxy::LocalProxy(Ports ports)
       transport_(ports_.clock, transportSettings({})),
       forwarder_({velocity_, ledger_, transport_, ports_.clock, [this] { return shelf_.book(); },
                   [this] { return options().refuseUnknownFields; }, ports_.origins}),
-      server_({}, {grants_, forwarder_, owners_, ports_.clock}),
+      server_({}, {grants_, forwarder_, *owners_, ports_.clock}),
       asker_({ports_.approver, ports_.notifier,
               [this](std::string_view lookupId) { return grants_.find(lookupId) != nullptr; }}),
       broker_(brokerPorts()) {
@@ -67,7 +67,7 @@ proxy::LocalProxyBroker::Ports LocalProxy::brokerPorts() {
           grants_,
           velocity_,
           server_,
-          processes_,
+          *processes_,
           [this] { return options(); },
           [this](const proxy::VelocityQuestion& question, std::function<void(bool)> answer) {
             asker_.ask(question, std::move(answer));

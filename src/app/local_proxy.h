@@ -13,8 +13,7 @@
 #include "app/velocity_asker.h"
 #include "base/clock.h"
 #include "base/files.h"
-#include "platform/linux/peer_owner.h"
-#include "platform/linux/process_watch.h"
+#include "platform/adapters.h"
 #include "proxy/broker.h"
 #include "proxy/budget_notifier.h"
 #include "proxy/curl_transport.h"
@@ -78,8 +77,8 @@ class LocalProxy final : public agent::OwnerProxy {
   std::map<std::string, vault::ProxyProvider> servable(std::vector<std::string>& notices);
 
   const Ports ports_;
-  platform::LinuxPeerOwners owners_;
-  platform::PidfdWatch processes_;
+  const std::unique_ptr<proxy::PeerOwners> owners_ = platform::makePeerOwners();
+  const std::unique_ptr<proxy::ProcessWatch> processes_ = platform::makeProcessWatch();
   PriceShelf shelf_;
   proxy::LocalProxyGrants grants_;
   proxy::BudgetNotifier budgets_;

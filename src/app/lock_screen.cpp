@@ -11,7 +11,7 @@
 #include "base/diagnostics.h"
 #include "base/open_descriptors.h"
 #include "base/unicode.h"
-#include "platform/linux/polkit_text_agent.h"
+#include "platform/adapters_terminal.h"
 #include "unlock/unlock_error.h"
 
 namespace sorvane::app {
@@ -157,11 +157,11 @@ void LockScreen::showSystem(const LockReport& report) {
   const auto typed = read("Press Enter to unlock, or type p and Enter for your login password: ", Echo::yes);
   if (!typed) return;
   const auto method = typed->view() == "p" ? agent::OwnerLock::Method::password : agent::OwnerLock::Method::first;
-  // polkit's question may be answered here, too.
-  const platform::PolkitTextAgent agent{std::string(unlock::kUnlockReason)};
-  const auto turn = agent.answersHere() ? approver_.takeTurn(stop_) : nullptr;
+  // The system's question may be answered here, too.
+  const auto question = platform::askOnTerminal(std::string(unlock::kUnlockReason));
+  const auto turn = question->answersHere() ? approver_.takeTurn(stop_) : nullptr;
   agent::LockCaller caller = here(stop_);
-  caller.answersItself = agent.answersHere();
+  caller.answersItself = question->answersHere();
   caller.peer = ::getpid();
   tell(lock_->unlockWithSystem(method, caller));
 }

@@ -10,7 +10,7 @@
 #include "agent/terminal_approver.h"
 #include "base/mutex.h"
 #include "base/open_descriptors.h"
-#include "platform/linux/terminal_prompt.h"
+#include "platform/shared/terminal_prompt.h"
 #include "unlock/owner_presence.h"
 
 namespace sorvane::app {

@@ -4,7 +4,7 @@
 #include "base/date.h"
 #include "base/diagnostics.h"
 #include "base/support_folder.h"
-#include "platform/linux/embedded_store_files.h"
+#include "platform/shared/embedded_store_files.h"
 #include "unlock/backup_file.h"
 #include "unlock/backup_records.h"
 #include "unlock/unlock_configuration_store.h"

@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <exception>
+#include <functional>
 #include <iostream>
 #include <memory>
 
@@ -14,8 +15,7 @@
 #include "base/support_folder.h"
 #include "base/system.h"
 #include "crypto/key.h"
-#include "platform/linux/process_host.h"
-#include "platform/linux/service_notice.h"
+#include "platform/adapters.h"
 #include "proxy/transport.h"
 
 namespace {
@@ -41,12 +41,21 @@ std::unique_ptr<agent::TerminalApprover> terminalApprover() {
   return std::make_unique<agent::TerminalApprover>(std::move(input), std::move(output));
 }
 
-int run(const app::Options& options) {
-  // Before any thread and any secret: the process that starts commands is a copy of this one.
-  platform::LinuxProcessHost host;
-  // Nothing that the application makes is for others. Commands come from the host and keep the owner's own mask.
-  ::umask(S_IRWXG | S_IRWXO);
-  const sigset_t stopSignals = holdStopSignals();
+/// Says on standard error why the application could not go on.
+int reporting(const std::function<int()>& body) {
+  try {
+    return body();
+  } catch (const base::FileError& error) {
+    std::cerr << "sorvaned could not start: " << error.sentence()
+              << ". Nothing was opened. Check that the support folder can be written to and that its disk has room.\n";
+  } catch (const std::exception& error) {
+    std::cerr << error.what() << "\n";
+  }
+  return 1;
+}
+
+/// From here on there may be a first thread that serves the system's own events.
+int serve(const app::Options& options, agent::ProcessHost& host, const sigset_t& stopSignals) {
   const auto folder = base::supportFolder(options.supportFolder);
   base::checkSupportFolder(folder, base::WhenMissing::make);
   app::Application::Setting setting{folder, options.store, crypto::initialise().memoryIsLocked};
@@ -68,6 +77,15 @@ int run(const app::Options& options) {
   return 0;
 }
 
+int run(const app::Options& options) {
+  // Before any thread and any secret: the process that starts commands may be a copy of this one.
+  const auto host = platform::makeProcessHost();
+  // Nothing that the application makes is for others. Commands come from the host and keep the owner's own mask.
+  ::umask(S_IRWXG | S_IRWXO);
+  const sigset_t stopSignals = holdStopSignals();
+  return platform::runWithMainLoop([&] { return serve(options, *host, stopSignals); });
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -77,13 +95,5 @@ int main(int argc, char** argv) {
   proxy::clearOutboundEnvironment();
   const auto options = app::parseOptions(argc, argv);
   if (const int* const code = std::get_if<int>(&options)) return *code;
-  try {
-    return run(std::get<app::Options>(options));
-  } catch (const base::FileError& error) {
-    std::cerr << "sorvaned could not start: " << error.sentence()
-              << ". Nothing was opened. Check that the support folder can be written to and that its disk has room.\n";
-  } catch (const std::exception& error) {
-    std::cerr << error.what() << "\n";
-  }
-  return 1;
+  return reporting([&] { return run(std::get<app::Options>(options)); });
 }

@@ -61,7 +61,7 @@ OpenVault::OpenVault(Ports ports)
                   told();
                 }}),
       jobs_(ports.clock),
-      ownerActions_({vault_, grants_, policy_, jobs_, clipboard_, copied_, sessions_, actions_, ports.clock, &proxy_,
+      ownerActions_({vault_, grants_, policy_, jobs_, *clipboard_, copied_, sessions_, actions_, ports.clock, &proxy_,
                      &backups_, &ports.phones, ports.systemCheckUnavailable}),
       runner_(ports.host),
       keyFiles_(ports.supportFolder / base::kKeyFilesName, ports.files, ports.clock, runner_,
@@ -75,7 +75,7 @@ OpenVault::OpenVault(Ports ports)
                 ports.notifier,
                 sessions_,
                 keyFiles_,
-                clipboard_,
+                *clipboard_,
                 copied_,
                 ports.clock,
                 agent::minimumEnvironment(environ),

@@ -20,7 +20,7 @@
 #include "app/stores.h"
 #include "base/clock.h"
 #include "base/files.h"
-#include "platform/linux/clipboard.h"
+#include "platform/adapters.h"
 #include "vault/vault.h"
 
 namespace sorvane::app {
@@ -83,8 +83,8 @@ class OpenVault {
   // Who may ask, and what the owner may do.
   agent::GrantStore grants_;
   agent::ApprovalPolicy policy_;
-  platform::SystemClipboard clipboard_;
-  agent::CopiedValue copied_{clipboard_};
+  const std::unique_ptr<agent::Clipboard> clipboard_ = platform::makeClipboard();
+  agent::CopiedValue copied_{*clipboard_};
   clients::Connections connections_;
   ApplicationActions actions_;
   Backups backups_;

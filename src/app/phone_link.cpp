@@ -122,7 +122,7 @@ PhoneLink::PhoneLink(Ports ports)
     : stores_(ports.stores),
       onChange_(std::move(ports.onChange)),
       registry_(std::make_unique<SealedRegistry>(ports.stores)),
-      server_({*registry_, announcer_, ports.clock, computerName(), [this] {
+      server_({*registry_, *announcer_, ports.clock, computerName(), [this] {
                  notePhones();
                  onChange_();
                }}) {}

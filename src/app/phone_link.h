@@ -10,7 +10,7 @@
 #include "base/clock.h"
 #include "base/mutex.h"
 #include "phone/approver_server.h"
-#include "platform/linux/avahi_announcer.h"
+#include "platform/adapters.h"
 
 namespace sorvane::app {
 
@@ -63,7 +63,7 @@ class PhoneLink final : public PhoneQuestions {
   Stores& stores_;
   const std::function<void()> onChange_;
   const std::unique_ptr<SealedRegistry> registry_;
-  platform::AvahiAnnouncer announcer_;
+  const std::unique_ptr<phone::Announcer> announcer_ = platform::makeAnnouncer();
   // Held across the whole of opening and closing, so that they follow each other.
   base::Mutex lifecycle_;
   bool isOpen_ GUARDED_BY(lifecycle_) = false;

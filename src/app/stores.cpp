@@ -2,7 +2,7 @@
 
 #include "base/diagnostics.h"
 #include "base/support_folder.h"
-#include "platform/linux/secret_service_store.h"
+#include "platform/adapters.h"
 
 namespace sorvane::app {
 namespace {
@@ -112,7 +112,7 @@ unlock::StoreGate::Kind Stores::kindOf(StoreKind kind) {
     case StoreKind::embedded:
       return {[this] { return embedded_.openPlain(); }, &embedded_};
     case StoreKind::secretService:
-      return {[] { return std::make_shared<platform::SecretServiceStore>(); }, nullptr};
+      return {[] { return platform::openSystemStore().store; }, nullptr};
   }
   throw SecretStoreError::backend("no such store");
 }

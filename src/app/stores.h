@@ -7,7 +7,7 @@
 
 #include "base/files.h"
 #include "base/mutex.h"
-#include "platform/linux/embedded_store_files.h"
+#include "platform/shared/embedded_store_files.h"
 #include "unlock/store_gate.h"
 #include "unlock/vault_switch.h"
 #include "vault/movable_store.h"

@@ -11,29 +11,19 @@
 #include "approver/terminal.h"
 #include "base/system.h"
 #include "crypto/key.h"
-#ifdef SORVANE_WITH_AVAHI
-#include "platform/linux/avahi_browser.h"
-#endif
+#include "platform/adapters_approver.h"
 
 namespace {
 
 using namespace sorvane;
 using namespace sorvane::approver;
 
-std::unique_ptr<Browser> makeBrowser() {
-#ifdef SORVANE_WITH_AVAHI
-  return std::make_unique<platform::AvahiBrowser>();
-#else
-  return nullptr;
-#endif
-}
-
 using Action = std::function<int(const Options&)>;
 
 /// Help and the version come as a ParseError too, with 0.
 void addCommands(CLI::App& app, Options& options, Action& action) {
   const auto browser = [](auto function) {
-    return [function](const Options& chosen) { return function(chosen, makeBrowser().get()); };
+    return [function](const Options& chosen) { return function(chosen, platform::makeBrowser().get()); };
   };
   CLI::App* const pair = app.add_subcommand("pair", "Pair this device with the computer that shows a link");
   pair->add_option("LINK", options.link, "What sorvane phone pair shows there; - reads it from standard input")

@@ -4,13 +4,14 @@
 
 #include <algorithm>
 #include <array>
+#include <memory>
 #include <string_view>
 
 #include "agent/client.h"
 #include "base/support_folder.h"
 #include "cli/output.h"
 #include "cli/passphrase_prompt.h"
-#include "platform/linux/polkit_text_agent.h"
+#include "platform/adapters_terminal.h"
 
 namespace sorvane::cli {
 namespace {
@@ -138,9 +139,9 @@ LockOutcome LockLink::askOwner(agent::OwnerRequest& request, const agent::LockRe
   const bool phoneAsks = report.phoneUnlocks && request.op == agent::OwnerOp::unlock && !isAnswer &&
                          request.method != agent::OwnerLock::Method::password;
   const bool terminalAsks = report.systemCheckUnavailable && !isForPassphrase && !phoneAsks;
-  std::optional<platform::PolkitTextAgent> agent;
-  if (systemAsks && isTypedHere(options_)) agent.emplace(std::string(reasonOf(request.op)));
-  request.answersItself = agent && agent->answersHere();
+  std::unique_ptr<platform::TerminalQuestion> question;
+  if (systemAsks && isTypedHere(options_)) question = platform::askOnTerminal(std::string(reasonOf(request.op)));
+  request.answersItself = question && question->answersHere();
   if (::isatty(STDERR_FILENO) != 0) {
     if (terminalAsks) note("Waiting for the owner's answer where sorvaned runs (Ctrl-C withdraws it) …");
     if (phoneAsks) note("Waiting for your answer on the phone (Ctrl-C withdraws it) …");

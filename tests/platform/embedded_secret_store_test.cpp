@@ -1,4 +1,4 @@
-#include "platform/linux/embedded_secret_store.h"
+#include "platform/shared/embedded_secret_store.h"
 
 #include <gtest/gtest.h>
 #include <sqlite3.h>

@@ -4,8 +4,8 @@
 #include <atomic>
 #include <cstdlib>
 
-#include "platform/linux/embedded_secret_store.h"
 #include "platform/linux/secret_service_store.h"
+#include "platform/shared/embedded_secret_store.h"
 #include "support/private_bus.h"
 #include "support/secret_store_contract.h"
 #include "vault/store_move.h"

@@ -5,7 +5,7 @@
 #include <fstream>
 #include <memory>
 
-#include "platform/linux/embedded_store_files.h"
+#include "platform/shared/embedded_store_files.h"
 #include "support/doubles.h"
 #include "support/faults.h"
 #include "unlock/store_gate.h"

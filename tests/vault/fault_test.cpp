@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <fstream>
 
-#include "platform/linux/embedded_secret_store.h"
+#include "platform/shared/embedded_secret_store.h"
 #include "support/faults.h"
 #include "vault/journal.h"
 #include "vault_fixture.h"

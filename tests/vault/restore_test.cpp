@@ -5,7 +5,7 @@
 
 #include <algorithm>
 
-#include "platform/linux/embedded_secret_store.h"
+#include "platform/shared/embedded_secret_store.h"
 #include "support/faults.h"
 #include "vault/manifest.h"
 #include "vault/vault_contents.h"

@@ -1,7 +1,7 @@
 #include "platform/linux/owner_check.h"
 
 #include "platform/linux/notifier.h"
-#include "platform/linux/reason_text.h"
+#include "platform/shared/reason_text.h"
 
 namespace sorvane::platform {
 

@@ -9,6 +9,7 @@
 #include "base/mutex.h"
 #include "platform/linux/pam_owner_check.h"
 #include "platform/linux/polkit_owner_check.h"
+#include "platform/shared/asking_presence.h"
 
 namespace sorvane::platform {
 
@@ -22,7 +23,7 @@ bool showReasonAsNotice(const std::string& reason);
 ///
 /// The application makes one where its thread of the lock is, and says for whom it asks before each question:
 ///
-///     platform::OwnerCheck presence({.takeTerminal = approver == nullptr ? platform::OwnerCheck::TakeTerminal()
+///     OwnerCheck presence({.takeTerminal = approver == nullptr ? OwnerCheck::TakeTerminal()
 ///         : [&](const std::stop_token& withdrawn) { return approver->takeTurn(withdrawn); }});
 ///     // For a request of a process; `caller` says which one it is, and whether it answers itself.
 ///     if (const auto process = base::processInfo(caller.peer)) presence.askFor({{*process, caller.answersItself}});
@@ -30,7 +31,7 @@ bool showReasonAsNotice(const std::string& reason);
 ///
 /// `unavailable` may be called by any thread, all else by one. A reason may have several lines.
 /// The asking program holds a PolkitTextAgent (platform/linux/polkit_text_agent.h) while it waits.
-class OwnerCheck final : public unlock::OwnerPresence {
+class OwnerCheck final : public AskingPresence {
  public:
   using TakeTerminal = std::function<std::shared_ptr<void>(const std::stop_token& withdrawn)>;
   struct Ports {
@@ -43,8 +44,7 @@ class OwnerCheck final : public unlock::OwnerPresence {
   };
   explicit OwnerCheck(Ports ports);
 
-  /// For whom polkit is asked from now on; nullopt: for the application's own process. Any thread.
-  void askFor(std::optional<Asking> asking);
+  void askFor(std::optional<Asking> asking) override;
 
   std::optional<std::string> unavailable() override;
   void ask(Check check, const std::string& reason, Reply reply) override;

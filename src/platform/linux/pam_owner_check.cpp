@@ -9,7 +9,7 @@
 #include "base/descriptor.h"
 #include "base/unicode.h"
 #include "platform/linux/pam_library.h"
-#include "platform/linux/reason_text.h"
+#include "platform/shared/reason_text.h"
 
 namespace sorvane::platform {
 namespace {

@@ -10,8 +10,8 @@
 #include <string_view>
 #include <vector>
 
-#include "platform/linux/question_threads.h"
-#include "platform/linux/terminal_prompt.h"
+#include "platform/shared/question_threads.h"
+#include "platform/shared/terminal_prompt.h"
 #include "unlock/owner_presence.h"
 
 namespace sorvane::platform {

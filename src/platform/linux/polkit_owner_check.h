@@ -11,7 +11,8 @@
 
 #include "base/mutex.h"
 #include "base/system.h"
-#include "platform/linux/question_threads.h"
+#include "platform/shared/asking_presence.h"
+#include "platform/shared/question_threads.h"
 #include "unlock/owner_presence.h"
 
 namespace sorvane::platform {
@@ -43,13 +44,6 @@ inline constexpr std::string_view kPolkitForbidden =
 inline constexpr std::string_view kReasonNowhere =
     "There is no place where sorvane could show you why it asks, so it did not ask. Nothing was unlocked. Run sorvane "
     "in a terminal, or start a notification service.";
-
-/// The process of this user that a question is asked for, such as the program that the person typed into.
-struct Asking {
-  base::ProcessInfo process;
-  /// It answers the question itself and shows the reason there.
-  bool showsReason = false;
-};
 
 /// PolkitOwnerCheck asks the owner through polkit: the action "org.sorvane.owner-check", for the process that asks, so
 /// that an agent in the person's own terminal may answer. polkit takes no text from an ordinary caller, so the reason

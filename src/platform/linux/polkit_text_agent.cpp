@@ -15,7 +15,7 @@
 #include "base/unicode.h"
 #include "platform/linux/agent_helper.h"
 #include "platform/linux/bus_link.h"
-#include "platform/linux/reason_text.h"
+#include "platform/shared/reason_text.h"
 
 namespace sorvane::platform {
 namespace {

@@ -3,7 +3,7 @@
 #include <memory>
 #include <string>
 
-#include "platform/linux/terminal_prompt.h"
+#include "platform/shared/terminal_prompt.h"
 
 namespace sorvane::platform {
 

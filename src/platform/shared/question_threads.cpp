@@ -1,4 +1,4 @@
-#include "platform/linux/question_threads.h"
+#include "platform/shared/question_threads.h"
 
 #include <signal.h>
 

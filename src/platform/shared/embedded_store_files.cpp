@@ -1,4 +1,4 @@
-#include "platform/linux/embedded_store_files.h"
+#include "platform/shared/embedded_store_files.h"
 
 #include <fcntl.h>
 

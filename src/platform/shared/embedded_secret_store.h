@@ -6,7 +6,7 @@
 
 #include "base/mutex.h"
 #include "crypto/key.h"
-#include "platform/linux/store_key.h"
+#include "platform/shared/store_key.h"
 #include "vault/secret_store.h"
 
 struct sqlite3;

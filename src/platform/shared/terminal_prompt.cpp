@@ -1,4 +1,4 @@
-#include "platform/linux/terminal_prompt.h"
+#include "platform/shared/terminal_prompt.h"
 
 #include <fcntl.h>
 #include <poll.h>

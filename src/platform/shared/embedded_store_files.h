@@ -5,8 +5,8 @@
 #include <vector>
 
 #include "base/files.h"
-#include "platform/linux/embedded_secret_store.h"
-#include "platform/linux/store_key.h"
+#include "platform/shared/embedded_secret_store.h"
+#include "platform/shared/store_key.h"
 #include "unlock/sealable_store.h"
 
 namespace sorvane::platform {

@@ -1,4 +1,4 @@
-#include "platform/linux/reason_text.h"
+#include "platform/shared/reason_text.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "platform/linux/store_key.h"
+#include "platform/shared/store_key.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
