@@ -62,12 +62,32 @@ function(apple_checks)
   set_tests_properties(platform.macos_faults_are_found PROPERTIES LABELS platform PASS_REGULAR_EXPRESSION "3 errors generated"
                        SKIP_REGULAR_EXPRESSION "macos: skipped")
 
-  room_test(apple USES vault crypto base)
+  room_test(apple USES unlock vault crypto base)
   set(macos ${CMAKE_CURRENT_SOURCE_DIR}/src/platform/macos)
   file(GLOB fakes CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/fake/*.cpp)
-  target_sources(apple_test PRIVATE ${fakes} ${macos}/core_foundation.cpp ${macos}/access_group.cpp
-                 ${macos}/keychain_secret_store.cpp ${macos}/bonjour_announcer.cpp ${macos}/bonjour_browser.cpp
-                 ${macos}/bonjour_text.cpp ${macos}/clipboard_text.cpp ${macos}/notice_gate.cpp)
+  # One a line: those that need C interfaces only.
+  foreach(source
+      access_group
+      bonjour_announcer
+      bonjour_browser
+      bonjour_text
+      clipboard_text
+      core_foundation
+      keychain_secret_store
+      main_loop
+      managed_settings
+      notice_gate
+      owner_access_control
+      owner_check_rules
+      owner_question
+      screen_notices
+      session_state
+      session_tracker
+      sleep_notices)
+    target_sources(apple_test PRIVATE ${macos}/${source}.cpp)
+  endforeach()
+  target_sources(apple_test PRIVATE ${fakes})
+  target_compile_definitions(apple_test PRIVATE ${SORVANE_IDENTITY})
   target_include_directories(apple_test SYSTEM PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/posix
                              ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/frameworks)
 endfunction()

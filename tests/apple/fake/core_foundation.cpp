@@ -141,6 +141,9 @@ CFTypeID CFGetTypeID(CFTypeRef object) {
 CFTypeID CFBooleanGetTypeID() {
   return idOf(Object::Kind::boolean);
 }
+CFTypeID CFNumberGetTypeID() {
+  return idOf(Object::Kind::number);
+}
 CFTypeID CFStringGetTypeID() {
   return idOf(Object::Kind::string);
 }
@@ -155,6 +158,11 @@ CFTypeID CFDictionaryGetTypeID() {
 }
 Boolean CFBooleanGetValue(CFBooleanRef boolean) {
   return boolean == kCFBooleanTrue;
+}
+Boolean CFNumberGetValue(CFNumberRef number, CFNumberType type, void* value) {
+  if (type != kCFNumberDoubleType) std::abort();  // nobody here asks for another
+  *static_cast<double*>(value) = as<Number>(number).value;
+  return true;
 }
 
 CFStringRef CFStringCreateWithBytes(CFAllocatorRef, const UInt8* bytes, CFIndex count, CFStringEncoding, Boolean) {

@@ -14,7 +14,18 @@ namespace sorvane::test::apple {
 /// release too many, or a use after the last one, ends the test program with a line that says so.
 class Object {
  public:
-  enum class Kind : CFTypeID { string = 1, data, array, dictionary, boolean, task };
+  enum class Kind : CFTypeID {
+    string = 1,
+    data,
+    array,
+    dictionary,
+    boolean,
+    number,
+    task,
+    accessControl,
+    runLoop,
+    source
+  };
 
   explicit Object(Kind kind);
   virtual ~Object();
@@ -39,6 +50,12 @@ class String final : public Object {
   explicit String(std::string text) : Object(Kind::string), bytes(std::move(text)) {}
   bool equals(const Object& other) const override;
   const std::string bytes;
+};
+
+class Number final : public Object {
+ public:
+  explicit Number(double given) : Object(Kind::number), value(given) {}
+  const double value;
 };
 
 class Data final : public Object {
@@ -98,5 +115,8 @@ Ref refOf(Object* object) {
 
 /// Objects that were made and are not gone, constants apart.
 long liveObjects();
+
+/// Whether what the source stands for is told within the loop of the main thread.
+bool isInMainLoop(CFRunLoopSourceRef source);
 
 }  // namespace sorvane::test::apple

@@ -1,7 +1,7 @@
 #pragma once
 
-// Declarations of Core Graphics, written for this project from its documentation: the names that src/platform/macos uses and no
-// others.
+// Declarations of Core Graphics, written for this project from its documentation: the names that src/platform/macos
+// uses and no others.
 
 #include <CoreFoundation/CoreFoundation.h>
 

@@ -1,7 +1,7 @@
 #pragma once
 
-// Declarations of LocalAuthentication, written for this project from its documentation: the names that src/platform/macos uses and no
-// others.
+// Declarations of LocalAuthentication, written for this project from its documentation: the names that
+// src/platform/macos uses and no others.
 
 #include <Foundation/Foundation.h>
 #include <Security/Security.h>
