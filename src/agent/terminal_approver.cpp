@@ -143,18 +143,22 @@ std::optional<bool> TerminalApprover::put(const Waiting& own, const OwnerApprova
   // Text of any kind that was typed before the question stood there is not an answer to it.
   ::tcflush(input_.get(), TCIFLUSH);
   show(question);
-  const auto line = readLine(context.withdrawn);
-  if (!line) return std::nullopt;
-  // Where a yes does not count, all but a no leaves it to whoever may say yes.
-  if (context.whoseYesCounts == Approver::phone) return says("no", *line) ? std::optional(false) : std::nullopt;
-  return says("yes", *line);
+  const auto until = std::chrono::steady_clock::now() + patience_;
+  for (;;) {
+    const auto line = readLine(context.withdrawn, until);
+    if (!line) return std::nullopt;
+    if (context.whoseYesCounts != Approver::phone) return says("yes", *line);
+    if (says("no", *line)) return false;
+    // It stays with the phone, and whoever sits here may still say no.
+    show(kOnlyNoHere);
+  }
 }
 
-std::optional<std::string> TerminalApprover::readLine(const std::stop_token& withdrawn) {
+std::optional<std::string> TerminalApprover::readLine(const std::stop_token& withdrawn,
+                                                      std::chrono::steady_clock::time_point until) {
   const auto stop = base::openWakePipe();
   if (!stop) return std::nullopt;
   const std::stop_callback onWithdrawn(withdrawn, [&] { base::wake(*stop); });
-  const auto until = std::chrono::steady_clock::now() + patience_;
   std::string line;
   for (;;) {
     const auto left = std::chrono::ceil<std::chrono::milliseconds>(until - std::chrono::steady_clock::now()).count();

@@ -21,10 +21,10 @@ inline constexpr std::chrono::milliseconds kHandsRest{1000};
 
 /// TerminalApprover asks on the terminal that the application runs on. One question stands at a time, the others wait
 /// in their order. What was typed before a question appeared is discarded; only "y" or "yes" and Enter allow, and
-/// nothing does where the yes that counts is the phone's: only a no is an answer then. No answer
-/// in `patience`, and a terminal that closed, are no answer. Requests of the same caller and process whose bytes are
-/// equal and that are waiting when the answer is typed are answered with it, where their operation only reads. Any
-/// thread.
+/// nothing does where the yes that counts is the phone's: only a no is an answer then, and the question stands behind
+/// any other line. No answer in `patience`, and a terminal that closed, are no answer. Requests of the same caller and
+/// process whose bytes are equal and that are waiting when the answer is typed are answered with it, where their
+/// operation only reads. Any thread.
 class TerminalApprover final : public ApprovalProvider {
  public:
   /// Takes the descriptors of the terminal, which may be the same file opened twice.
@@ -43,7 +43,7 @@ class TerminalApprover final : public ApprovalProvider {
   class Turn;
   /// Asks the terminal; the caller holds the turn.
   std::optional<bool> put(const Waiting& own, const OwnerApprovalPrompt& prompt);
-  std::optional<std::string> readLine(const std::stop_token& withdrawn);
+  std::optional<std::string> readLine(const std::stop_token& withdrawn, std::chrono::steady_clock::time_point until);
   /// Waits for the turn of `own`, which is queued already; false when it needs none any more.
   bool waitForTurn(Waiting& own, const std::stop_token& withdrawn) EXCLUDES(mutex_);
   /// Waits where the question before vanished just now; false when this one is withdrawn meanwhile.

@@ -134,7 +134,7 @@ std::string terminalQuestion(const OwnerApprovalPrompt& prompt, const ApprovalCo
   if (together > 1)
     out += "  " + std::to_string(together) + " equal requests of this process are waiting; one answer decides all.\n";
   if (context.whoseYesCounts == Approver::phone) {
-    return out + "Your policy has the phone allow this. Here you can only say no: type n and Enter. [n] ";
+    return out.append(kOnlyNoHere);
   }
   return out + "Allow this? Type y and Enter for yes. Enter alone means no. [y/N] ";
 }

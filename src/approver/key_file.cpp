@@ -1,12 +1,15 @@
 #include "approver/key_file.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 
 #include "approver/fields.h"
 #include "base/codec.h"
+#include "base/descriptor.h"
 #include "base/ids.h"
 #include "base/json_writer.h"
 #include "base/system.h"
@@ -28,6 +31,31 @@ KeyFileError unreadable(const fs::path& path) {
       "The key file " + path.string() +
           " cannot be read: it is damaged, or of another version. Nothing was answered. Run sorvane-approver forget "
           "and pair this device again."};
+}
+
+/// What was read, and whether nobody else could read or write it: both of one open file, so that no other can take
+/// its name in between.
+struct ReadFile {
+  std::string text;
+  bool isProtected = false;
+};
+
+/// nullopt when there is no file. A file that grows meanwhile is read as far as it was when it was opened.
+std::optional<ReadFile> readOnce(const fs::path& path) {
+  // A pipe put in the file's place must not stop us.
+  const base::Descriptor file(::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC));
+  if (!file && errno == ENOENT) return std::nullopt;
+  struct stat status {};
+  if (!file || ::fstat(file.get(), &status) != 0 || !S_ISREG(status.st_mode)) throw unreadable(path);
+  if (static_cast<std::uint64_t>(status.st_size) > KeyFile::kMostBytes) throw unreadable(path);
+  std::string text(static_cast<std::size_t>(status.st_size), '\0');
+  for (std::size_t filled = 0; filled < text.size();) {
+    const ssize_t got = ::read(file.get(), text.data() + filled, text.size() - filled);
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) throw unreadable(path);
+    filled += static_cast<std::size_t>(got);
+  }
+  return ReadFile{std::move(text), status.st_uid == ::geteuid() && (status.st_mode & (S_IRWXG | S_IRWXO)) == 0};
 }
 
 /// The line that is not sealed. What stands in it is what the seal is bound to, byte by byte.
@@ -104,33 +132,29 @@ fs::path KeyFile::usualPath() {
 }
 
 std::optional<KeyFile::Text> KeyFile::read() const {
-  std::optional<base::Files::Contents> contents;
-  try {
-    contents = files_.read(path_, kMostBytes);
-  } catch (const base::FileError&) {
-    throw unreadable(path_);
-  }
-  if (!contents) return std::nullopt;
-  struct stat status {};
-  if (::stat(path_.c_str(), &status) == 0 &&
-      (status.st_uid != ::geteuid() || (status.st_mode & (S_IRWXG | S_IRWXO)) != 0)) {
+  const auto file = readOnce(path_);
+  if (!file) return std::nullopt;
+  if (!file->isProtected) {
     throw KeyFileError(KeyFileError::Case::notProtected,
                        "The key file " + path_.string() +
                            " is open to other users, so it was not used. Nothing was answered. If you trust it, run "
                            "chmod 600 on it; otherwise run sorvane-approver forget and pair this device again.");
   }
-  const std::string_view text = base::textOf(contents->bytes);
+  const std::string& text = file->text;
   const std::size_t end = text.find('\n');
-  if (end == std::string_view::npos || !text.ends_with('\n') || text.find('\n', end + 1) != text.size() - 1)
+  if (end == std::string::npos || !text.ends_with('\n') || text.find('\n', end + 1) != text.size() - 1)
     throw unreadable(path_);
-  return Text{std::string(text.substr(0, end)), std::string(text.substr(end + 1, text.size() - end - 2))};
+  return Text{text.substr(0, end), text.substr(end + 1, text.size() - end - 2)};
 }
 
 std::optional<PairingFacts> KeyFile::facts() const {
   const auto text = read();
-  if (!text) return std::nullopt;
+  return text ? std::optional(factsIn(*text)) : std::nullopt;
+}
+
+PairingFacts KeyFile::factsIn(const Text& text) const {
   try {
-    const Fields fields = Fields::of(text->open);
+    const Fields fields = Fields::of(text.open);
     if (fields.text("format") != kFormat || fields.optionalInteger("version") != kVersion) throw unreadable(path_);
     return readFacts(fields);
   } catch (const LinkError&) {
@@ -141,9 +165,9 @@ std::optional<PairingFacts> KeyFile::facts() const {
 }
 
 std::optional<OpenPairing> KeyFile::open(std::string_view passphrase) const {
-  auto facts = this->facts();
   const auto text = read();
-  if (!facts || !text) return std::nullopt;
+  if (!text) return std::nullopt;
+  PairingFacts facts = factsIn(*text);
   try {
     const Fields fields = Fields::of(text->open);
     const auto box = base::parseBase64(text->sealed);
@@ -156,7 +180,7 @@ std::optional<OpenPairing> KeyFile::open(std::string_view passphrase) const {
       throw KeyFileError(KeyFileError::Case::wrongPassphrase,
                          "That passphrase does not open the key file. Nothing was answered. Try again.");
     }
-    return readKeys(Fields::of(keys->view()), std::move(*facts), {std::move(key), std::move(salt), cost});
+    return readKeys(Fields::of(keys->view()), std::move(facts), {std::move(key), std::move(salt), cost});
   } catch (const LinkError&) {
     throw unreadable(path_);
   } catch (const crypto::PassphraseKeyError& error) {

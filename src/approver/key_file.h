@@ -84,6 +84,7 @@ class KeyFile {
     std::string open, sealed;
   };
   std::optional<Text> read() const;
+  PairingFacts factsIn(const Text& text) const;
 
   base::Files& files_;
   const std::filesystem::path path_;

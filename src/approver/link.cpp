@@ -49,9 +49,21 @@ std::string answerText(const Question& question, Link::Answer answer, const cryp
 
 }  // namespace
 
-void SeenRequests::add(const Question& question, base::Date now) {
-  std::erase_if(until_, [now](const auto& each) { return each.second < now; });
-  until_.insert_or_assign(question.id, question.expiresAt);
+void SeenRequests::add(const Question& question, std::string answer) {
+  answered_.insert_or_assign(question.id, Answered{question, std::move(answer)});
+}
+
+const std::string* SeenRequests::answerTo(const Question& question) const {
+  const auto found = answered_.find(question.id);
+  if (found == answered_.end()) return nullptr;
+  const Question& answered = found->second.question;
+  const bool isSame =
+      answered.kind == question.kind && answered.nonce == question.nonce && answered.digest == question.digest;
+  return isSame ? &found->second.answer : nullptr;
+}
+
+void SeenRequests::forgetExpired(base::Date now) {
+  std::erase_if(answered_, [now](const auto& each) { return each.second.question.expiresAt <= now; });
 }
 
 Link::Link(const Ends& ends, std::optional<Pairing> pairing, SeenRequests& seen, const base::Clock& clock)
@@ -151,7 +163,14 @@ Link::Event Link::ask(const Envelope& envelope) {
     question = questionOf(readApproverRegisterAsk(openBox(envelope, Record::approverRegisterAsk)));
   const base::Date now = clock_.now();
   std::erase_if(waiting_, [now](const auto& each) { return each.second.expiresAt <= now; });
+  seen_.forgetExpired(now);
   if (now >= question.expiresAt) return PassedOver{PassedOver::Why::expired};
+  // It is put again because the answer went with an earlier link.
+  const std::string* const given = seen_.answerTo(question);
+  if (given != nullptr && !answeredHere_.contains(question.id)) {
+    sendAnswer(question, *given);
+    return PassedOver{PassedOver::Why::answerSentAgain};
+  }
   if (seen_.has(question.id) || waiting_.contains(question.id)) return PassedOver{PassedOver::Why::answeredBefore};
   if (waiting_.size() >= kMostWaiting) return PassedOver{PassedOver::Why::tooMany};
   waiting_.emplace(question.id, question);
@@ -163,10 +182,17 @@ bool Link::answer(const std::string& id, Answer answer) {
   if (!isOpen() || found == waiting_.end()) return false;
   const Question question = std::move(found->second);
   waiting_.erase(found);
-  seen_.add(question, clock_.now());
-  const auto [kind, record] = answerWordsOf(question.kind);
-  sendSealed(kind, record, answerText(question, answer, device_.presence));
+  const std::string text = answerText(question, answer, device_.presence);
+  seen_.forgetExpired(clock_.now());
+  seen_.add(question, text);
+  sendAnswer(question, text);
   return true;
+}
+
+void Link::sendAnswer(const Question& question, std::string_view text) {
+  answeredHere_.insert(question.id);
+  const auto [kind, record] = answerWordsOf(question.kind);
+  sendSealed(kind, record, text);
 }
 
 void Link::unpair() {

@@ -24,15 +24,23 @@ struct DeviceKeys {
   crypto::PresenceKey presence;
 };
 
-/// SeenRequests remembers, from one link to the next, which requests were answered here, until they have expired: none
-/// is put to the person twice.
+/// SeenRequests remembers, from one link to the next, which requests were answered here and how, until they have
+/// expired: none is put to the person twice, and an answer that was lost with its link can be sent once more.
 class SeenRequests {
  public:
-  bool has(const std::string& id) const { return until_.contains(id); }
-  void add(const Question& question, base::Date now);
+  /// `answer` is the answer's text.
+  void add(const Question& question, std::string answer);
+  bool has(const std::string& id) const { return answered_.contains(id); }
+  /// The answer to this very request, its nonce and its words; null when there is none.
+  const std::string* answerTo(const Question& question) const;
+  void forgetExpired(base::Date now);
 
  private:
-  std::map<std::string, base::Date> until_;
+  struct Answered {
+    Question question;
+    std::string answer;
+  };
+  std::map<std::string, Answered> answered_;
 };
 
 /// Link is one connection to the computer without the connection: bytes in, bytes and events out. One thread.
@@ -62,7 +70,7 @@ class Link {
   };
   /// A request was not put to the person.
   struct PassedOver {
-    enum class Why { expired, answeredBefore, tooMany };
+    enum class Why { expired, answeredBefore, answerSentAgain, tooMany };
     Why why{};
   };
   struct Withdrawn {
@@ -98,6 +106,7 @@ class Link {
   Event prove(const Envelope& acknowledgement);
   Event ask(const Envelope& envelope);
   std::string openBox(const Envelope& envelope, Record record) const;
+  void sendAnswer(const Question& question, std::string_view text);
   void sendSealed(FromPhone kind, Record record, std::string_view text);
 
   // Constant after construction.
@@ -114,6 +123,7 @@ class Link {
   Challenge challenge_{}, phoneChallenge_{};
   std::string macName_;
   std::map<std::string, Question> waiting_;
+  std::set<std::string> answeredHere_;  ///< ids whose answers this link has taken
 };
 
 }  // namespace sorvane::approver

@@ -27,10 +27,11 @@ const char* sentenceOf(Link::PassedOver::Why why) {
   switch (why) {
     case Link::PassedOver::Why::expired:
       return "A request came whose time was over, so it is not shown and nothing was answered. If this goes on, set "
-             "the "
-             "clocks of both computers.";
+             "the clocks of both computers.";
     case Link::PassedOver::Why::answeredBefore:
       return "A request came a second time, so it is not shown again and nothing more was answered.";
+    case Link::PassedOver::Why::answerSentAgain:
+      return "The answer that you gave before the link ended was sent once more, in case it had not arrived.";
     case Link::PassedOver::Why::tooMany:
       return "More requests came than are kept here, so one is not shown and nothing was answered to it.";
   }

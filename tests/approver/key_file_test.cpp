@@ -3,7 +3,9 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <atomic>
 #include <fstream>
+#include <thread>
 
 #include "support/doubles.h"
 #include "support/faults.h"
@@ -113,9 +115,48 @@ TEST_F(ApproverKeyFile, isNotUsedWhileOthersCanReadItOrWhenItIsALink) {
   EXPECT_EQ(failure(kPassphrase), KeyFileError::Case::notProtected);
   ::chmod(path.c_str(), 0600);
   EXPECT_FALSE(failure(kPassphrase));
+  // Nothing but a file is read, and nothing of it is waited for.
   std::filesystem::rename(path, folder.path() / "elsewhere");
+  ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
+  EXPECT_EQ(failure(kPassphrase), KeyFileError::Case::unreadable);
+  std::filesystem::remove(path);
   std::filesystem::create_symlink(folder.path() / "elsewhere", path);
   EXPECT_EQ(failure(kPassphrase), KeyFileError::Case::unreadable);
+}
+
+TEST_F(ApproverKeyFile, judgesTheVeryFileThatItReads) {
+  // Two files take the name in turn: one that others can read, and whose keys open, and one that is damaged. The first
+  // must be found open to others or not at all, whichever stands there a moment later.
+  file.save(newPairing());
+  const auto open = folder.path() / "open", damaged = folder.path() / "damaged";
+  std::filesystem::rename(path, open);
+  ::chmod(open.c_str(), 0644);
+  write("damaged");
+  ::chmod(path.c_str(), 0600);
+  std::filesystem::rename(path, damaged);
+  std::atomic<bool> isOver = false;
+  std::thread swapping([&] {
+    const auto next = folder.path() / "next";
+    while (!isOver) {
+      for (const auto& each : {open, damaged}) {
+        std::filesystem::remove(next);
+        std::filesystem::create_hard_link(each, next);
+        std::filesystem::rename(next, path);
+        std::filesystem::remove(next);
+      }
+    }
+  });
+  int seen = 0;
+  for (int i = 0; i < 20'000; ++i) {
+    try {
+      EXPECT_FALSE(file.facts()) << "a file that others can read was used";
+    } catch (const KeyFileError& error) {
+      if (error.kind() == KeyFileError::Case::notProtected) ++seen;
+    }
+  }
+  isOver = true;
+  swapping.join();
+  EXPECT_GT(seen, 0);
 }
 
 TEST_F(ApproverKeyFile, keepsTheOldKeysWhenTheNewOnesCannotBeWritten) {

@@ -191,11 +191,27 @@ TEST_F(ApproverLink, putsNoRequestToThePersonTwice) {
   EXPECT_TRUE(link.answer("one", Link::Answer::no));
   EXPECT_FALSE(link.answer("one", Link::Answer::yes));
   EXPECT_EQ(whyOf(send(link, one)), Why::answeredBefore) << "once it is answered";
+  const auto given = readByComputer(link.takeOutput());
+  ASSERT_EQ(given.size(), 1U);
   Link& later = openLink();
-  EXPECT_EQ(whyOf(send(later, one)), Why::answeredBefore) << "on another link";
+  EXPECT_EQ(whyOf(send(later, one)), Why::answerSentAgain) << "on another link";
+  EXPECT_EQ(whyOf(send(later, one)), Why::answeredBefore) << "once a link";
+  const auto again = readByComputer(later.takeOutput());
+  ASSERT_EQ(again.size(), 1U);
+  EXPECT_EQ(channel.open<phone::ApprovalResponse>(*again[0].sealed),
+            channel.open<phone::ApprovalResponse>(*given[0].sealed));
+  // In its name nothing else is answered.
+  auto other = request("one");
+  other.nonce = {8};
+  EXPECT_EQ(whyOf(send(openLink(), sealedEnvelope(channel, Kind::approvalRequest, other))), Why::answeredBefore);
+  other = request("one");
+  other.details.reason = "wants another value";
+  EXPECT_EQ(whyOf(send(openLink(), sealedEnvelope(channel, Kind::approvalRequest, other))), Why::answeredBefore);
+  EXPECT_EQ(links.back().takeOutput(), "");
   clock.advance(120s);
-  EXPECT_EQ(whyOf(send(later, one)), Why::expired);
-  later.takeOutput();
+  EXPECT_EQ(whyOf(send(openLink(), one)), Why::expired);
+  EXPECT_EQ(links.back().takeOutput(), "");
+  EXPECT_FALSE(seen.has("one"));
 
   // One that was not answered may come again.
   const auto two = sealedEnvelope(channel, Kind::approvalRequest, request("two"));

@@ -258,35 +258,6 @@ TEST_F(ApproverServerTest, anAnswerIsJudgedAndWhatAnHonestPhoneNeverSendsEndsIts
   EXPECT_EQ(answer.phone, "phone");
 }
 
-TEST_F(ApproverServerTest, aLateAnswerAndOneBeforeTheHelloCountForNothing) {
-  const auto phone = paired("phone");
-  Connection link = served(*phone);
-  auto asked = asking();
-  const auto request = requestOf(*phone, link);
-  {
-    Connection early = connect();
-    challengeOf(early);
-    early.send(phone->sealed(phone->answerTo(request, true)));
-    EXPECT_TRUE(early.endsWithoutGrant());
-    EXPECT_EQ(verdicts_.next(), Verdict::notAuthenticated);
-  }
-  // The wall clock is set forward; the asker still waits.
-  clock_.setWall(clock_.now() + kRequestLife + 1s);
-  link.send(phone->sealed(phone->answerTo(request, true)));
-  EXPECT_EQ(verdicts_.next(), Verdict::expired);
-  clock_.advance(kRequestLife);
-  EXPECT_EQ(asked.get().is, Is::none);
-  EXPECT_EQ(cancelOf(*phone, link), request.id);
-  // Whatever the clock on the wall says by then, and for a minute.
-  clock_.setWall(request.issuedAt);
-  link.send(phone->sealed(phone->answerTo(request, true)));
-  EXPECT_EQ(verdicts_.next(), Verdict::expired);
-  clock_.advance(60s);
-  link.send(phone->sealed(phone->answerTo(request, true)));
-  EXPECT_EQ(verdicts_.next(), Verdict::unknownRequest);
-  stillServes(*phone);
-}
-
 TEST_F(ApproverServerTest, theFirstAnswerOfAnyPhoneCountsAndTheOthersAreTakenBack) {
   const auto one = paired("one"), two = paired("two");
   Connection first = served(*one), second = served(*two);
