@@ -136,14 +136,15 @@ TEST(OwnerQuestion, aYesAfterTheEndReachesNobody) {
   EXPECT_EQ(all.size(), 1U);
 }
 
-TEST(OwnerQuestion, theEndWaitsForAReplyUnderWay) {
+TEST(OwnerQuestion, theEndWaitsForAReplyUnderWayAndWhatItHolds) {
   std::promise<void> begun, mayGoOn;
   std::atomic<bool> isOver = false;
-  OwnerQuestion question([&, goOn = mayGoOn.get_future().share()](const Answer&) {
+  auto held = std::shared_ptr<void>(nullptr, [&](void*) {
     begun.set_value();
-    goOn.wait();
+    mayGoOn.get_future().wait();
     isOver = true;
   });
+  OwnerQuestion question([held = std::move(held)](const Answer&) {});
   std::thread system([&] { question.answer(OwnerPresence::Granted{}); });
   begun.get_future().wait();
   auto end = std::async(std::launch::async, [&] {
