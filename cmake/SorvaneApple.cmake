@@ -73,6 +73,7 @@ function(apple_checks)
       bonjour_text
       clipboard_text
       core_foundation
+      keychain_domains
       keychain_secret_store
       main_loop
       managed_settings

@@ -55,8 +55,7 @@ Application::Application(const Setting& setting, agent::ProcessHost& host, agent
       stores_(setting.supportFolder, files_, setting.store),
       session_(platform::makeSessionSignals()),
       presence_(platform::makeOwnerPresence(turnsOf(approver))),
-      // The terminal was asked before, and nobody answered there.
-      approvalPresence_(platform::makeOwnerPresence({})),
+      approvalPresence_(platform::makeApprovalPresence()),
       ownerPrompt_({*approvalPresence_, askingFor(*approvalPresence_), [this] { trusted_.noteOwner(); }}),
       approver_(approver == nullptr ? nullptr : std::make_unique<Approver>(*approver, trusted_)),
       phoneLink_({stores_, clock_, [this] { lock_.lookAgain(); }}),

@@ -1,7 +1,10 @@
 #include "app/application_actions.h"
 
+#include <algorithm>
+
 #include "agent/stand_ins.h"
 #include "base/json_writer.h"
+#include "platform/adapters.h"
 
 namespace sorvane::app {
 namespace {
@@ -10,7 +13,14 @@ using vault::StoreKind;
 
 StoreKind storeNamed(const std::string& name) {
   const auto kind = vault::storeKindOf(name);
-  if (!kind) throw vault::StoreMoveError("Choose embedded or secret-service as the store. Nothing was moved.");
+  const auto offered = platform::storeKinds();
+  if (offered.size() == 1) {
+    throw vault::StoreMoveError("On this system the values are always kept in " +
+                                std::string(inWords(offered.front())) + ". Nothing was moved.");
+  }
+  if (!kind || std::find(offered.begin(), offered.end(), *kind) == offered.end()) {
+    throw vault::StoreMoveError("Choose " + vault::wordsOf(offered) + " as the store. Nothing was moved.");
+  }
   return *kind;
 }
 

@@ -1,11 +1,21 @@
 #include "app/options.h"
 
 #include <CLI/CLI.hpp>
+#include <string>
+#include <vector>
+
+#include "platform/adapters.h"
 
 namespace sorvane::app {
 namespace {
 
 constexpr int kUsage = 2;
+
+std::vector<std::string> storeWords() {
+  std::vector<std::string> words;
+  for (const vault::StoreKind kind : platform::storeKinds()) words.emplace_back(vault::word(kind));
+  return words;
+}
 
 }  // namespace
 
@@ -15,8 +25,7 @@ std::variant<Options, int> parseOptions(int argc, char** argv) {
   std::string store;
   app.add_option("--support-dir", options.supportFolder, "Folder that holds the vault and the socket")
       ->type_name("DIR");
-  app.add_option("--store", store, "Where a new vault keeps its values")
-      ->check(CLI::IsMember({"embedded", "secret-service"}));
+  app.add_option("--store", store, "Where a new vault keeps its values")->check(CLI::IsMember(storeWords()));
   app.set_version_flag("--version", std::string("sorvaned ") + SORVANE_VERSION);
   app.footer(
       "Without --support-dir the folder of SORVANE_SUPPORT_DIR is used, else the user's own data folder.\n"

@@ -3,6 +3,7 @@
 #include "base/diagnostics.h"
 #include "base/support_folder.h"
 #include "platform/adapters.h"
+#include "vault/domain_move.h"
 
 namespace sorvane::app {
 namespace {
@@ -22,6 +23,14 @@ constexpr std::string_view kSealed =
 constexpr std::string_view kKeyringUnlocked =
     "The values lie in the desktop's keyring. While it is unlocked, any program that runs as this user could ask it "
     "for them.";
+
+constexpr std::string_view kKeychainUnlocked =
+    "The values lie in the Keychain, where no program can ask for them but those that are signed as sorvane is, and "
+    "only "
+    "while this computer is unlocked.";
+constexpr std::string_view kCopiesLeft =
+    "all values are in the protected Keychain, but the login Keychain may still hold copies of some. They were not "
+    "shared. The next start of sorvaned removes them.";
 
 constexpr std::string_view kSwitchUnfinished =
     "A backup is being put in place and that could not be finished. Nothing is lost. Check that the support folder can "
@@ -95,12 +104,25 @@ Stores::Stores(std::filesystem::path supportFolder, base::Files& files, std::opt
       switch_(folder_, namesOfVault(), files),
       record_(choose(asked)),
       gate_({files, folder_ / unlock::kWrapName, *door_, {}}, kindOf(record().kind),
-            hasManifest(folder_) ? FirstRun::no : FirstRun::yes) {}
+            hasManifest(folder_) ? FirstRun::no : FirstRun::yes) {
+  bringOver();
+}
+
+void Stores::bringOver() {
+  if (record().kind == StoreKind::embedded) return;
+  const platform::SystemStore system = platform::openSystemStore();
+  if (!system.old) return;
+  const vault::MovableStore::Closed closed(inUse_);
+  if (vault::moveDomain(*system.old, *system.store, {}) == vault::StoreMoveOutcome::remainderLeft) {
+    base::diagnose("app", kCopiesLeft);
+  }
+}
 
 vault::StoreRecord Stores::choose(std::optional<StoreKind> asked) {
   switch_.settle();
   const vault::StoreTraces traces{hasManifest(folder_), liesAt(embedded_.database())};
-  const vault::StoreChoice choice = vault::chooseStore(asked, vault::readStoreRecord(files_, folder_), traces);
+  const vault::StoreChoice choice =
+      vault::chooseStore(asked, vault::readStoreRecord(files_, folder_), traces, platform::storeKinds());
   if (choice.write == vault::StoreChoice::Write::now) vault::writeStoreRecord(files_, folder_, choice.record);
   const base::Lock lock(mutex_);
   recordWhenOpened_ = choice.write == vault::StoreChoice::Write::onceOpened;
@@ -112,6 +134,7 @@ unlock::StoreGate::Kind Stores::kindOf(StoreKind kind) {
     case StoreKind::embedded:
       return {[this] { return embedded_.openPlain(); }, &embedded_};
     case StoreKind::secretService:
+    case StoreKind::keychain:
       return {[] { return platform::openSystemStore().store; }, nullptr};
   }
   throw SecretStoreError::backend("no such store");
@@ -140,6 +163,7 @@ bool Stores::isNew() const {
 
 std::string Stores::protectionInWords() const {
   if (record().kind == StoreKind::secretService) return std::string(kKeyringUnlocked);
+  if (record().kind == StoreKind::keychain) return std::string(kKeychainUnlocked);
   return std::string(isSealed() ? kSealed : kUnprotected);
 }
 

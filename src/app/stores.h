@@ -22,7 +22,9 @@ namespace sorvane::app {
 /// all the while, as far as StoreGate says. Any thread.
 class Stores {
  public:
-  /// Throws vault::StoreRecordError when `asked` is refused, and FileError when the choice cannot be recorded.
+  /// Throws vault::StoreRecordError when `asked` is refused, FileError when the choice cannot be recorded, and
+  /// base::Error when the system's store is not for this program or its items could not be brought over from their old
+  /// place; nothing is served then.
   Stores(std::filesystem::path supportFolder, base::Files& files, std::optional<vault::StoreKind> asked);
 
   vault::MovableStore& inUse() { return inUse_; }
@@ -71,6 +73,8 @@ class Stores {
   Store openTarget(vault::StoreKind kind);
   Store openLeft(vault::StoreKind kind);
   void emptied(vault::StoreKind kind);
+  /// Moves the items to where the system keeps them now, if they still lie where it kept them in earlier times.
+  void bringOver();
   void keep(const vault::StoreRecord& record);
 
   // Constant after construction.

@@ -43,6 +43,8 @@ using TakeTerminal = std::function<std::shared_ptr<void>(const std::stop_token& 
 /// The system's question whether its owner is there. `takeTerminal` is empty for an application without a terminal.
 /// `unavailable` may be called by any thread, all else but `askFor` by one. A reason may have several lines.
 std::unique_ptr<AskingPresence> makeOwnerPresence(TakeTerminal takeTerminal);
+/// The same for the requests of agents, which have asked on the terminal before.
+std::unique_ptr<AskingPresence> makeApprovalPresence();
 /// What the owner may be recognised by. Waits for a moment at most.
 unlock::UnlockHardware ownerHardware();
 /// What an organization says about following the session; nullopt: nothing. `warn` is told of a setting that was passed

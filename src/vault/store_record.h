@@ -2,6 +2,7 @@
 
 #include <filesystem>
 #include <optional>
+#include <span>
 #include <string>
 #include <string_view>
 
@@ -10,8 +11,8 @@
 
 namespace sorvane::vault {
 
-/// Where the values are kept. The stored words are "embedded" and "secret-service".
-enum class StoreKind { embedded, secretService };
+/// Where the values are kept. The stored words are "embedded", "secret-service" and "keychain".
+enum class StoreKind { embedded, secretService, keychain };
 std::string_view word(StoreKind kind);
 std::optional<StoreKind> storeKindOf(std::string_view word);
 /// The store in a sentence, such as "the embedded store".
@@ -60,8 +61,13 @@ struct StoreChoice {
   enum class Write { no, now, onceOpened } write = Write::no;
 };
 
-/// Decides which store a start opens; `asked` is what the command line said. Throws StoreRecordError when that is
-/// another than the recorded one, and when the record is gone and nothing tells which store holds the vault's values.
-StoreChoice chooseStore(std::optional<StoreKind> asked, const ReadRecord& found, const StoreTraces& traces);
+/// Decides which store a start opens; `asked` is what the command line said, and `offered` are the stores of this
+/// system, at least one, the usual one first. Throws StoreRecordError when `asked` is another than the recorded one,
+/// when the recorded one is of another system, and when the record is gone and nothing tells which store holds the
+/// vault's values.
+StoreChoice chooseStore(std::optional<StoreKind> asked, const ReadRecord& found, const StoreTraces& traces,
+                        std::span<const StoreKind> offered);
+/// The stores in a sentence, such as "embedded or secret-service".
+std::string wordsOf(std::span<const StoreKind> kinds);
 
 }  // namespace sorvane::vault

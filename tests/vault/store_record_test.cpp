@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <array>
 #include <thread>
 
 #include "support/doubles.h"
@@ -15,6 +16,9 @@ using vault::StoreChoice;
 using vault::StoreKind;
 using vault::StoreRecord;
 
+constexpr std::array kLinux{StoreKind::embedded, StoreKind::secretService};
+constexpr std::array kMacOS{StoreKind::keychain};
+
 TEST(StoreRecord, theStoreIsChosenOnceAndNeverChangedSilently) {
   using Write = StoreChoice::Write;
   struct Case {
@@ -24,6 +28,7 @@ TEST(StoreRecord, theStoreIsChosenOnceAndNeverChangedSilently) {
     vault::StoreTraces traces;
     std::optional<StoreKind> chosen;  ///< absent: refused
     Write write = Write::no;
+    std::span<const StoreKind> offered = kLinux;
   };
   const StoreRecord embedded{StoreKind::embedded, {}}, keyring{StoreKind::secretService, {}};
   const Case cases[] = {
@@ -46,11 +51,27 @@ TEST(StoreRecord, theStoreIsChosenOnceAndNeverChangedSilently) {
        Write::onceOpened},
       {"a record that is gone beside the database", {}, {}, {true, true}, StoreKind::embedded, Write::onceOpened},
       {"a damaged record", {}, {std::nullopt, true}, {true, true}, {}},
+      {"a first start on macOS", {}, {}, {}, StoreKind::keychain, Write::now, kMacOS},
+      {"the one store there is, without its record",
+       {},
+       {std::nullopt, true},
+       {true, true},
+       StoreKind::keychain,
+       Write::onceOpened,
+       kMacOS},
+      {"a folder of another system", {}, {embedded}, {true, true}, {}, Write::no, kMacOS},
+      {"a folder that was moving there",
+       {},
+       {StoreRecord{StoreKind::keychain, StoreKind::embedded}},
+       {true, true},
+       {},
+       Write::no,
+       kMacOS},
   };
   for (const Case& test : cases) {
     SCOPED_TRACE(test.what);
     try {
-      const StoreChoice choice = vault::chooseStore(test.asked, test.found, test.traces);
+      const StoreChoice choice = vault::chooseStore(test.asked, test.found, test.traces, test.offered);
       EXPECT_EQ(choice.record.kind, test.chosen);
       EXPECT_EQ(choice.write, test.write);
     } catch (const vault::StoreRecordError& error) {
@@ -59,14 +80,18 @@ TEST(StoreRecord, theStoreIsChosenOnceAndNeverChangedSilently) {
     }
   }
   EXPECT_NE(sentenceOf([&] {
-              vault::chooseStore(StoreKind::secretService, {embedded}, {});
+              vault::chooseStore(StoreKind::secretService, {embedded}, {}, kLinux);
             }).find("run sorvane store move secret-service."),
+            std::string::npos);
+  EXPECT_NE(sentenceOf([&] {
+              vault::chooseStore({}, {std::nullopt, true}, {}, kLinux);
+            }).find("with --store embedded or --store secret-service, whichever"),
             std::string::npos);
 }
 
 TEST(StoreRecord, isReadBackAsItWasWrittenAndNothingElseIsOne) {
-  for (const StoreRecord& record :
-       {StoreRecord{StoreKind::secretService, StoreKind::embedded}, StoreRecord{StoreKind::embedded, {}}}) {
+  for (const StoreRecord& record : {StoreRecord{StoreKind::secretService, StoreKind::embedded},
+                                    StoreRecord{StoreKind::embedded, {}}, StoreRecord{StoreKind::keychain, {}}}) {
     EXPECT_EQ(vault::decodeStoreRecord(vault::encodeStoreRecord(record)), record);
   }
   for (const std::string_view text :

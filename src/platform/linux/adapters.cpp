@@ -30,6 +30,10 @@ std::unique_ptr<AskingPresence> makeOwnerPresence(TakeTerminal takeTerminal) {
   return std::make_unique<OwnerCheck>(std::move(ports));
 }
 
+std::unique_ptr<AskingPresence> makeApprovalPresence() {
+  return makeOwnerPresence({});
+}
+
 std::optional<bool> managedSessionSetting(const std::function<void(const std::string& sentence)>& warn) {
   return managedFollowsSession(kManagedSettings, warn);
 }
