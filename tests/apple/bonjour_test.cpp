@@ -123,7 +123,27 @@ TEST(BonjourBrowser, aNetworkFullOfServicesIsNotAskedWithoutAnEnd) {
   daemon.services = {service};
   EXPECT_EQ(BonjourBrowser().find("ab", 20s, never).size(), 64U);
   daemon.services.assign(200, {"other", 1, 1, "\x05id=no"});
+  const int before = daemon.calls();
   EXPECT_TRUE(BonjourBrowser().find("ab", 300ms, never).empty());
+  // The question with its descriptor, what it told, and for 64 of them where they are, once.
+  EXPECT_LE(daemon.calls() - before, 2 + 200 + 64 * 3);
+}
+
+TEST(BonjourBrowser, aDaemonThatHangsUpEndsTheSearchWithWhatWasFound) {
+  FakeBonjour daemon;
+  daemon.services = {wanted()};
+  // Services, their place and their addresses are told in three rounds.
+  int rounds = 0;
+  const auto hangUpInTheFourth = [&] {
+    if (++rounds == 4) daemon.hangUp();
+    return false;
+  };
+  const auto began = std::chrono::steady_clock::now();
+  EXPECT_FALSE(BonjourBrowser().find("ab", 60s, hangUpInTheFourth).empty());
+  daemon.services.clear();
+  rounds = 3;
+  EXPECT_TRUE(BonjourBrowser().find("ab", 60s, hangUpInTheFourth).empty());
+  EXPECT_LT(std::chrono::steady_clock::now() - began, 30s);
 }
 
 TEST(BonjourBrowser, aCallThatFailsCostsNoMoreThanWhatItWasMadeFor) {
