@@ -149,9 +149,10 @@ class Phone(PhoneHouse):
         asked = self.run_for_agent(token, "true")
         self.owner.wait_for(r"Here you can only say no: type n and Enter\. \[n\] $")
         self.owner.type("y\n")
-        self.owner.wait_for("nothing was allowed here")
+        self.owner.wait_for(r"\[n\] $")  # it stands there still
         self.says(phone, "y")
         self.assertTrue(asked.answer()["ok"])
+        self.owner.wait_for(r"A phone answered this\.")
         denied = self.run_for_agent(token, "true")
         phone.wait_for(ALLOW)
         self.owner.wait_for(r"\[n\] $")
