@@ -81,6 +81,7 @@ std::string Phones::beginPairing(Unreadable unreadable) {
   base::JsonWriter out;
   out.beginObject().field("code", offer.code).field("link", offer.link).strings("addresses", offer.addresses);
   out.key("port").integer(offer.port).field("notAnnounced", offer.notAnnounced);
+  out.field("notReachable", offer.notReachable);
   out.key("seconds").integer(phone::kPairingLife.count()).key("attempts").integer(phone::kPairingAttempts);
   out.strings("qr", qrCode(offer.link)).endObject();
   base::wipe(offer.code);

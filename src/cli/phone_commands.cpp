@@ -39,7 +39,9 @@ void showOffer(const base::Json& offer, bool withQr) {
   printLine("Link:  " + base::escapedForDisplay(cell(offer, "link")));
   printLine("Code:  " + base::escapedForDisplay(cell(offer, "code")));
   printLine("On the phone, scan the QR code, or give the link to sorvane-approver pair. Both hold the code.");
-  if (offer.contains("notAnnounced")) note(cell(offer, "notAnnounced"));
+  for (const char* why : {"notReachable", "notAnnounced"}) {
+    if (offer.contains(why)) note(cell(offer, why));
+  }
 }
 
 /// One line that is drawn over itself; none where nobody looks.

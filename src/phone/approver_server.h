@@ -13,13 +13,14 @@
 #include "base/clock.h"
 #include "phone/announcer.h"
 #include "phone/approval_details.h"
+#include "phone/local_addresses.h"
 #include "phone/registry.h"
 #include "phone/verdict.h"
 
 namespace sorvane::phone {
 
 /// Limits of the link (docs/phone-link.md).
-inline constexpr std::size_t kMostPhones = 5, kMostLinks = 8, kMostNewLinks = 16, kMostNewLinksOfAddress = 4;
+inline constexpr std::size_t kMostPhones = 5, kMostLinks = 8, kMostNewLinks = 16, kMostNewLinksOfSource = 4;
 inline constexpr std::size_t kMostFramesPerMinute = 60;
 inline constexpr std::chrono::seconds kHelloTime{10}, kFrameTime{10}, kLeavingTime{10}, kRequestLife{120},
     kPairingLife{120};
@@ -40,6 +41,9 @@ class ApproverServer {
     std::function<void()> onChange = {};
     /// Told, on the server's thread, how each answer was judged, and that a frame was unreadable. May be absent.
     std::function<void(ApprovalResponseVerdict)> onVerdict = {};
+    /// Where others reach this computer, and what a stranger's connection is counted with.
+    std::function<std::vector<std::string>()> addresses = localAddresses;
+    std::function<std::string(const sockaddr&)> sourceOf = sourceNetwork;
   };
   explicit ApproverServer(Ports ports);
   ~ApproverServer();
@@ -59,6 +63,7 @@ class ApproverServer {
     std::vector<std::string> addresses;
     std::uint16_t port = 0;
     std::optional<std::string> notAnnounced;  ///< why the local network does not know, as a sentence
+    std::optional<std::string> notReachable;  ///< that no other computer gets here, as a sentence
   };
   enum class PairingState { none, open, paired, expired, tooManyAttempts, cancelled };
   struct PairingReport {

@@ -50,8 +50,8 @@ LinkStep stepFor(LinkState state, Kind kind) {
   return LinkStep::refuse;
 }
 
-Link::Link(base::Descriptor socket, std::string address, base::Instant now)
-    : socket_(std::move(socket)), address_(std::move(address)), stateDeadline_(now + kHelloTime) {
+Link::Link(base::Descriptor socket, std::string source, base::Instant now)
+    : socket_(std::move(socket)), source_(std::move(source)), stateDeadline_(now + kHelloTime) {
   base::fillRandom(challenge_);
 }
 

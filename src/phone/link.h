@@ -55,10 +55,11 @@ class Link {
   /// More than this is what no honest phone leaves lying.
   static constexpr std::size_t kMostUnsent = 4 * kRoomForQuestions;
 
-  Link(base::Descriptor socket, std::string address, base::Instant now);
+  /// `source` is what the connection is counted with.
+  Link(base::Descriptor socket, std::string source, base::Instant now);
 
   LinkState state() const { return state_; }
-  const std::string& address() const { return address_; }
+  const std::string& source() const { return source_; }
   const Challenge& challenge() const { return challenge_; }
   /// Only once served.
   const PublicKey& phone() const { return phone_; }
@@ -99,7 +100,7 @@ class Link {
   void endFor(LinkFault fault);
 
   base::Descriptor socket_;
-  const std::string address_;
+  const std::string source_;
   Challenge challenge_{};
   LinkState state_ = LinkState::challenged;
   bool ended_ = false;

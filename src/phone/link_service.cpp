@@ -9,13 +9,21 @@
 #include "phone/phone_error.h"
 
 namespace sorvane::phone {
+namespace {
+
+constexpr char kNotReachable[] =
+    "This computer is in no network, so no phone can get here by this link. No phone was paired. Cancel this, connect "
+    "the "
+    "computer to the phone’s network, then pair again.";
+
+}  // namespace
 
 LinkService::LinkService(const Ports& ports, LinkRecord record)
     : server_(ports.server),
       questions_(ports.questions),
       view_(ports.view),
       record_(std::move(record)),
-      links_(server_.clock, ports.wake, *this) {
+      links_(server_.clock, ports.wake, *this, server_.sourceOf) {
   if (!record_.phones.empty()) {
     try {
       links_.listen(record_.port);
@@ -224,7 +232,11 @@ ApproverServer::PairingOffer LinkService::beginPairing() {
   auto code = randomPairingCode();
   ApproverServer::PairingOffer offer;
   offer.code = groupedCode(code.view());
-  offer.addresses = localAddresses();
+  offer.addresses = server_.addresses();
+  if (offer.addresses.empty()) {
+    offer.addresses.emplace_back(kLoopbackAddress);
+    offer.notReachable = kNotReachable;
+  }
   offer.port = links_.port();
   offer.notAnnounced = notAnnounced_;
   offer.link = pairingLink({record_.identity.publicKey(), offer.addresses, offer.port}, offer.code);

@@ -13,7 +13,6 @@
 
 #include "base/diagnostics.h"
 #include "phone/approver_server.h"
-#include "phone/local_addresses.h"
 #include "phone/phone_error.h"
 
 namespace sorvane::phone {
@@ -54,13 +53,6 @@ std::uint16_t portOf(int listener) {
   if (::getsockname(listener, reinterpret_cast<sockaddr*>(&bound), &size) != 0) return 0;
   // Both families keep the port at the same place.
   return ntohs(reinterpret_cast<const sockaddr_in*>(&bound)->sin_port);
-}
-
-std::string peerOf(int socket) {
-  sockaddr_storage peer{};
-  socklen_t size = sizeof peer;
-  if (::getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &size) != 0) return {};
-  return addressText(reinterpret_cast<const sockaddr&>(peer));
 }
 
 int pollTime(const std::optional<base::Instant>& deadline, base::Instant now) {
@@ -135,9 +127,7 @@ void Links::serveLink(Link& link, short happened) {
   try {
     const auto now = clock_.instant();
     if ((happened & POLLOUT) != 0) link.flush(now);
-    if ((happened & (POLLIN | POLLHUP | POLLERR)) != 0) {
-      link.read(now);
-    }
+    if ((happened & (POLLIN | POLLHUP | POLLERR)) != 0) link.read(now);
     while (const auto body = link.take(now)) handler_.frame(link, *body);
   } catch (const std::exception& error) {
     // Memory or a primitive failed; the others go on.
@@ -161,16 +151,23 @@ void Links::serveListener() {
   }
 }
 
+std::string Links::sourceOf(int socket) const {
+  sockaddr_storage peer{};
+  socklen_t size = sizeof peer;
+  if (::getpeername(socket, reinterpret_cast<sockaddr*>(&peer), &size) != 0) return {};
+  return sourceOf_(reinterpret_cast<const sockaddr&>(peer));
+}
+
 void Links::accept(base::Descriptor socket) {
-  std::string address = peerOf(socket.get());
-  std::size_t fresh = 0, ofAddress = 0;
+  std::string source = sourceOf(socket.get());
+  std::size_t fresh = 0, ofSource = 0;
   for (const auto& link : links_) {
     if (link->wasServed() || link->hasEnded()) continue;
     ++fresh;
-    if (link->address() == address) ++ofAddress;
+    if (link->source() == source) ++ofSource;
   }
   // Closed without a word: there is nothing that a stranger should be told.
-  if (fresh >= kMostNewLinks || ofAddress >= kMostNewLinksOfAddress || address.empty()) return;
+  if (fresh >= kMostNewLinks || ofSource >= kMostNewLinksOfSource || source.empty()) return;
   const int on = 1;
   ::fcntl(socket.get(), F_SETFL, O_NONBLOCK);
   ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
@@ -182,7 +179,7 @@ void Links::accept(base::Descriptor socket) {
   ::setsockopt(socket.get(), IPPROTO_TCP, TCP_KEEPINTVL, &betweenSeconds, sizeof betweenSeconds);
   ::setsockopt(socket.get(), IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
 #endif
-  links_.push_back(std::make_unique<Link>(std::move(socket), std::move(address), clock_.instant()));
+  links_.push_back(std::make_unique<Link>(std::move(socket), std::move(source), clock_.instant()));
   handler_.begun(*links_.back());
 }
 

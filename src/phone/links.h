@@ -1,5 +1,6 @@
 #pragma once
 
+#include <functional>
 #include <list>
 #include <memory>
 #include <optional>
@@ -7,6 +8,8 @@
 #include "base/clock.h"
 #include "base/open_descriptors.h"
 #include "phone/link.h"
+
+struct sockaddr;
 
 namespace sorvane::phone {
 
@@ -25,8 +28,11 @@ class Links {
     /// A link that was served is gone.
     virtual void gone(const Link& link) = 0;
   };
+  /// What a connection from an address is counted with.
+  using SourceOf = std::function<std::string(const sockaddr&)>;
   /// `turn` returns when `wake` can be read, and empties it.
-  Links(const base::Clock& clock, int wake, Handler& handler) : clock_(clock), wake_(wake), handler_(handler) {}
+  Links(const base::Clock& clock, int wake, Handler& handler, SourceOf sourceOf)
+      : clock_(clock), wake_(wake), handler_(handler), sourceOf_(std::move(sourceOf)) {}
 
   /// Listens on every address of this computer, IPv4 and IPv6, on `port` where it is free and not 0. Throws PhoneError.
   void listen(std::uint16_t port);
@@ -47,11 +53,14 @@ class Links {
   std::optional<base::Instant> nearest(std::optional<base::Instant> deadline) const;
   void serveListener();
   void accept(base::Descriptor socket);
+  /// Empty where nobody is there any more.
+  std::string sourceOf(int socket) const;
   void serveLink(Link& link, short happened);
 
   const base::Clock& clock_;
   const int wake_;
   Handler& handler_;
+  const SourceOf sourceOf_;
   base::Descriptor listener_;
   std::uint16_t port_ = 0;
   std::optional<base::Instant> restsUntil_;  ///< accepting; the system lacks descriptors or memory

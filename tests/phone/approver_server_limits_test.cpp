@@ -24,7 +24,7 @@ class ApproverServerLimits : public ServerHouse {
     for (std::size_t first = 0; first < bits && !HasFailure(); first += lanes) {
       std::vector<Connection> links;
       for (std::size_t lane = 0; lane < lanes; ++lane) {
-        links.push_back(connect(("127.0.0." + std::to_string(2 + lane / kMostNewLinksOfAddress)).c_str()));
+        links.push_back(connect(("127.0.0." + std::to_string(2 + lane / kMostNewLinksOfSource)).c_str()));
       }
       for (auto& link : links) steps.begin(link);
       for (std::size_t lane = 0; lane < lanes; ++lane) {
@@ -272,12 +272,12 @@ TEST_F(ApproverServerLimits, aLinkHasSixtyFramesAMinute) {
   stillServes(*phone);
 }
 
-TEST_F(ApproverServerLimits, strangersHaveFourLinksAnAddressAndSixteenInAll) {
+TEST_F(ApproverServerLimits, strangersHaveFourLinksASourceAndSixteenInAll) {
   const auto phone = paired("phone");
   Connection known = served(*phone);
   std::vector<Connection> links;
   for (const char* from : {"127.0.0.2", "127.0.0.3", "127.0.0.4", "127.0.0.5"}) {
-    for (std::size_t i = 0; i < kMostNewLinksOfAddress; ++i) {
+    for (std::size_t i = 0; i < kMostNewLinksOfSource; ++i) {
       links.push_back(connect(from));
       challengeOf(links.back());
     }
@@ -292,6 +292,17 @@ TEST_F(ApproverServerLimits, strangersHaveFourLinksAnAddressAndSixteenInAll) {
   clock_.advance(kHelloTime);
   for (auto& link : links) EXPECT_EQ(link.receive(), std::nullopt);
   stillServes(*phone);
+}
+
+TEST_F(ApproverServerLimits, theAddressesOfOneSourceCountTogether) {
+  sourceOf_ = sourceNetwork;
+  offer();
+  std::vector<Connection> links;
+  for (const char* from : {"127.0.0.1", "127.0.0.2", "127.1.2.3", "127.255.255.254"}) {
+    links.push_back(connect(from));
+    challengeOf(links.back());
+  }
+  EXPECT_EQ(connect("127.0.0.5").receive(), std::nullopt);
 }
 
 TEST_F(ApproverServerLimits, aThousandConnectionsHoldNoMoreThanAFewFrames) {
@@ -310,7 +321,7 @@ TEST_F(ApproverServerLimits, aThousandConnectionsHoldNoMoreThanAFewFrames) {
   for (auto& link : links) {
     if (link.receive()) challenged.push_back(&link);
   }
-  EXPECT_EQ(challenged.size(), kMostNewLinksOfAddress);
+  EXPECT_EQ(challenged.size(), kMostNewLinksOfSource);
   clock_.advance(kHelloTime);
   for (auto* link : challenged) EXPECT_EQ(link->receive(), std::nullopt);
   stillServes(*phone);

@@ -17,8 +17,8 @@ TEST_F(ApproverServerTest, aPhonePairsWithTheCodeAndIsServedAfterARestartOnTheSa
   const auto offered = offer();
   EXPECT_EQ(offered.code.size(), 19U);
   EXPECT_EQ(offered.link, "sorvane://pair?v=4&key=" + base::base64Url(mac()) +
-                              "&host=" + offered.link.substr(offered.link.find("&host=") + 6));
-  EXPECT_NE(offered.link.find("&port=" + std::to_string(port_) + "&code=" + offered.code), std::string::npos);
+                              "&host=192.0.2.7&port=" + std::to_string(port_) + "&code=" + offered.code);
+  EXPECT_FALSE(offered.notReachable);
   const auto announced = announcer_.now();
   EXPECT_EQ(announced, "Desk " + std::to_string(port_) + " id=" + crypto::sha256Hex(mac()).substr(0, 16));
   EXPECT_THROW(server().beginPairing(), PhoneError);
@@ -50,6 +50,15 @@ TEST_F(ApproverServerTest, aPhonePairsWithTheCodeAndIsServedAfterARestartOnTheSa
   stillServes(*phone);
   EXPECT_EQ(port_, port);
   EXPECT_EQ(this->mac(), mac);
+}
+
+TEST_F(ApproverServerTest, aLinkThatLeadsHereFromHereAloneSaysSo) {
+  addresses_.clear();
+  const auto offered = offer();
+  EXPECT_NE(offered.link.find("&host=127.0.0.1&port="), std::string::npos);
+  EXPECT_EQ(offered.notReachable,
+            "This computer is in no network, so no phone can get here by this link. No phone was paired. Cancel this, "
+            "connect the computer to the phone’s network, then pair again.");
 }
 
 TEST_F(ApproverServerTest, aWrongCodeIsTriedFiveTimesAndThenTheRightOneIsVoidToo) {

@@ -18,9 +18,9 @@ class ServerHouse : public ::testing::Test {
 
   ApproverServer& server() {
     if (!server_) {
-      server_ = std::make_unique<ApproverServer>(
-          ApproverServer::Ports{registry_, announcer_, clock_, "Desk", [this] { changes_.add(0); },
-                                [this](Verdict verdict) { verdicts_.add(verdict); }});
+      server_ = std::make_unique<ApproverServer>(ApproverServer::Ports{
+          registry_, announcer_, clock_, "Desk", [this] { changes_.add(0); },
+          [this](Verdict verdict) { verdicts_.add(verdict); }, [this] { return addresses_; }, sourceOf_});
       server_->open();
     }
     return *server_;
@@ -130,6 +130,9 @@ class ServerHouse : public ::testing::Test {
   std::unique_ptr<ApproverServer> server_;
   std::uint16_t port_ = 0;
   std::string code_;
+  std::vector<std::string> addresses_{"192.0.2.7"};
+  // Each address of this computer stands for another one.
+  std::function<std::string(const sockaddr&)> sourceOf_ = addressText;
 };
 
 }  // namespace sorvane::phone
