@@ -44,6 +44,10 @@ function(apple_tests)
   target_link_libraries(keychain_test PRIVATE sorvane_settings test_support platform vault base GTest::gtest_main)
   add_test(NAME platform.keychain COMMAND keychain_test)
   set_tests_properties(platform.keychain PROPERTIES LABELS platform TIMEOUT 300)
+  add_executable(services_test ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/mac/services_test.cpp)
+  target_link_libraries(services_test PRIVATE sorvane_settings platform base GTest::gtest_main)
+  add_test(NAME platform.services COMMAND services_test)
+  set_tests_properties(platform.services PROPERTIES LABELS platform TIMEOUT 120)
 endfunction()
 
 # apple_checks(): every file of src/platform/macos checked by clang, and those that need C interfaces only run against a
