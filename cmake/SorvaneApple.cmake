@@ -95,4 +95,35 @@ function(apple_checks)
   target_compile_definitions(apple_test PRIVATE ${SORVANE_IDENTITY})
   target_include_directories(apple_test SYSTEM PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/posix
                              ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/frameworks)
+  apple_objective_checks()
+endfunction()
+
+# apple_objective_checks(): the files that take Objective-C, run against classes of our own with the run-time that comes with
+# clang. It has no ARC, so that nothing is given back; that the files compile with ARC is checked above.
+function(apple_objective_checks)
+  find_program(SORVANE_CLANG NAMES clang++ clang++-19 clang++-16 clang++-14)
+  execute_process(COMMAND ${CMAKE_CXX_COMPILER} -print-file-name=libobjc.so OUTPUT_VARIABLE runtime OUTPUT_STRIP_TRAILING_WHITESPACE)
+  # The objects have no code of a sanitizer in them, which the thread sanitizer takes for races.
+  if(NOT SORVANE_CLANG OR NOT EXISTS "${runtime}" OR SORVANE_SANITIZE)
+    add_test(NAME platform.macos_objective_runs COMMAND ${CMAKE_COMMAND} -E echo "skipped: no clang, no libobjc, or a sanitizer")
+    set_tests_properties(platform.macos_objective_runs PROPERTIES LABELS platform SKIP_REGULAR_EXPRESSION skipped)
+    return()
+  endif()
+  set(root ${CMAKE_CURRENT_SOURCE_DIR})
+  foreach(source
+      src/platform/macos/login_session
+      src/platform/macos/owner_check
+      src/platform/macos/owner_hardware
+      tests/apple/objc/fake
+      tests/apple/objc/owner_and_session_test)
+    get_filename_component(name ${source} NAME)
+    set(object ${CMAKE_CURRENT_BINARY_DIR}/objective_${name}.o)
+    add_custom_command(
+      OUTPUT ${object} DEPENDS ${root}/${source}.mm DEPFILE ${object}.d VERBATIM COMMENT "Building Objective-C++ object ${name}.o"
+      COMMAND ${SORVANE_CLANG} -x objective-c++ -std=c++20 -g1 -fPIE -fblocks -fobjc-runtime=gcc -fno-objc-arc -I${root}/src -I${root}/tests
+              -isystem ${root}/tests/apple/posix -isystem ${root}/tests/apple/frameworks -MD -MF ${object}.d -MT ${object}
+              -c ${root}/${source}.mm -o ${object})
+    target_sources(apple_test PRIVATE ${object})
+  endforeach()
+  target_link_libraries(apple_test PRIVATE ${runtime})
 endfunction()
