@@ -66,7 +66,15 @@ function(apple_checks)
   set_tests_properties(platform.macos_faults_are_found PROPERTIES LABELS platform PASS_REGULAR_EXPRESSION "3 errors generated"
                        SKIP_REGULAR_EXPRESSION "macos: skipped")
 
-  room_test(apple USES unlock vault crypto base)
+  set(portable ${CMAKE_CURRENT_SOURCE_DIR}/scripts/checks/portable)
+  add_test(NAME platform.nothing_of_linux_outside COMMAND ${portable})
+  # This file has four such uses, and four that are none.
+  add_test(NAME platform.uses_of_linux_are_found COMMAND ${portable} ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/unportable.cpp)
+  set_tests_properties(platform.nothing_of_linux_outside PROPERTIES LABELS platform)
+  set_tests_properties(platform.uses_of_linux_are_found PROPERTIES LABELS platform
+                       PASS_REGULAR_EXPRESSION "portable: 1 files, 4 uses of what only Linux has")
+
+  room_test(apple PREFIX "macos." USES agent proxy unlock vault crypto base)
   set(macos ${CMAKE_CURRENT_SOURCE_DIR}/src/platform/macos)
   file(GLOB fakes CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/fake/*.cpp)
   # One a line: those that need C interfaces only.
@@ -77,6 +85,7 @@ function(apple_checks)
       bonjour_text
       clipboard_text
       core_foundation
+      descendants
       keychain_domains
       keychain_secret_store
       main_loop
@@ -85,14 +94,23 @@ function(apple_checks)
       owner_access_control
       owner_check_rules
       owner_question
+      peer_owner
+      process_host
+      process_tables
+      process_watch
       screen_notices
       session_state
       session_tracker
-      sleep_notices)
+      sleep_notices
+      supervisor)
     target_sources(apple_test PRIVATE ${macos}/${source}.cpp)
   endforeach()
   target_sources(apple_test PRIVATE ${fakes})
   target_compile_definitions(apple_test PRIVATE ${SORVANE_IDENTITY})
+  # The host of commands passes the suite of those who start them.
+  target_sources(apple_test PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/src/platform/shared/command_channel.cpp
+                 ${CMAKE_CURRENT_SOURCE_DIR}/src/platform/shared/forked_host.cpp
+                 ${CMAKE_CURRENT_SOURCE_DIR}/tests/agent/command_runner_test.cpp)
   target_include_directories(apple_test SYSTEM PRIVATE ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/posix
                              ${CMAKE_CURRENT_SOURCE_DIR}/tests/apple/frameworks)
   apple_objective_checks()

@@ -78,7 +78,7 @@ endfunction()
 
 # room_test(NAME USES target...): the test program of tests/<name>, with the doubles of tests/support.
 function(room_test name)
-  cmake_parse_arguments(ARG "" "" "USES" ${ARGN})
+  cmake_parse_arguments(ARG "" "PREFIX" "USES" ${ARGN})
   file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tests/${name}/*_test.cpp)
   if(NOT sources)
     return()
@@ -88,5 +88,5 @@ function(room_test name)
   target_compile_options(${name}_test PRIVATE ${SORVANE_UNOPTIMISED})
   target_compile_definitions(${name}_test PRIVATE SORVANE_CORPORA="${CMAKE_CURRENT_SOURCE_DIR}/tests/corpora"
                              SORVANE_SOURCE="${CMAKE_CURRENT_SOURCE_DIR}" SORVANE_BUILD="${CMAKE_CURRENT_BINARY_DIR}")
-  gtest_discover_tests(${name}_test DISCOVERY_MODE PRE_TEST PROPERTIES LABELS ${name} TIMEOUT 300)
+  gtest_discover_tests(${name}_test TEST_PREFIX "${ARG_PREFIX}" DISCOVERY_MODE PRE_TEST PROPERTIES LABELS ${name} TIMEOUT 300)
 endfunction()

@@ -17,6 +17,13 @@ struct Pipe {
   Descriptor read, write;
 };
 std::optional<Pipe> openPipe();
+/// Two connected Unix-domain stream sockets.
+struct SocketPair {
+  Descriptor first, second;
+};
+std::optional<SocketPair> openSocketPair();
+/// Closes every descriptor of this process with a number above `last`.
+void closeAbove(int last);
 
 // The same on every system.
 

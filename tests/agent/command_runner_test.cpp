@@ -14,7 +14,8 @@
 
 #include "agent/command_words.h"
 #include "agent/process_host.h"
-#include "platform/linux/process_host.h"
+#include "base/descriptor.h"
+#include "platform/adapters.h"
 #include "support/corpus.h"
 #include "support/doubles.h"
 
@@ -26,11 +27,8 @@ using test::TemporaryFolder;
 
 class Runner : public ::testing::Test {
  protected:
-  static void SetUpTestSuite() { host_ = new platform::LinuxProcessHost(); }
-  static void TearDownTestSuite() {
-    delete host_;
-    host_ = nullptr;
-  }
+  static void SetUpTestSuite() { host_ = platform::makeProcessHost(); }
+  static void TearDownTestSuite() { host_.reset(); }
 
   CommandRequest shell(const std::string& script, std::chrono::seconds limit = 60s) {
     CommandRequest request;
@@ -58,11 +56,11 @@ class Runner : public ::testing::Test {
     return ::poll(&wait, 1, static_cast<int>(within.count())) == 1;
   }
 
-  static platform::LinuxProcessHost* host_;
+  static std::unique_ptr<ProcessHost> host_;
   TemporaryFolder folder_;
   CommandRunner runner_{*host_};
 };
-platform::LinuxProcessHost* Runner::host_ = nullptr;
+std::unique_ptr<ProcessHost> Runner::host_;
 
 TEST_F(Runner, runsACommandWithNothingButWhatItWasGiven) {
   CommandRequest request =
@@ -161,8 +159,8 @@ TEST_F(Runner, aDescendantThatHoldsTheOutputDoesNotHoldTheAnswerAndIsEnded) {
 TEST_F(Runner, commandsEndWhenTheApplicationDies) {
   const pid_t application = ::fork();
   if (application == 0) {
-    platform::LinuxProcessHost host;
-    CommandRunner runner(host);
+    const auto host = platform::makeProcessHost();
+    CommandRunner runner(*host);
     CommandControl control;
     std::thread killer([&] {
       while (!std::filesystem::exists(file("running"))) std::this_thread::sleep_for(1ms);
@@ -201,9 +199,9 @@ TEST_F(Runner, outputComesBackWhereTheApplicationStartedWithoutItsStandardDescri
   const pid_t application = ::fork();
   if (application == 0) {
     for (const int fd : {0, 1, 2}) ::close(fd);
-    platform::LinuxProcessHost host;
+    const auto host = platform::makeProcessHost();
     CommandControl control;
-    const auto result = CommandRunner(host).run(request, control).result;
+    const auto result = CommandRunner(*host).run(request, control).result;
     ::_exit(result.output == "out\nerr\n" && result.exitCode == 3 ? 0 : 1);
   }
   int status = 0;

@@ -26,4 +26,14 @@ std::optional<Pipe> openPipe() {
   return Pipe{Descriptor(ends[0]), Descriptor(ends[1])};
 }
 
+std::optional<SocketPair> openSocketPair() {
+  std::array<int, 2> ends{};
+  if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) return std::nullopt;
+  return SocketPair{Descriptor(ends[0]), Descriptor(ends[1])};
+}
+
+void closeAbove(int last) {
+  ::close_range(static_cast<unsigned>(last) + 1, ~0U, 0);
+}
+
 }  // namespace sorvane::base

@@ -15,57 +15,14 @@
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
-#include <cstring>
 #include <ctime>
 #include <string>
 #include <vector>
 
-#include "base/secret_text.h"
+#include "platform/shared/command_channel.h"
 
 namespace sorvane::platform {
 namespace {
-
-/// Everything in a launch message: strings ended by NUL, the words, an empty mark of their count before them, and so
-/// on.
-struct Launch {
-  base::SecretText text;
-  std::vector<char*> words;
-  std::vector<char*> environment;
-  char* directory = nullptr;
-};
-
-bool readAll(int fd, char* data, std::size_t size) {
-  while (size > 0) {
-    const ssize_t got = ::read(fd, data, size);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) return false;
-    data += got;
-    size -= static_cast<std::size_t>(got);
-  }
-  return true;
-}
-
-/// Header: three counts of 8 bytes (bytes of text, words, variables), then the strings: directory, words, variables.
-bool readLaunch(int control, Launch& launch) {
-  std::array<std::uint64_t, 3> counts{};
-  if (!readAll(control, reinterpret_cast<char*>(counts.data()), sizeof counts)) return false;
-  launch.text.resize(static_cast<std::size_t>(counts[0]));
-  if (!readAll(control, launch.text.data(), launch.text.size())) return false;
-  char* at = launch.text.data();
-  const auto next = [&] {
-    char* const string = at;
-    at += std::strlen(at) + 1;
-    return string;
-  };
-  launch.directory = next();
-  static char env[] = "/usr/bin/env";
-  launch.words.push_back(env);
-  for (std::uint64_t i = 0; i < counts[1]; ++i) launch.words.push_back(next());
-  for (std::uint64_t i = 0; i < counts[2]; ++i) launch.environment.push_back(next());
-  launch.words.push_back(nullptr);
-  launch.environment.push_back(nullptr);
-  return true;
-}
 
 /// In the child: a process as a shell would start it, then the command. Only returns with an errno.
 int becomeCommand(const Launch& launch, int output) {
@@ -196,9 +153,7 @@ class Supervision {
     }
     reported_ = true;
     const int status = info.si_code == CLD_EXITED ? W_EXITCODE(info.si_status, 0) : W_EXITCODE(0, info.si_status);
-    const Ended message{status};
-    // The application may be gone; then nobody wants to know.
-    [[maybe_unused]] const auto sent = ::send(control_, &message, sizeof message, MSG_NOSIGNAL);
+    tell(control_, Ended{status});
     return true;
   }
   /// Buries adopted children while the command runs, and never the command.
@@ -252,43 +207,12 @@ void superviseCommand(int control, int output) {
   {
     Launch launch;
     if (!readLaunch(control, launch)) ::_exit(0);
-    const Started started{start(launch, output, command), static_cast<int>(command)};
-    [[maybe_unused]] const auto sent = ::send(control, &started, sizeof started, MSG_NOSIGNAL);
+    const int error = start(launch, output, command);
+    tell(control, Started{error, static_cast<int>(command)});
   }
   ::close(output);
   if (command > 0) Supervision(control, command, signals).run();
   ::_exit(0);
-}
-
-void hostCommands(int channel) {
-  // Ended by the close of the channel, not by the keys that a person types for the application.
-  for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) ::signal(number, SIG_IGN);
-  ::signal(SIGCHLD, SIG_IGN);  // supervisors need no burial
-  ::signal(SIGPIPE, SIG_IGN);
-  ::setsid();
-  for (;;) {
-    char word = 0;
-    iovec part{&word, 1};
-    alignas(cmsghdr) std::array<char, CMSG_SPACE(2 * sizeof(int))> space{};
-    msghdr message{};
-    message.msg_iov = &part;
-    message.msg_iovlen = 1;
-    message.msg_control = space.data();
-    message.msg_controllen = space.size();
-    const ssize_t got = ::recvmsg(channel, &message, MSG_CMSG_CLOEXEC);
-    if (got < 0 && errno == EINTR) continue;
-    if (got <= 0) ::_exit(0);
-    const cmsghdr* const header = CMSG_FIRSTHDR(&message);
-    if (header == nullptr || header->cmsg_type != SCM_RIGHTS || header->cmsg_len != CMSG_LEN(2 * sizeof(int))) continue;
-    std::array<int, 2> descriptors{};
-    std::memcpy(descriptors.data(), CMSG_DATA(header), sizeof descriptors);
-    if (::fork() == 0) {
-      ::close(channel);
-      ::signal(SIGCHLD, SIG_DFL);
-      superviseCommand(descriptors[0], descriptors[1]);
-    }
-    for (const int fd : descriptors) ::close(fd);
-  }
 }
 
 }  // namespace sorvane::platform

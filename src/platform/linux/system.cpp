@@ -20,6 +20,7 @@
 
 #include "base/diagnostics.h"
 #include "base/lock_holder.h"
+#include "base/open_descriptors.h"
 
 namespace sorvane::base {
 namespace {
@@ -170,7 +171,7 @@ void startWithoutLoaderVariables(char** argv) {
 }
 
 void closeInheritedDescriptors() {
-  ::close_range(3, ~0U, 0);
+  closeAbove(STDERR_FILENO);
   int null = 0;
   // The system gives the lowest number that is free.
   while (null >= 0 && null <= STDERR_FILENO) null = ::open("/dev/null", O_RDWR);

@@ -1,11 +1,14 @@
 #include "base/open_descriptors.h"
 
 #include <fcntl.h>
+#include <libproc.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <array>
 #include <cerrno>
+#include <vector>
 
 namespace sorvane::base {
 namespace {
@@ -50,6 +53,25 @@ std::optional<Pipe> openPipe() {
   Pipe pipe{marked(ends[0]), marked(ends[1])};
   if (!pipe.read || !pipe.write) return std::nullopt;
   return pipe;
+}
+
+std::optional<SocketPair> openSocketPair() {
+  std::array<int, 2> ends{};
+  if (::socketpair(AF_UNIX, SOCK_STREAM, 0, ends.data()) != 0) return std::nullopt;
+  SocketPair pair{quiet(marked(ends[0])), quiet(marked(ends[1]))};
+  if (!pair.first || !pair.second) return std::nullopt;
+  return pair;
+}
+
+void closeAbove(int last) {
+  const int size = ::proc_pidinfo(::getpid(), PROC_PIDLISTFDS, 0, nullptr, 0);
+  std::vector<proc_fdinfo> open(static_cast<std::size_t>(std::max(size, 0)) / sizeof(proc_fdinfo));
+  const int filled =
+      ::proc_pidinfo(::getpid(), PROC_PIDLISTFDS, 0, open.data(), static_cast<int>(open.size() * sizeof(proc_fdinfo)));
+  open.resize(std::min(open.size(), static_cast<std::size_t>(std::max(filled, 0)) / sizeof(proc_fdinfo)));
+  for (const proc_fdinfo& descriptor : open) {
+    if (descriptor.proc_fd > last) ::close(descriptor.proc_fd);
+  }
 }
 
 }  // namespace sorvane::base

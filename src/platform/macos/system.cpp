@@ -19,6 +19,7 @@
 #include "base/diagnostics.h"
 #include "base/environment.h"
 #include "base/lock_holder.h"
+#include "base/open_descriptors.h"
 
 namespace sorvane::base {
 namespace {
@@ -131,14 +132,7 @@ void startWithoutLoaderVariables(char** argv) {
 }
 
 void closeInheritedDescriptors() {
-  const int size = ::proc_pidinfo(::getpid(), PROC_PIDLISTFDS, 0, nullptr, 0);
-  std::vector<proc_fdinfo> open(static_cast<std::size_t>(std::max(size, 0)) / sizeof(proc_fdinfo));
-  const int filled =
-      ::proc_pidinfo(::getpid(), PROC_PIDLISTFDS, 0, open.data(), static_cast<int>(open.size() * sizeof(proc_fdinfo)));
-  open.resize(std::min(open.size(), static_cast<std::size_t>(std::max(filled, 0)) / sizeof(proc_fdinfo)));
-  for (const proc_fdinfo& descriptor : open) {
-    if (descriptor.proc_fd > STDERR_FILENO) ::close(descriptor.proc_fd);
-  }
+  closeAbove(STDERR_FILENO);
   int null = 0;
   // The system gives the lowest number that is free.
   while (null >= 0 && null <= STDERR_FILENO) null = ::open("/dev/null", O_RDWR);

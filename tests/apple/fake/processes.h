@@ -1,0 +1,17 @@
+#pragma once
+
+#include <sys/types.h>
+
+#include <set>
+
+/// libproc over /proc: real processes and real sockets, told in the way of macOS.
+namespace fake {
+
+std::set<pid_t> childrenOf(pid_t process);
+/// Whether it has ended and is not buried.
+bool isZombie(pid_t process);
+
+/// So many of the next questions for the size of a table are answered as if there were nothing in it yet.
+void growNextTables(int count);
+
+}  // namespace fake
