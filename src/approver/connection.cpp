@@ -30,23 +30,6 @@ Addresses addressesOf(const Place& place) {
   return Addresses(list);
 }
 
-void setOption(int socket, int level, int option, int value) {
-  ::setsockopt(socket, level, option, &value, sizeof value);
-}
-
-/// A computer that went without a word is noticed within a minute.
-void keepAlive(int socket) {
-  setOption(socket, SOL_SOCKET, SO_KEEPALIVE, 1);
-#ifdef TCP_KEEPIDLE
-  setOption(socket, IPPROTO_TCP, TCP_KEEPIDLE, 30);
-#endif
-#ifdef TCP_KEEPINTVL
-  setOption(socket, IPPROTO_TCP, TCP_KEEPINTVL, 10);
-  setOption(socket, IPPROTO_TCP, TCP_KEEPCNT, 3);
-#endif
-  setOption(socket, IPPROTO_TCP, TCP_NODELAY, 1);
-}
-
 }  // namespace
 
 Connection::Connection(base::Descriptor socket) : socket_(std::move(socket)) {}
@@ -66,7 +49,10 @@ std::optional<Connection> Connection::open(const Place& place, std::chrono::mill
       socklen_t size = sizeof error;
       if (::getsockopt(socket.get(), SOL_SOCKET, SO_ERROR, &error, &size) != 0 || error != 0) continue;
     }
-    keepAlive(socket.get());
+    const int on = 1;
+    ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
+    // An answer that goes nowhere is given again on the next link while its request lives.
+    base::noticeVanishedPeer(socket.get());
     return Connection(std::move(socket));
   }
   return std::nullopt;

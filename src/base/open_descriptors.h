@@ -13,6 +13,9 @@ Descriptor openSocket(int family, int type);
 Descriptor acceptFrom(int listener);
 /// The flag for `send` on such a socket with which a peer that is gone raises no signal.
 int quietSend();
+/// Has the system end a TCP connection whose other end vanished without a word, within about a minute, also while
+/// something that was sent is not acknowledged.
+void noticeVanishedPeer(int connection);
 struct Pipe {
   Descriptor read, write;
 };

@@ -172,13 +172,7 @@ void Links::accept(base::Descriptor socket) {
   ::fcntl(socket.get(), F_SETFL, O_NONBLOCK);
   ::setsockopt(socket.get(), IPPROTO_TCP, TCP_NODELAY, &on, sizeof on);
   // A phone that vanished without a word is gone within a minute: while it seems connected, questions wait for it.
-  ::setsockopt(socket.get(), SOL_SOCKET, SO_KEEPALIVE, &on, sizeof on);
-#if defined(TCP_KEEPIDLE) && defined(TCP_KEEPINTVL) && defined(TCP_KEEPCNT)
-  const int idleSeconds = 30, betweenSeconds = 10, probes = 3;
-  ::setsockopt(socket.get(), IPPROTO_TCP, TCP_KEEPIDLE, &idleSeconds, sizeof idleSeconds);
-  ::setsockopt(socket.get(), IPPROTO_TCP, TCP_KEEPINTVL, &betweenSeconds, sizeof betweenSeconds);
-  ::setsockopt(socket.get(), IPPROTO_TCP, TCP_KEEPCNT, &probes, sizeof probes);
-#endif
+  base::noticeVanishedPeer(socket.get());
   links_.push_back(std::make_unique<Link>(std::move(socket), std::move(source), clock_.instant()));
   handler_.begun(*links_.back());
 }

@@ -1,6 +1,8 @@
 #include "base/open_descriptors.h"
 
 #include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -18,6 +20,19 @@ Descriptor acceptFrom(int listener) {
 
 int quietSend() {
   return MSG_NOSIGNAL;
+}
+
+void noticeVanishedPeer(int connection) {
+  const auto set = [connection](int level, int option, int value) {
+    ::setsockopt(connection, level, option, &value, sizeof value);
+  };
+  constexpr int kIdleSeconds = 30, kBetweenSeconds = 10, kProbes = 3, kUnacknowledgedMilliseconds = 60'000;
+  set(SOL_SOCKET, SO_KEEPALIVE, 1);
+  set(IPPROTO_TCP, TCP_KEEPIDLE, kIdleSeconds);
+  set(IPPROTO_TCP, TCP_KEEPINTVL, kBetweenSeconds);
+  set(IPPROTO_TCP, TCP_KEEPCNT, kProbes);
+  // No probe is sent while anything waits for its acknowledgement, and that takes a quarter of an hour by itself.
+  set(IPPROTO_TCP, TCP_USER_TIMEOUT, kUnacknowledgedMilliseconds);
 }
 
 std::optional<Pipe> openPipe() {

@@ -2,6 +2,8 @@
 
 #include <fcntl.h>
 #include <libproc.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -45,6 +47,19 @@ Descriptor acceptFrom(int listener) {
 
 int quietSend() {
   return 0;
+}
+
+void noticeVanishedPeer(int connection) {
+  const auto set = [connection](int level, int option, int value) {
+    ::setsockopt(connection, level, option, &value, sizeof value);
+  };
+  constexpr int kIdleSeconds = 30, kBetweenSeconds = 10, kProbes = 3, kUnacknowledgedSeconds = 60;
+  set(SOL_SOCKET, SO_KEEPALIVE, 1);
+  set(IPPROTO_TCP, TCP_KEEPALIVE, kIdleSeconds);
+  set(IPPROTO_TCP, TCP_KEEPINTVL, kBetweenSeconds);
+  set(IPPROTO_TCP, TCP_KEEPCNT, kProbes);
+  // No probe is sent while anything waits for its acknowledgement.
+  set(IPPROTO_TCP, TCP_RXT_CONNDROPTIME, kUnacknowledgedSeconds);
 }
 
 std::optional<Pipe> openPipe() {
