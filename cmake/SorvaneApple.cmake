@@ -86,6 +86,7 @@ function(apple_checks)
       clipboard_text
       core_foundation
       descendants
+      hangup
       keychain_domains
       keychain_secret_store
       main_loop

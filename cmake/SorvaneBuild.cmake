@@ -55,7 +55,8 @@ function(room name)
   file(GLOB sources CONFIGURE_DEPENDS ${patterns})
   # What base/system.h and base/open_descriptors.h declare stands with the adapters and is linked with base, which needs it.
   set(system_sources ${CMAKE_CURRENT_SOURCE_DIR}/src/${SORVANE_PLATFORM}/system.cpp
-      ${CMAKE_CURRENT_SOURCE_DIR}/src/${SORVANE_PLATFORM}/open_descriptors.cpp)
+      ${CMAKE_CURRENT_SOURCE_DIR}/src/${SORVANE_PLATFORM}/open_descriptors.cpp
+      ${CMAKE_CURRENT_SOURCE_DIR}/src/${SORVANE_PLATFORM}/hangup.cpp)
   if(name STREQUAL base)
     list(APPEND sources ${system_sources})
   else()

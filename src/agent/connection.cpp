@@ -1,6 +1,5 @@
 #include "agent/connection.h"
 
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <unistd.h>
@@ -10,6 +9,8 @@
 #include <chrono>
 #include <utility>
 #include <vector>
+
+#include "base/hangup.h"
 
 namespace sorvane::agent {
 
@@ -98,32 +99,31 @@ void HangupWatch::emptied() {
 }
 
 void HangupWatch::run() {
-  std::vector<pollfd> polled;
+  std::vector<int> sockets;
   std::vector<Id> ids;
   for (;;) {
-    polled.clear();
+    sockets.clear();
     ids.clear();
+    int woken = -1;
     {
       const base::Lock lock(mutex_);
       if (ending_) return;
-      polled.push_back({wake_->read.get(), POLLIN, 0});
-      ids.push_back(0);
+      woken = wake_->read.get();
       for (const auto& [id, entry] : entries_) {
         if (entry.socket < 0 || entry.stop.stop_requested()) continue;
         // Clients close their sending side after the request, so only a hang-up of both sides counts.
-        polled.push_back({entry.socket, 0, 0});
+        sockets.push_back(entry.socket);
         ids.push_back(id);
       }
     }
-    if (::poll(polled.data(), static_cast<nfds_t>(polled.size()), -1) < 0 && errno != EINTR) return;
+    const std::vector<std::size_t> gone = base::waitForHangup(sockets, woken);
     emptied();
-    for (std::size_t i = 1; i < polled.size(); ++i) {
-      if ((polled[i].revents & (POLLHUP | POLLERR)) == 0) continue;
+    for (const std::size_t place : gone) {
       std::optional<std::stop_source> stop;
       {
         const base::Lock lock(mutex_);
         // Not there any more: the request was answered meanwhile and its descriptor may be another's by now.
-        if (const auto found = entries_.find(ids[i]); found != entries_.end()) stop = found->second.stop;
+        if (const auto found = entries_.find(ids[place]); found != entries_.end()) stop = found->second.stop;
       }
       if (stop) stop->request_stop();
     }

@@ -1,9 +1,11 @@
 #include "agent/request_socket.h"
 
+#include <poll.h>
 #include <pthread.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <chrono>
 #include <memory>
@@ -31,11 +33,16 @@ void RequestSocket::drain() {
 }
 
 void RequestSocket::listen(base::Descriptor listener, std::string occasion) {
+  auto wake = base::openWakePipe();
+  // So that a connection that is gone again by the time it is accepted holds nobody up.
+  const bool canWait = wake && base::setNonBlocking(listener.get());
   {
     const base::Lock lock(mutex_);
-    accepting_ = true;
-    failed_ = false;
+    accepting_ = canWait;
+    failed_ = !canWait;
   }
+  if (!canWait) return;
+  wake_ = *std::move(wake);
   listener_ = std::move(listener);
   thread_ =
       std::thread([this, socket = listener_.get(), occasion = std::move(occasion)] { acceptAll(socket, occasion); });
@@ -46,7 +53,7 @@ void RequestSocket::close() {
     const base::Lock lock(mutex_);
     accepting_ = false;
   }
-  if (listener_) ::shutdown(listener_.get(), SHUT_RDWR);
+  base::wake(wake_);
   if (thread_.joinable()) thread_.join();
   listener_.reset();
 }
@@ -62,9 +69,12 @@ void RequestSocket::acceptAll(int listener, const std::string& occasion) {
       const base::Lock lock(mutex_);
       if (!accepting_) break;
     }
+    // Not every system ends an accept that waits when its socket is shut down.
+    std::array<pollfd, 2> waits{pollfd{listener, POLLIN, 0}, pollfd{wake_.read.get(), POLLIN, 0}};
+    if (::poll(waits.data(), waits.size(), -1) < 0 || waits[1].revents != 0) continue;
     base::Descriptor socket = base::acceptFrom(listener);
     if (!socket) {
-      if (errno == EINTR || errno == ECONNABORTED) continue;
+      if (errno == EINTR || errno == ECONNABORTED || errno == EAGAIN) continue;
       // Out of descriptors or memory for the moment: the connections that are being served give theirs back.
       if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
         std::this_thread::sleep_for(std::chrono::milliseconds(50));

@@ -9,6 +9,7 @@
 #include "agent/connection.h"
 #include "base/descriptor.h"
 #include "base/mutex.h"
+#include "base/open_descriptors.h"
 #include "base/secret_text.h"
 
 namespace sorvane::agent {
@@ -57,6 +58,7 @@ class RequestSocket {
 
   // Of the thread that listens and closes.
   base::Descriptor listener_;
+  base::Pipe wake_;
   std::thread thread_;
 
   // Guarded. A leaf.

@@ -5,8 +5,11 @@
 #include <unistd.h>
 
 #include <cstring>
+#include <thread>
+#include <vector>
 
 #include "apple/fake/processes.h"
+#include "base/hangup.h"
 #include "base/open_descriptors.h"
 #include "platform/adapters.h"
 #include "platform/macos/peer_owner.h"
@@ -108,6 +111,20 @@ TEST_F(PeerOwners, anotherUsersProcessIsAStranger) {
   EXPECT_EQ(owner, std::nullopt);
   leave->write.reset();
   ::waitpid(other, nullptr, 0);
+}
+
+TEST(Hangup, onlyAPeerThatIsGoneCountsAndAWakeUpEndsTheWait) {
+  auto halfClosed = base::openSocketPair(), gone = base::openSocketPair();
+  const auto wake = base::openWakePipe();
+  const std::vector<int> sockets{halfClosed->first.get(), gone->first.get()};
+  ASSERT_EQ(::send(halfClosed->second.get(), "r", 1, 0), 1);
+  ::shutdown(halfClosed->second.get(), SHUT_WR);
+  base::wake(*wake);
+  EXPECT_EQ(base::waitForHangup(sockets, wake->read.get()), std::vector<std::size_t>{});
+  base::drain(*wake);
+  std::thread leaving([&] { gone->second.reset(); });
+  EXPECT_EQ(base::waitForHangup(sockets, wake->read.get()), std::vector<std::size_t>{1});
+  leaving.join();
 }
 
 }  // namespace

@@ -44,7 +44,7 @@ int failed(int error) {
 }
 
 int openFor(const struct kevent& wanted, Note& note) {
-  if (wanted.filter == EVFILT_READ) return static_cast<int>(wanted.ident);
+  if (wanted.filter == EVFILT_READ || wanted.filter == EVFILT_WRITE) return static_cast<int>(wanted.ident);
   if (wanted.filter == EVFILT_USER) {
     note.own.reset(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     return note.own.get();
@@ -69,7 +69,8 @@ int add(int fd, Queue& queue, const struct kevent& wanted) {
   if ((wanted.fflags & NOTE_FORK) != 0) note.children = fake::childrenOf(static_cast<pid_t>(wanted.ident));
   const std::uint64_t id = ++lastId;
   epoll_event event{};
-  event.events = EPOLLIN;
+  // A change of either is told once more, as the filter for writing is used.
+  event.events = wanted.filter == EVFILT_WRITE ? EPOLLOUT | EPOLLET : EPOLLIN;
   event.data.u64 = id;
   if (::epoll_ctl(fd, EPOLL_CTL_ADD, watched, &event) != 0) return -1;
   queue.places[id] = place;
@@ -105,16 +106,18 @@ int statusOf(pid_t process) {
   return info.si_code == CLD_EXITED ? W_EXITCODE(info.si_status, 0) : W_EXITCODE(0, info.si_status);
 }
 
-bool take(int fd, std::uint64_t id, struct kevent& told) {
+bool take(int fd, const epoll_event& ready, struct kevent& told) {
   const std::lock_guard lock(mutex);
   Queue& queue = queues.at(fd);
-  const auto place = queue.places.find(id);
+  const auto place = queue.places.find(ready.data.u64);
   if (place == queue.places.end()) return false;
   Note& note = queue.notes.at(place->second).second;
   told = note.wanted;
   if (told.filter == EVFILT_USER) {
     std::uint64_t count = 0;
     [[maybe_unused]] const auto got = ::read(note.own.get(), &count, sizeof count);
+  } else if (told.filter == EVFILT_WRITE) {
+    if ((ready.events & (EPOLLHUP | EPOLLERR)) != 0) told.flags |= EV_EOF;
   } else if (told.filter == EVFILT_PROC) {
     if ((told.fflags & NOTE_EXITSTATUS) != 0) told.data = statusOf(static_cast<pid_t>(told.ident));
     told.fflags = NOTE_EXIT;
@@ -177,7 +180,7 @@ int kevent(int fd, const struct kevent* changes, int changeCount, struct kevent*
     const int wait = static_cast<int>(std::clamp<std::int64_t>(left, 0, 60'000));
     const int count = ::epoll_wait(fd, &ready, 1, asksForForks(fd) ? std::min(wait, kLookMilliseconds) : wait);
     if (count < 0) return -1;
-    if (count == 1 && take(fd, ready.data.u64, events[0])) return 1;
+    if (count == 1 && take(fd, ready, events[0])) return 1;
     if (left <= 0) return 0;
   }
 }
