@@ -43,6 +43,13 @@ int failed(int error) {
   return -1;
 }
 
+/// By way of copies: the fields of the record need not be aligned.
+Place placeOf(const struct kevent& event) {
+  const int filter = event.filter;
+  const uintptr_t what = event.ident;
+  return {filter, what};
+}
+
 int openFor(const struct kevent& wanted, Note& note) {
   if (wanted.filter == EVFILT_READ || wanted.filter == EVFILT_WRITE) return static_cast<int>(wanted.ident);
   if (wanted.filter == EVFILT_USER) {
@@ -57,7 +64,7 @@ int openFor(const struct kevent& wanted, Note& note) {
 }
 
 int add(int fd, Queue& queue, const struct kevent& wanted) {
-  const Place place{wanted.filter, wanted.ident};
+  const Place place = placeOf(wanted);
   if (const auto found = queue.notes.find(place); found != queue.notes.end()) {
     found->second.second.wanted = wanted;
     return 0;
@@ -88,7 +95,7 @@ int change(int fd, const struct kevent& wanted) {
   const std::lock_guard lock(mutex);
   Queue& queue = queues.at(fd);
   if ((wanted.flags & EV_ADD) != 0) return add(fd, queue, wanted);
-  const auto found = queue.notes.find({wanted.filter, wanted.ident});
+  const auto found = queue.notes.find(placeOf(wanted));
   if (found == queue.notes.end()) return failed(ENOENT);
   if ((wanted.flags & EV_DELETE) != 0) {
     erase(queue, found->first);
@@ -109,7 +116,8 @@ int statusOf(pid_t process) {
 bool take(int fd, const epoll_event& ready, struct kevent& told) {
   const std::lock_guard lock(mutex);
   Queue& queue = queues.at(fd);
-  const auto place = queue.places.find(ready.data.u64);
+  const std::uint64_t id = ready.data.u64;
+  const auto place = queue.places.find(id);
   if (place == queue.places.end()) return false;
   Note& note = queue.notes.at(place->second).second;
   told = note.wanted;
