@@ -25,6 +25,7 @@ clients::Connections::Setting connectionSetting(const std::filesystem::path& sup
   clients::Connections::Setting connections;
   connections.folders.home = homeFolder();
   connections.folders.config = base::userConfigFolder();
+  connections.folders.dotConfig = base::dotConfigFolder();
   const char* const codex = std::getenv("CODEX_HOME");
   connections.folders.codex =
       codex != nullptr && *codex == '/' ? std::filesystem::path(codex) : connections.folders.home / ".codex";

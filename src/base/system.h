@@ -75,6 +75,9 @@ void closeInheritedDescriptors();
 /// The folder for the user's configuration of programs, such as "~/.config". Empty without a home folder.
 std::filesystem::path userConfigFolder();
 
+/// The same for programs that keep it in one place on every system: "~/.config", whatever the system's own place is.
+std::filesystem::path dotConfigFolder();
+
 /// The running program's own file, without links. Empty when the system does not say.
 std::filesystem::path programPath();
 

@@ -120,9 +120,9 @@ constexpr std::array kClients{
     AgentClient{"gemini-cli", "Gemini CLI", ConfigFormat::json, "mcpServers", ".gemini/settings.json",
                 [](const Folders& f) { return f.home / ".gemini/settings.json"; }, plainEntry, geminiRunsUnasked},
     AgentClient{"opencode", "OpenCode", ConfigFormat::json, "mcp", "opencode.json",
-                [](const Folders& f) { return f.config / "opencode/opencode.json"; }, arrayEntry, never},
+                [](const Folders& f) { return f.dotConfig / "opencode/opencode.json"; }, arrayEntry, never},
     AgentClient{"zed", "Zed", ConfigFormat::json, "context_servers", ".zed/settings.json",
-                [](const Folders& f) { return f.config / "zed/settings.json"; }, plainEntry, never},
+                [](const Folders& f) { return f.dotConfig / "zed/settings.json"; }, plainEntry, never},
 };
 
 }  // namespace

@@ -13,8 +13,9 @@ namespace sorvane::clients {
 /// Where the configuration files of this user lie.
 struct Folders {
   std::filesystem::path home;
-  std::filesystem::path config;  ///< ~/.config, or ~/Library/Application Support on macOS
-  std::filesystem::path codex;   ///< CODEX_HOME, else ~/.codex
+  std::filesystem::path config;     ///< ~/.config, or ~/Library/Application Support on macOS
+  std::filesystem::path codex;      ///< CODEX_HOME, else ~/.codex
+  std::filesystem::path dotConfig;  ///< ~/.config on every system
 };
 
 /// What an entry tells the client to start.

@@ -63,11 +63,25 @@ class AgentClients : public ::testing::Test {
   fs::path fileOf(const std::string& client) { return clientNamed(client)->userFile(folders_); }
 
   test::TemporaryFolder folder_;
-  const Folders folders_{folder_.path() / "home", folder_.path() / "home/.config", folder_.path() / "home/.codex"};
+  const Folders folders_{folder_.path() / "home", folder_.path() / "home/.config", folder_.path() / "home/.codex",
+                         folder_.path() / "home/.config"};
   base::SystemFiles files_;
   MemorySettings settings_;
   Connections connections_{{folders_, folder_.path() / "support", true, "/opt/sorvane/sorvane"}, files_, settings_};
 };
+
+TEST(AgentClientFiles, lieWhereEachClientLooksThoughTheSystemHasAPlaceOfItsOwn) {
+  const Folders folders{"/h", "/h/Library/Application Support", "/c", "/h/.config"};
+  for (const auto& [client, file] : std::map<std::string, std::string>{
+           {"claude-desktop", "/h/Library/Application Support/Claude/claude_desktop_config.json"},
+           {"vscode", "/h/Library/Application Support/Code/User/mcp.json"},
+           {"codex", "/c/config.toml"},
+           {"gemini-cli", "/h/.gemini/settings.json"},
+           {"opencode", "/h/.config/opencode/opencode.json"},
+           {"zed", "/h/.config/zed/settings.json"}}) {
+    EXPECT_EQ(clientNamed(client)->userFile(folders), file) << client;
+  }
+}
 
 TEST_F(AgentClients, everyClientIsConnectedAndDisconnectedWithoutATrace) {
   for (const AgentClient& client : agentClients()) {

@@ -186,6 +186,10 @@ std::filesystem::path userConfigFolder() {
   return {};
 }
 
+std::filesystem::path dotConfigFolder() {
+  return userConfigFolder();
+}
+
 std::filesystem::path programPath() {
   std::error_code unknown;
   const auto path = std::filesystem::read_symlink("/proc/self/exe", unknown);

@@ -143,6 +143,10 @@ std::filesystem::path userConfigFolder() {
   return inHome("Library/Application Support");
 }
 
+std::filesystem::path dotConfigFolder() {
+  return inHome(".config");
+}
+
 std::filesystem::path programPath() {
   std::array<char, PROC_PIDPATHINFO_MAXSIZE> path{};
   const int length = ::proc_pidpath(::getpid(), path.data(), static_cast<std::uint32_t>(path.size()));
