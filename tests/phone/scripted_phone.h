@@ -17,6 +17,7 @@
 #include "base/descriptor.h"
 #include "base/ids.h"
 #include "base/mutex.h"
+#include "base/open_descriptors.h"
 #include "crypto/digest.h"
 #include "crypto/presence_key.h"
 #include "phone/approver_server.h"
@@ -126,7 +127,7 @@ class Events {
 class Connection {
  public:
   explicit Connection(std::uint16_t port, const char* from = "127.0.0.1", int room = 0)
-      : socket_(::socket(AF_INET, SOCK_STREAM, 0)) {
+      : socket_(base::openSocket(AF_INET, SOCK_STREAM)) {
     sockaddr_in here{}, there{};
     here.sin_family = there.sin_family = AF_INET;
     ::inet_pton(AF_INET, from, &here.sin_addr);
@@ -142,7 +143,7 @@ class Connection {
 
   void sendBytes(std::string_view bytes) {
     while (!bytes.empty()) {
-      const ssize_t sent = ::send(socket_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL);
+      const ssize_t sent = ::send(socket_.get(), bytes.data(), bytes.size(), base::quietSend());
       if (sent <= 0) return;
       bytes.remove_prefix(static_cast<std::size_t>(sent));
     }

@@ -14,6 +14,8 @@
 #include <cstring>
 #include <stdexcept>
 
+#include "base/open_descriptors.h"
+
 namespace sorvane::test {
 namespace {
 
@@ -175,7 +177,7 @@ TlsStub::TlsStub(Script script, Protocol protocol)
       SSL_CTX_use_certificate(context_.get(), own.get()) == 1 && SSL_CTX_use_PrivateKey(context_.get(), key.get()) == 1,
       "certificate");
   SSL_CTX_set_alpn_select_cb(context_.get(), protocol == Protocol::http2 ? chooseHttp2 : chooseHttp1, nullptr);
-  listener_.reset(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  listener_ = base::openSocket(AF_INET, SOCK_STREAM);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
@@ -206,7 +208,7 @@ TlsStub::~TlsStub() {
 
 void TlsStub::accept() {
   for (;;) {
-    base::Descriptor socket(::accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
+    base::Descriptor socket = base::acceptFrom(listener_.get());
     const base::Lock lock(mutex_);
     if (!socket || stopping_) return;
     const int on = 1;
