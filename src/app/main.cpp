@@ -25,8 +25,8 @@ using namespace sorvane;
 /// The signals that stop the application, held back from every thread: main takes them when it waits.
 sigset_t holdStopSignals() {
   sigset_t signals;
-  ::sigemptyset(&signals);
-  for (const int number : {SIGINT, SIGTERM, SIGHUP}) ::sigaddset(&signals, number);
+  sigemptyset(&signals);
+  for (const int number : {SIGINT, SIGTERM, SIGHUP}) sigaddset(&signals, number);
   ::pthread_sigmask(SIG_BLOCK, &signals, nullptr);
   ::signal(SIGPIPE, SIG_IGN);
   return signals;

@@ -24,7 +24,7 @@ void pass(int number, siginfo_t* info, void*) {
 
 SignalsBlocked::SignalsBlocked() {
   sigset_t all;
-  ::sigfillset(&all);
+  sigfillset(&all);
   ::sigprocmask(SIG_SETMASK, &all, &before_);
 }
 

@@ -48,7 +48,7 @@ class HeldSignals {
  public:
   HeldSignals() {
     sigset_t all;
-    ::sigfillset(&all);
+    sigfillset(&all);
     ::pthread_sigmask(SIG_SETMASK, &all, &earlier_);
   }
   ~HeldSignals() { ::pthread_sigmask(SIG_SETMASK, &earlier_, nullptr); }
