@@ -9,6 +9,11 @@ set(SORVANE_IDENTITY SORVANE_SERVICE="${SORVANE_SERVICE}" SORVANE_ACCESS_GROUP="
 
 set(SORVANE_TEAM_IDENTIFIER "" CACHE STRING "Identifier of the team that signs the macOS application")
 set(SORVANE_SIGNING_IDENTITY "" CACHE STRING "Certificate that the macOS application is signed with; empty: it is not signed")
+set(SORVANE_PROVISIONING_PROFILE "" CACHE FILEPATH "Profile that lets the signed application have its access group")
+if(SORVANE_SIGNING_IDENTITY AND NOT SORVANE_TEAM_IDENTIFIER)
+  message(FATAL_ERROR "SORVANE_SIGNING_IDENTITY needs SORVANE_TEAM_IDENTIFIER: macOS ends a program at its start whose "
+                      "entitlements name no team.")
+endif()
 
 if(APPLE)
   enable_language(OBJCXX)
@@ -19,6 +24,15 @@ if(APPLE)
   endforeach()
 endif()
 
+# apple_sign(TARGET PLACE [word...]): signs what is in PLACE when TARGET is built, with the hardened run-time, under which nobody
+# may read the program's memory or load code into it.
+function(apple_sign target place)
+  if(SORVANE_SIGNING_IDENTITY)
+    add_custom_command(TARGET ${target} POST_BUILD COMMAND codesign --force --options runtime --timestamp ${ARGN}
+                       --sign ${SORVANE_SIGNING_IDENTITY} ${place} VERBATIM)
+  endif()
+endfunction()
+
 # apple_bundle(TARGET): makes the application a bundle, which the system tells apart from others by its identifier, and signs it.
 function(apple_bundle target)
   set(source ${CMAKE_CURRENT_SOURCE_DIR}/packaging/macos)
@@ -26,12 +40,12 @@ function(apple_bundle target)
   configure_file(${source}/Info.plist.in ${made}/Info.plist @ONLY)
   configure_file(${source}/sorvane.entitlements.in ${made}/sorvane.entitlements @ONLY)
   set_target_properties(${target} PROPERTIES MACOSX_BUNDLE TRUE MACOSX_BUNDLE_INFO_PLIST ${made}/Info.plist)
-  # With the hardened run-time, under which nobody may read the program's memory or load code into it.
-  if(SORVANE_SIGNING_IDENTITY)
-    add_custom_command(TARGET ${target} POST_BUILD COMMAND codesign --force --options runtime --timestamp
-                       --entitlements ${made}/sorvane.entitlements --sign ${SORVANE_SIGNING_IDENTITY} $<TARGET_BUNDLE_DIR:${target}>
-                       VERBATIM)
+  if(SORVANE_PROVISIONING_PROFILE)
+    # Before the signature, which covers it.
+    add_custom_command(TARGET ${target} POST_BUILD COMMAND ${CMAKE_COMMAND} -E copy ${SORVANE_PROVISIONING_PROFILE}
+                       $<TARGET_BUNDLE_CONTENT_DIR:${target}>/embedded.provisionprofile VERBATIM)
   endif()
+  apple_sign(${target} $<TARGET_BUNDLE_DIR:${target}> --entitlements ${made}/sorvane.entitlements)
 endfunction()
 
 # apple_tests(): what can be run on a Mac, the Keychain itself among it.

@@ -21,9 +21,11 @@ file(GLOB man_pages CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/docs/man/*.1)
 install(FILES ${man_pages} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
 install(FILES README.md docs/threat-model.md DESTINATION ${CMAKE_INSTALL_DOCDIR})
 if(APPLE)
-  # The agent names the program where it is put. The person copies it to their own folder of launch agents.
+  # The agent names the program where it is put, and the log of whoever puts it there, since launchd knows no short form of a
+  # home folder. The person copies it to their own folder of launch agents.
   install(CODE "
     set(SORVANED \"\${CMAKE_INSTALL_PREFIX}/Applications/sorvaned.app/Contents/MacOS/sorvaned\")
+    set(SORVANE_HOME \"\$ENV{HOME}\")
     set(SORVANE_BUNDLE_IDENTIFIER \"${SORVANE_BUNDLE_IDENTIFIER}\")
     configure_file(\"${CMAKE_CURRENT_SOURCE_DIR}/packaging/macos/launchd.plist.in\"
                    \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}/${CMAKE_INSTALL_DATADIR}/sorvane/${SORVANE_BUNDLE_IDENTIFIER}.plist\" @ONLY)")

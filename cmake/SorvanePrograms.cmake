@@ -35,6 +35,12 @@ target_link_libraries(sorvane PRIVATE sorvane_settings base nlohmann_json::nlohm
 if(NOT APPLE AND NOT SORVANE_SANITIZE)
   target_link_options(sorvane PRIVATE -static)
 endif()
+if(APPLE)
+  # They read the passphrase, so that no variable may load code into them either.
+  foreach(target sorvane sorvane-approver)
+    apple_sign(${target} $<TARGET_FILE:${target}>)
+  endforeach()
+endif()
 
 if(SORVANE_TESTS)
   file(GLOB support_sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/tests/support/*.cpp)
