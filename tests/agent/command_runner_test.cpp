@@ -199,9 +199,10 @@ TEST_F(Runner, outputComesBackWhereTheApplicationStartedWithoutItsStandardDescri
   const pid_t application = ::fork();
   if (application == 0) {
     for (const int fd : {0, 1, 2}) ::close(fd);
-    const auto host = platform::makeProcessHost();
+    auto host = platform::makeProcessHost();
     CommandControl control;
     const auto result = CommandRunner(*host).run(request, control).result;
+    host.reset();  // ends once its process has heard that nobody is there any more
     ::_exit(result.output == "out\nerr\n" && result.exitCode == 3 ? 0 : 1);
   }
   int status = 0;

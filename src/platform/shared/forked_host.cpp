@@ -46,12 +46,12 @@ ForkedHost::ForkedHost(Supervise supervise) {
   if (pid_ < 0) failLaunch(errno);
   if (pid_ == 0) {
     // The other end must close when the application goes, so no copy of it, nor of anything else, may live on here.
+    // Either may have the number of a standard descriptor that was closed.
+    channel.first.reset();
     constexpr int kChannel = 3;
     const int fd = channel.second.release();
-    if (fd != kChannel && ::dup2(fd, kChannel) < 0) ::_exit(1);
+    if (fd != kChannel && (::dup2(fd, kChannel) < 0 || ::close(fd) != 0)) ::_exit(1);
     base::closeAbove(kChannel);
-    // What had the number before is not this object's any more.
-    if (channel.first.get() == kChannel) static_cast<void>(channel.first.release());
     hostCommands(kChannel, supervise);
   }
   channel_ = std::move(channel.first);
