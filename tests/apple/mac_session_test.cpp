@@ -212,7 +212,7 @@ TEST(MainLoop, signalsGoToTheBodyAndItHasAStackToWorkOn) {
   const auto isBlocked = [](int number) {
     sigset_t mask;
     ::pthread_sigmask(SIG_SETMASK, nullptr, &mask);
-    return ::sigismember(&mask, number) == 1;
+    return sigismember(&mask, number) == 1;
   };
   ASSERT_FALSE(isBlocked(SIGTERM));
   std::size_t stack = 0;
