@@ -1,5 +1,6 @@
 #include "crypto/key.h"
 
+#include <openssl/crypto.h>
 #include <sodium.h>
 
 #include <algorithm>
@@ -20,6 +21,10 @@ void sodium() {
 }  // namespace
 
 Initialised initialise() {
+  // What the file names is loaded as code, and with some builds of the library it lies where every program may write.
+  if (OPENSSL_init_crypto(OPENSSL_INIT_NO_LOAD_CONFIG, nullptr) != 1) {
+    throw CryptoFailure("The cryptography library could not be started.");
+  }
   sodium();
   std::vector<std::uint8_t> probe(kProbeBytes);
   const bool locked = sodium_mlock(probe.data(), probe.size()) == 0;

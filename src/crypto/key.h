@@ -16,7 +16,8 @@ class CryptoFailure : public base::Error {
   using Error::Error;
 };
 
-/// Prepares libsodium; called before the first key is made, any number of times. `memoryIsLocked` is false when the
+/// Prepares libsodium, and OpenSSL without its configuration file; called before anything else of either, any number of
+/// times. `memoryIsLocked` is false when the
 /// system refuses to keep the pages of a busy application's keys out of swap, which the application says once at start.
 struct Initialised {
   bool memoryIsLocked;

@@ -34,6 +34,7 @@ struct FreeList {
   }
 };
 
+/// As TLS agreed upon it; of a library that is this program's own.
 UpstreamProtocol protocolOf(CURL* easy) {
   curl_tlssessioninfo* session = nullptr;
   if (curl_easy_getinfo(easy, CURLINFO_TLS_SSL_PTR, &session) != CURLE_OK || session == nullptr ||
@@ -163,11 +164,6 @@ void CurlLine::setUp() {
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYPEER, 1L);
   curl_easy_setopt(easy, CURLOPT_SSL_VERIFYHOST, 2L);
   curl_easy_setopt(easy, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
-  // The authorities come from the shared store alone.
-  curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);
-  curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
-  curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &Callbacks::onContext);
-  curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, this);
   // Framing is taken off here, more strictly than curl would.
   curl_easy_setopt(easy, CURLOPT_HTTP_TRANSFER_DECODING, 0L);
   curl_easy_setopt(easy, CURLOPT_HEADERFUNCTION, &Callbacks::onHeader);
@@ -176,6 +172,25 @@ void CurlLine::setUp() {
   curl_easy_setopt(easy, CURLOPT_WRITEDATA, this);
   curl_easy_setopt(easy, CURLOPT_PREREQFUNCTION, &Callbacks::onConnected);
   curl_easy_setopt(easy, CURLOPT_PREREQDATA, this);
+  setUpTrust();
+}
+
+void CurlLine::setUpTrust() {
+  CURL* const easy = easy_.get();
+  const CurlTrust& trust = shared_->trust();
+  if (trust.tls() == CurlTls::ours) {
+    // The authorities come from the shared store alone.
+    curl_easy_setopt(easy, CURLOPT_CAINFO, nullptr);
+    curl_easy_setopt(easy, CURLOPT_CAPATH, nullptr);
+    curl_easy_setopt(easy, CURLOPT_SSL_CTX_FUNCTION, &Callbacks::onContext);
+    curl_easy_setopt(easy, CURLOPT_SSL_CTX_DATA, this);
+    return;
+  }
+  // Which protocol was agreed upon cannot be asked of a library that is not ours, so that there is one only.
+  curl_easy_setopt(easy, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_1_1));
+  if (trust.text().empty()) return;
+  curl_blob text{const_cast<char*>(trust.text().data()), trust.text().size(), CURL_BLOB_NOCOPY};
+  curl_easy_setopt(easy, CURLOPT_CAINFO_BLOB, &text);
 }
 
 bool CurlLine::prepare(const UpstreamRequest& request, Call& call) {
@@ -307,7 +322,8 @@ bool CurlLine::takeLine(std::string_view line) {
   if (call.headGiven) return true;  // a trailer
   if (!call.protocolKnown) {
     call.protocolKnown = true;
-    call.reader = UpstreamHeadReader(line.starts_with("HTTP/2") ? protocolOf(easy_.get()) : UpstreamProtocol::http1);
+    const bool asked = shared_->trust().tls() == CurlTls::ours && line.starts_with("HTTP/2");
+    call.reader = UpstreamHeadReader(asked ? protocolOf(easy_.get()) : UpstreamProtocol::http1);
   }
   switch (call.reader.line(line)) {
     case UpstreamHeadReader::State::reading:

@@ -38,6 +38,7 @@ class CurlLine {
   struct Callbacks;  // what curl calls back
 
   void setUp();
+  void setUpTrust();
   bool prepare(const UpstreamRequest& request, Call& call);
   void drive(Call& call, const UpstreamWatch& watch);
   void wait(Call& call, const UpstreamWatch& watch);

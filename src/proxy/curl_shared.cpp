@@ -29,7 +29,10 @@ void CurlShared::Free::operator()(void* share) const {
 }
 
 CurlShared::CurlShared(TransportSettings settings)
-    : settings_(std::move(settings)), trust_(settings_.authorityPem), locks_(new Locks), handle_(curl_share_init()) {
+    : settings_(std::move(settings)),
+      trust_(settings_.authorityPem, settings_.tls),
+      locks_(new Locks),
+      handle_(curl_share_init()) {
   if (!handle_) throw std::bad_alloc();
   CURLSH* const share = handle_.get();
   curl_share_setopt(share, CURLSHOPT_LOCKFUNC, &Locks::lock);

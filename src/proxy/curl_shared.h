@@ -13,6 +13,7 @@ struct TransportSettings {
   std::string version;  ///< the application's, for the user agent
   std::optional<std::string> authorityPem;
   std::optional<std::string> outboundProxy;  ///< "http://host:port"; absent: none, whatever the environment says
+  CurlTls tls = linkedTls();
 };
 
 /// CurlShared holds what lines have in common: settings, authorities, resolved names and TLS sessions. A change of the

@@ -9,6 +9,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <new>
 
 namespace sorvane::proxy {
@@ -40,6 +42,14 @@ void addSystem(X509_STORE* store) {
   if (known->cainfo != nullptr) X509_STORE_load_file(store, known->cainfo);
 }
 
+/// The file of authorities that libcurl reads when it is told nothing.
+std::string systemText() {
+  const char* const file = curl_version_info(CURLVERSION_NOW)->cainfo;
+  if (file == nullptr) return {};
+  std::ifstream stream(file, std::ios::binary);
+  return {std::istreambuf_iterator<char>(stream), {}};
+}
+
 bool addPem(X509_STORE* store, const std::string& pem) {
   const std::unique_ptr<BIO, FreeBio> bio(BIO_new_mem_buf(pem.data(), static_cast<int>(pem.size())));
   bool any = false;
@@ -62,9 +72,19 @@ void CurlTrust::Free::operator()(x509_store_st* store) const {
   X509_STORE_free(store);
 }
 
-CurlTrust::CurlTrust(const std::optional<std::string>& authorityPem) : store_(X509_STORE_new()) {
+CurlTls linkedTls() {
+  const char* const version = curl_version_info(CURLVERSION_NOW)->ssl_version;
+  return version != nullptr && std::string_view(version).starts_with("OpenSSL/") ? CurlTls::ours : CurlTls::itsOwn;
+}
+
+CurlTrust::CurlTrust(const std::optional<std::string>& authorityPem, CurlTls tls)
+    : tls_(tls), store_(X509_STORE_new()) {
   if (!store_) throw std::bad_alloc();
-  addSystem(store_.get());
+  if (tls == CurlTls::ours) {
+    addSystem(store_.get());
+  } else if (authorityPem) {
+    text_ = systemText() + "\n" + *authorityPem;
+  }
   const bool added = !authorityPem || addPem(store_.get(), *authorityPem);
   ERR_clear_error();
   if (!added) throw AuthorityError();

@@ -57,11 +57,13 @@ class Gate {
 };
 
 struct Upstream {
-  explicit Upstream(TlsStub::Script script, TlsStub::Protocol protocol = TlsStub::Protocol::http1)
-      : stub(std::move(script), protocol) {}
+  explicit Upstream(TlsStub::Script script, TlsStub::Protocol protocol = TlsStub::Protocol::http1,
+                    CurlTls tls = linkedTls())
+      : stub(std::move(script), protocol),
+        transport(clock, {.version = "9.8.7", .authorityPem = stub.authorityPem(), .outboundProxy = {}, .tls = tls}) {}
   TlsStub stub;
   test::ManualClock clock;
-  CurlTransport transport{clock, {.version = "9.8.7", .authorityPem = stub.authorityPem(), .outboundProxy = {}}};
+  CurlTransport transport;
 
   UpstreamRequest request(std::string_view body = "{}") const {
     UpstreamRequest request;
@@ -149,9 +151,14 @@ TEST(CurlTransport, speaksHttp2WhereTheProviderDoes) {
   EXPECT_EQ(upstream.stub.connections(), 1);
 }
 
-TEST(CurlTransport, trustsTheGivenAuthorityAndNoOther) {
+class CurlTransportWith : public testing::TestWithParam<CurlTls> {};
+
+// The second as on a system whose libcurl brings another TLS library.
+INSTANTIATE_TEST_SUITE_P(Tls, CurlTransportWith, testing::Values(CurlTls::ours, CurlTls::itsOwn));
+
+TEST_P(CurlTransportWith, trustsTheGivenAuthorityAndNoOther) {
   TlsStub other(TlsStub::answering(test::jsonAnswer("{}")));
-  Upstream upstream(TlsStub::answering(test::jsonAnswer("{}")));
+  Upstream upstream(TlsStub::answering(test::jsonAnswer("{}")), TlsStub::Protocol::http1, GetParam());
   UpstreamRequest request = upstream.request();
   request.url = other.origin() + "/";
   Collected collected;
@@ -161,11 +168,24 @@ TEST(CurlTransport, trustsTheGivenAuthorityAndNoOther) {
   EXPECT_EQ(other.requests(), 0);
 
   EXPECT_FALSE(upstream.send(collected).error.has_value());
-  upstream.transport.configure({.version = "1", .authorityPem = {}, .outboundProxy = {}});
+  upstream.transport.configure({.version = "1", .authorityPem = {}, .outboundProxy = {}, .tls = GetParam()});
   EXPECT_EQ(upstream.transport.idle(), 0u) << "a connection that another authority vouched for is not kept";
   EXPECT_EQ(upstream.send(collected).error, ProxyTransportError::notSent);
-  EXPECT_THROW(upstream.transport.configure({.version = "1", .authorityPem = "no certificate", .outboundProxy = {}}),
+  EXPECT_THROW(upstream.transport.configure(
+                   {.version = "1", .authorityPem = "no certificate", .outboundProxy = {}, .tls = GetParam()}),
                AuthorityError);
+}
+
+TEST(CurlTransport, asksAnotherTlsLibraryForTheProtocolThatNeedsNoQuestion) {
+  ASSERT_EQ(linkedTls(), CurlTls::ours) << "what this system's libcurl was built with";
+  Upstream upstream(
+      [](TlsStub::Connection& connection) {
+        if (connection.next()) connection.send("HTTP/2 200\r\ncontent-length: 2\r\n\r\n{}");
+      },
+      TlsStub::Protocol::http2, CurlTls::itsOwn);
+  Collected collected;
+  const UpstreamResult result = upstream.send(collected);
+  EXPECT_TRUE(result.error.has_value()) << "an answer that only says so is refused";
 }
 
 TEST(CurlTransport, aRequestThatMayHaveBeenReadIsNeverSentAgain) {
