@@ -44,6 +44,12 @@ CopiedValue::~CopiedValue() {
 }
 
 void CopiedValue::clearOurs(const crypto::Sha256Digest& digest) {
+  const StillThere ours = clipboard_.lastWrite();
+  if (ours == StillThere::no) return;
+  if (ours == StillThere::yes) {
+    clipboard_.write(base::SecretText());
+    return;
+  }
   const auto present = clipboard_.read();
   if (present && crypto::sha256(present->bytes()) == digest) clipboard_.write(base::SecretText());
 }

@@ -13,9 +13,9 @@ namespace sorvane::agent {
 /// How long a copied value stays on the clipboard.
 inline constexpr std::chrono::seconds kClipboardSeconds{45};
 
-/// CopiedValue puts a value on the clipboard and clears it later, unless something else was copied meanwhile, which it
-/// tells by the value's digest: the value itself is not kept. One thread, started at the first copy, ended with this
-/// object, which clears what is still there. Any thread may call.
+/// CopiedValue puts a value on the clipboard and clears it later, unless something else was copied meanwhile, which the
+/// clipboard tells, or else the value's digest: the value itself is not kept. One thread, started at the first copy,
+/// ended with this object, which clears what is still there. Any thread may call.
 class CopiedValue {
  public:
   explicit CopiedValue(Clipboard& clipboard, std::chrono::milliseconds keep = kClipboardSeconds)

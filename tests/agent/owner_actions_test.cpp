@@ -313,23 +313,27 @@ TEST_F(OwnerActions, aListNeverHoldsAValue) {
 }
 
 TEST(CopiedValue, isClearedOnceItsTimeIsOverUnlessSomethingElseWasCopied) {
-  MemoryClipboard clipboard;
-  {
-    agent::CopiedValue copied(clipboard, std::chrono::milliseconds(1));
-    ASSERT_TRUE(copied.copy(base::SecretText("made-up")));
-    clipboard.waitUntilEmpty();
+  for (const auto changes : {MemoryClipboard::Changes::counted, MemoryClipboard::Changes::notCounted}) {
+    MemoryClipboard clipboard(changes);
+    {
+      agent::CopiedValue copied(clipboard, std::chrono::milliseconds(1));
+      ASSERT_TRUE(copied.copy(base::SecretText("made-up")));
+      clipboard.waitUntilEmpty();
+    }
+    {
+      agent::CopiedValue copied(clipboard, std::chrono::hours(1));
+      ASSERT_TRUE(copied.copy(base::SecretText("made-up")));
+      clipboard.writeOfOthers("of the owner");
+    }
+    // What others copied is not read where that can be told without.
+    EXPECT_EQ(clipboard.reads() == 0, changes == MemoryClipboard::Changes::counted);
+    EXPECT_EQ(clipboard.read()->view(), "of the owner");
+    {
+      agent::CopiedValue copied(clipboard, std::chrono::hours(1));
+      ASSERT_TRUE(copied.copy(base::SecretText("made-up")));
+    }
+    EXPECT_TRUE(clipboard.read()->empty()) << "the end of the application does not leave a value there";
   }
-  {
-    agent::CopiedValue copied(clipboard, std::chrono::hours(1));
-    ASSERT_TRUE(copied.copy(base::SecretText("made-up")));
-    clipboard.write(base::SecretText("of the owner"));
-  }
-  EXPECT_EQ(clipboard.read()->view(), "of the owner");
-  {
-    agent::CopiedValue copied(clipboard, std::chrono::hours(1));
-    ASSERT_TRUE(copied.copy(base::SecretText("made-up")));
-  }
-  EXPECT_TRUE(clipboard.read()->empty()) << "the end of the application does not leave a value there";
 }
 
 TEST(JobsTest, tellsHowFarTheWorkIsStopsItAndForgetsItAfterAnHour) {

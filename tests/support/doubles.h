@@ -99,19 +99,38 @@ class MemorySecretStore final : public vault::EnumerableSecretStore {
   std::map<std::string, base::SecretText, std::less<>> values_ GUARDED_BY(mutex_);
 };
 
-/// A clipboard in memory.
+/// A clipboard in memory, which counts its changes when it is told to.
 class MemoryClipboard final : public agent::Clipboard {
  public:
+  enum class Changes { counted, notCounted };
+  explicit MemoryClipboard(Changes changes = Changes::notCounted) : changes_(changes) {}
   bool available() const override { return true; }
   std::optional<base::SecretText> read() override {
     const base::Lock lock(mutex_);
+    ++reads_;
     return text_.clone();
   }
   bool write(const base::SecretText& text) override {
     const base::Lock lock(mutex_);
     text_ = text.clone();
+    othersSince_ = false;
     written_.notify_all();
     return true;
+  }
+  agent::StillThere lastWrite() override {
+    const base::Lock lock(mutex_);
+    if (changes_ == Changes::notCounted) return agent::StillThere::unknown;
+    return othersSince_ ? agent::StillThere::no : agent::StillThere::yes;
+  }
+  /// Another program copies.
+  void writeOfOthers(std::string_view text) {
+    const base::Lock lock(mutex_);
+    text_ = base::SecretText(text);
+    othersSince_ = true;
+  }
+  int reads() {
+    const base::Lock lock(mutex_);
+    return reads_;
   }
   void waitUntilEmpty() {
     base::Lock lock(mutex_);
@@ -122,6 +141,9 @@ class MemoryClipboard final : public agent::Clipboard {
   base::Mutex mutex_;
   base::Condition written_;
   base::SecretText text_ GUARDED_BY(mutex_);
+  const Changes changes_;
+  bool othersSince_ GUARDED_BY(mutex_) = false;
+  int reads_ GUARDED_BY(mutex_) = 0;
 };
 
 /// Remembers what the vault asked to end.

@@ -1,5 +1,8 @@
 #pragma once
 
+#include <cstdint>
+#include <optional>
+
 #include "agent/clipboard.h"
 #include "base/mutex.h"
 
@@ -14,10 +17,13 @@ class PasteboardClipboard final : public agent::Clipboard {
   bool available() const override;
   std::optional<base::SecretText> read() override;
   bool write(const base::SecretText& text) override;
+  agent::StillThere lastWrite() override;
 
  private:
   // Held across a call, which nothing of ours is called from.
   mutable base::Mutex mutex_;
+  // The pasteboard's count of changes as it was with what was written last.
+  std::optional<std::int64_t> written_ GUARDED_BY(mutex_);
 };
 
 }  // namespace sorvane::platform

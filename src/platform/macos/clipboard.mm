@@ -45,9 +45,10 @@ bool PasteboardClipboard::write(const base::SecretText& text) {
   @autoreleasepool {
     const base::Lock lock(mutex_);
     NSPasteboard* const pasteboard = NSPasteboard.generalPasteboard;
+    written_.reset();
     if (pasteboard == nil) return false;
     if (text.empty()) {
-      [pasteboard clearContents];
+      written_ = [pasteboard clearContents];
       return true;
     }
     NSData* const data = wipedData(text);
@@ -58,8 +59,19 @@ bool PasteboardClipboard::write(const base::SecretText& text) {
         ![item setData:mark forType:kTransient]) {
       return false;
     }
-    [pasteboard prepareForNewContentsWithOptions:NSPasteboardContentsCurrentHostOnly];
-    return [pasteboard writeObjects:[NSArray arrayWithObject:item]];
+    // The count that belongs to this text, whoever writes next.
+    const NSInteger count = [pasteboard prepareForNewContentsWithOptions:NSPasteboardContentsCurrentHostOnly];
+    if (![pasteboard writeObjects:[NSArray arrayWithObject:item]]) return false;
+    written_ = count;
+    return true;
+  }
+}
+
+agent::StillThere PasteboardClipboard::lastWrite() {
+  @autoreleasepool {
+    const base::Lock lock(mutex_);
+    NSPasteboard* const pasteboard = NSPasteboard.generalPasteboard;
+    return pasteboard != nil && written_ == pasteboard.changeCount ? agent::StillThere::yes : agent::StillThere::no;
   }
 }
 

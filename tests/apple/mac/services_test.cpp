@@ -42,7 +42,10 @@ TEST(Pasteboard, holdsWhatIsWrittenUntilItIsCleared) {
     const auto held = clipboard.read();
     ASSERT_TRUE(held.has_value());
     EXPECT_EQ(held->view(), text);
+    EXPECT_EQ(clipboard.lastWrite(), agent::StillThere::yes);
   }
+  ASSERT_TRUE(platform::PasteboardClipboard().write(base::SecretText("of somebody else")));
+  EXPECT_EQ(clipboard.lastWrite(), agent::StillThere::no);
   ASSERT_TRUE(clipboard.write(base::SecretText()));
   EXPECT_FALSE(clipboard.read().has_value());
 }

@@ -29,6 +29,7 @@ enum : NSUInteger { NSPasteboardContentsCurrentHostOnly = 1 << 0 };
 
 @interface NSPasteboard : NSObject
 @property(class, readonly) NSPasteboard* generalPasteboard;
+@property(readonly) NSInteger changeCount;
 - (NSInteger)clearContents;
 - (NSInteger)prepareForNewContentsWithOptions:(NSPasteboardContentsOptions)options;
 - (BOOL)writeObjects:(NSArray*)objects;
