@@ -54,15 +54,19 @@ TEST(ManagedFollowsSession, isWhatTheOrganizationForces) {
     std::string warning;
   };
   const std::string garbled =
-      "The organization's settings in app.sorvane were not used: UnlockFollowsSession is neither true nor false. Ask "
-      "whoever looks after this Mac to put it right.";
+      "The organization's setting UnlockFollowsSession in app.sorvane is neither true nor false, so it counts as "
+      "false. "
+      "Ask whoever looks after this Mac to put it right.";
   const Row rows[] = {
       {"app.sorvane", std::nullopt, std::nullopt, ""},
       {"app.sorvane", {{true, true}}, true, ""},
       {"app.sorvane", {{false, true}}, false, ""},
       {"app.sorvane", {{1.0, true}}, true, ""},
       {"app.sorvane", {{0.0, true}}, false, ""},
-      {"app.sorvane", {{std::string("maybe"), true}}, std::nullopt, garbled},
+      {"app.sorvane", {{std::string("maybe"), true}}, false, garbled},
+      {"app.sorvane", {{std::string("YES"), true}}, true, ""},
+      {"app.sorvane", {{std::string("true"), true}}, true, ""},
+      {"app.sorvane", {{std::string("No"), true}}, false, ""},
       // A person's own setting of that name, and another application's.
       {"app.sorvane", {{true, false}}, std::nullopt, ""},
       {"app.another", {{true, true}}, std::nullopt, ""},

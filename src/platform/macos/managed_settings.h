@@ -14,7 +14,8 @@ namespace sorvane::platform {
 inline constexpr std::string_view kManagedSettings = kBundleIdentifier;
 
 /// What the organization forces about following the session; nullopt: nothing. What a person set with the same key
-/// forces nothing. A forced value that cannot be understood is passed over after `warn` was told why.
+/// forces nothing. As in the user defaults, the texts "yes", "true" and "1" are true, in whichever case, and a value
+/// that is neither a truth nor a number is false; `warn` is told of a value that nobody can have meant.
 std::optional<bool> managedFollowsSession(std::string_view domain,
                                           const std::function<void(const std::string& sentence)>& warn);
 
