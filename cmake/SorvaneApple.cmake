@@ -103,6 +103,7 @@ function(apple_checks)
       core_foundation
       descendants
       hangup
+      installed_program
       keychain_domains
       keychain_secret_store
       main_loop
@@ -113,6 +114,7 @@ function(apple_checks)
       owner_question
       peer_owner
       process_host
+      process_record
       process_tables
       process_watch
       screen_notices

@@ -57,6 +57,10 @@ function(room name)
   set(system_sources ${CMAKE_CURRENT_SOURCE_DIR}/src/${SORVANE_PLATFORM}/system.cpp
       ${CMAKE_CURRENT_SOURCE_DIR}/src/${SORVANE_PLATFORM}/open_descriptors.cpp
       ${CMAKE_CURRENT_SOURCE_DIR}/src/${SORVANE_PLATFORM}/hangup.cpp)
+  if(APPLE)
+    list(APPEND system_sources ${CMAKE_CURRENT_SOURCE_DIR}/src/${SORVANE_PLATFORM}/process_record.cpp
+         ${CMAKE_CURRENT_SOURCE_DIR}/src/${SORVANE_PLATFORM}/installed_program.cpp)
+  endif()
   if(name STREQUAL base)
     list(APPEND sources ${system_sources})
   else()

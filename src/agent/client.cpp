@@ -14,6 +14,7 @@
 #include "base/descriptor.h"
 #include "base/files.h"
 #include "base/lock_file.h"
+#include "base/lock_holder.h"
 #include "base/open_descriptors.h"
 #include "base/support_folder.h"
 #include "base/system.h"
@@ -94,7 +95,14 @@ base::SecretText receive(int socket) {
 void requireLockHolder(int socket, const std::filesystem::path& supportFolder) {
   const auto peer = base::peerCredentials(socket);
   const auto holder = base::LockFile::holder(supportFolder / base::kLockName);
-  if (peer && peer->pid > 0 && holder == peer->pid) return;
+  if (peer && peer->pid > 0 && holder == peer->pid) {
+    if (base::isTrustedHolder(peer->pid)) return;
+    throw ClientError(ClientError::Case::unavailable,
+                      "The program with process id " + std::to_string(peer->pid) + " that answers at " +
+                          (supportFolder / base::kOwnerSocketName).string() +
+                          " could not be verified to be the sorvaned that was installed together with this sorvane, "
+                          "so the passphrase was not sent to it. Quit it, start that sorvaned and try again.");
+  }
   const std::string who = peer && peer->pid > 0 ? " with process id " + std::to_string(peer->pid) : "";
   throw ClientError(ClientError::Case::unavailable,
                     "The program" + who + " that answers at " + (supportFolder / base::kOwnerSocketName).string() +

@@ -44,7 +44,8 @@ AgentResponse exchange(const std::string& socketPath, const AgentRequest& reques
 
 /// The same with "owner.sock" of a support folder, which sorvaned serves while the vault is locked too. Throws
 /// ClientError::unavailable when nobody does, and, before anything is sent, when the request has a passphrase and who
-/// serves does not hold "sorvaned.lock" of the folder.
+/// serves does not hold "sorvaned.lock" of the folder or, where the system does not tell who does, cannot be verified
+/// to be the sorvaned that was installed together with this program.
 OwnerAnswer askOwner(const std::filesystem::path& supportFolder, const OwnerRequest& request,
                      const std::stop_token& withdrawal);
 

@@ -1,7 +1,6 @@
 #include "base/system.h"
 
 #include <fcntl.h>
-#include <libproc.h>
 #include <stdio.h>
 #include <sys/ptrace.h>
 #include <sys/resource.h>
@@ -20,6 +19,8 @@
 #include "base/environment.h"
 #include "base/lock_holder.h"
 #include "base/open_descriptors.h"
+#include "platform/macos/installed_program.h"
+#include "platform/macos/process_record.h"
 
 namespace sorvane::base {
 namespace {
@@ -39,12 +40,6 @@ bool isLoaderVariable(std::string_view entry) {
 std::filesystem::path inHome(const char* folder) {
   const char* const home = std::getenv("HOME");
   return home != nullptr && *home == '/' ? std::filesystem::path(home) / folder : std::filesystem::path();
-}
-
-/// The text of a field that is not ended where it is full.
-template <std::size_t size>
-std::string textIn(const char (&field)[size]) {
-  return {field, std::find(field, field + size, '\0')};
 }
 
 }  // namespace
@@ -90,6 +85,10 @@ std::optional<pid_t> lockHolder(int) {
   return std::nullopt;
 }
 
+bool isTrustedHolder(pid_t process) {
+  return platform::isInstalledWith(programPath(), platform::programOf(process));
+}
+
 std::optional<PeerCredentials> peerCredentials(int socket) {
   PeerCredentials credentials;
   gid_t group = 0;
@@ -100,15 +99,7 @@ std::optional<PeerCredentials> peerCredentials(int socket) {
 }
 
 std::optional<ProcessInfo> processInfo(pid_t pid) {
-  proc_bsdinfo told{};
-  constexpr int kSize = sizeof told;
-  if (::proc_pidinfo(pid, PROC_PIDTBSDINFO, 0, &told, kSize) != kSize) return std::nullopt;
-  ProcessInfo info;
-  info.pid = pid;
-  info.parent = static_cast<pid_t>(told.pbi_ppid);
-  info.name = told.pbi_name[0] != '\0' ? textIn(told.pbi_name) : textIn(told.pbi_comm);
-  info.startedAt = told.pbi_start_tvsec * 1'000'000 + told.pbi_start_tvusec;
-  return info;
+  return platform::processRecord(pid);
 }
 
 void hardenProcess() {
@@ -148,10 +139,7 @@ std::filesystem::path dotConfigFolder() {
 }
 
 std::filesystem::path programPath() {
-  std::array<char, PROC_PIDPATHINFO_MAXSIZE> path{};
-  const int length = ::proc_pidpath(::getpid(), path.data(), static_cast<std::uint32_t>(path.size()));
-  return length > 0 ? std::filesystem::path(std::string(path.data(), static_cast<std::size_t>(length)))
-                    : std::filesystem::path();
+  return platform::programOf(::getpid());
 }
 
 std::filesystem::path defaultSupportFolder() {

@@ -6,6 +6,7 @@
 #include <libproc.h>
 #include <spawn.h>
 #include <sys/stat.h>
+#include <sys/sysctl.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -24,6 +25,7 @@
 namespace {
 
 std::atomic<int> tablesToGrow = 0;
+std::map<pid_t, fake::Stranger> others;
 
 struct Stat {
   char state = 0;
@@ -171,6 +173,10 @@ bool isZombie(pid_t process) {
   return stat && stat->state == 'Z';
 }
 
+void setStrangers(std::map<pid_t, Stranger> strangers) {
+  others = std::move(strangers);
+}
+
 void growNextTables(int count) {
   tablesToGrow = count;
 }
@@ -205,8 +211,37 @@ int proc_pidinfo(int process, int flavor, uint64_t, void* buffer, int size) {
   const std::uint64_t started = bootMicroseconds() + stat->startTicks * 10'000;
   told.pbi_start_tvsec = started / 1'000'000;
   told.pbi_start_tvusec = started % 1'000'000;
+  // Full, as a field that is not ended.
+  std::memset(told.pbi_name, 'n', sizeof told.pbi_name);
   std::memcpy(buffer, &told, sizeof told);
   return sizeof told;
+}
+
+int sysctl(int* name, unsigned int count, void* old, size_t* size, void*, size_t) {
+  if (count != 4 || name[0] != CTL_KERN || name[1] != KERN_PROC || name[2] != KERN_PROC_PID) {
+    errno = ENOENT;
+    return -1;
+  }
+  kinfo_proc told{};
+  const pid_t process = told.kp_proc.p_pid = name[3];
+  const auto stat = statOf(process);
+  const auto stranger = others.find(process);
+  if (*size < sizeof told || (!stat && stranger == others.end())) {
+    *size = 0;
+    return 0;
+  }
+  told.kp_eproc.e_ppid = stat ? stat->parent : stranger->second.parent;
+  const std::uint64_t started = bootMicroseconds() + (stat ? stat->startTicks * 10'000 : 0);
+  told.kp_proc.p_starttime = {static_cast<time_t>(started / 1'000'000), static_cast<suseconds_t>(started % 1'000'000)};
+  (stat ? std::string("short") : stranger->second.name).copy(told.kp_proc.p_comm, MAXCOMLEN);
+  *size = sizeof told;
+  std::memcpy(old, &told, sizeof told);
+  return 0;
+}
+
+int proc_pidpath(int process, void* buffer, uint32_t size) {
+  const std::string link = "/proc/" + std::to_string(process) + "/exe";
+  return static_cast<int>(std::max<ssize_t>(::readlink(link.c_str(), static_cast<char*>(buffer), size), 0));
 }
 
 int proc_pidfdinfo(int process, int descriptor, int flavor, void* buffer, int size) {

@@ -22,7 +22,9 @@
 #define TSI_S_ESTABLISHED 4
 #define TSI_T_NTIMERS 4
 #define PROC_PIDTBSDINFO 3
+#ifndef MAXCOMLEN
 #define MAXCOMLEN 16
+#endif
 
 #ifdef __cplusplus
 extern "C" {
