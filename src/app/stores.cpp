@@ -112,6 +112,8 @@ void Stores::bringOver() {
   if (record().kind == StoreKind::embedded) return;
   const platform::SystemStore system = platform::openSystemStore();
   if (!system.old) return;
+  // Every program of the user can put items there: only a vault that is here already may have left some of its own.
+  if (!liesAt(folder_ / base::kVaultName)) return vault::beginInNewDomain(*system.store);
   const vault::MovableStore::Closed closed(inUse_);
   if (vault::moveDomain(*system.old, *system.store, {}) == vault::StoreMoveOutcome::remainderLeft) {
     base::diagnose("app", kCopiesLeft);

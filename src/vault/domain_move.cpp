@@ -2,6 +2,7 @@
 
 #include <optional>
 
+#include "base/ids.h"
 #include "vault/accounts.h"
 
 namespace sorvane::vault {
@@ -55,6 +56,15 @@ bool isMarked(SecretStore& fresh) {
 }
 
 }  // namespace
+
+void beginInNewDomain(SecretStore& fresh) {
+  if (isMarked(fresh)) return;
+  try {
+    fresh.store(kKeychainMovedAccount, base::SecretText(base::randomHexId()));
+  } catch (const SecretStoreError& error) {
+    throw StoreMoveError(storeMoveFailure(error.sentence()));
+  }
+}
 
 StoreMoveOutcome moveDomain(EnumerableSecretStore& old, EnumerableSecretStore& fresh, const StoreMoveSteps& steps) {
   if (!isMarked(fresh)) return moveAll(old, fresh, steps);

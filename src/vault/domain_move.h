@@ -17,4 +17,8 @@ namespace sorvane::vault {
 /// could not be brought over, or the new domain cannot be read; the old domain is then whole.
 StoreMoveOutcome moveDomain(EnumerableSecretStore& old, EnumerableSecretStore& fresh, const StoreMoveSteps& steps);
 
+/// Uses the new domain from the start, for a vault that never had items in the old one: what lies there may be of
+/// anybody's making and is left alone, now and by every moveDomain. Throws StoreMoveError.
+void beginInNewDomain(SecretStore& fresh);
+
 }  // namespace sorvane::vault

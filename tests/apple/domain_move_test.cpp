@@ -119,6 +119,22 @@ TEST_F(DomainMove, marksAnEmptyDomainAndStillTakesWhatTurnsUpThere) {
   EXPECT_TRUE(oldItems().empty());
 }
 
+TEST_F(DomainMove, takesNothingForANewVaultThatAnotherProgramPutThere) {
+  fill(old_, kItems);
+  vault::beginInNewDomain(fresh_);
+  EXPECT_TRUE(marked() && freshItems().empty());
+  fresh_.store(kKey, base::SecretText("the new vault's"));
+  const Items own{{kKey, "the new vault's"}};
+  EXPECT_EQ(start(), StoreMoveOutcome::moved);
+  EXPECT_EQ(freshItems(), own);
+  EXPECT_EQ(oldItems(), kItems);
+  // Once more changes nothing, and what stands in the way is said.
+  vault::beginInNewDomain(fresh_);
+  EXPECT_EQ(freshItems(), own);
+  keychain_.before = [](int) -> OSStatus { return errSecInteractionNotAllowed; };
+  EXPECT_THROW(vault::beginInNewDomain(fresh_), vault::StoreMoveError);
+}
+
 TEST_F(DomainMove, leavesAnotherVaultsItemsAlone) {
   const Items theirs{{kKey, "another key"}, {"sec_1#v1", "theirs"}};
   const Items keyless{{"sec_1#v1", "theirs"}};
