@@ -161,7 +161,7 @@ TEST_F(KeychainStore, takesTheGroupThatTheProcessWasSignedForAndNoOther) {
   EXPECT_EQ(platform::ownAccessGroup("app.sorvane"), "TEAM.app.sorvane");
   keychain_.groups = {"app.sorvane"};
   EXPECT_EQ(platform::ownAccessGroup("app.sorvane"), "app.sorvane");
-  keychain_.groups = {"TEAM.notapp.sorvane", "TEAM.app.sorvane.more"};
+  keychain_.groups = {"TEAM.notapp.sorvane", "TEAM.app.sorvane.more", "TEAM.other.app.sorvane"};
   EXPECT_EQ(platform::ownAccessGroup("app.sorvane"), std::nullopt);
   keychain_.hasGroups = false;
   EXPECT_EQ(platform::ownAccessGroup("app.sorvane"), std::nullopt);

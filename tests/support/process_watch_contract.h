@@ -8,6 +8,7 @@
 #include <atomic>
 #include <chrono>
 #include <future>
+#include <memory>
 #include <thread>
 #include <utility>
 
@@ -92,6 +93,27 @@ TYPED_TEST_P(ProcessWatchContract, aCallMayForgetItself) {
   done.get_future().get();
 }
 
+TYPED_TEST_P(ProcessWatchContract, aCallMayForgetItselfWhileTheWatchEnds) {
+  Child child, other;
+  auto owner = std::make_unique<TypeParam>();
+  TypeParam& watch = *owner;
+  std::promise<std::uint64_t> token;
+  std::promise<void> begun, mayEnd;
+  const auto watched = watch.watch(child.pid(), [&] {
+    begun.set_value();
+    mayEnd.get_future().get();
+    watch.forget(token.get_future().get());
+  });
+  token.set_value(watched.token);
+  child.kill();
+  begun.get_future().get();
+  // It waits for the call, and takes nothing more meanwhile.
+  std::thread ending([&] { owner.reset(); });
+  while (watch.watch(other.pid(), [] {}).state == WatchState::watching) std::this_thread::yield();
+  mayEnd.set_value();
+  ending.join();
+}
+
 TYPED_TEST_P(ProcessWatchContract, aProcessWatchedTwiceIsToldTwiceAndForgottenOnce) {
   Child child;
   std::promise<void> ended;
@@ -105,6 +127,6 @@ TYPED_TEST_P(ProcessWatchContract, aProcessWatchedTwiceIsToldTwiceAndForgottenOn
 
 REGISTER_TYPED_TEST_SUITE_P(ProcessWatchContract, tellsOfEachProcessOnceItEnds,
                             aForgottenProcessIsNotToldAndACallThatRunsIsWaitedFor, aCallMayForgetItself,
-                            aProcessWatchedTwiceIsToldTwiceAndForgottenOnce);
+                            aCallMayForgetItselfWhileTheWatchEnds, aProcessWatchedTwiceIsToldTwiceAndForgottenOnce);
 
 }  // namespace sorvane::test

@@ -55,7 +55,10 @@ PidfdWatch::Watched PidfdWatch::watch(pid_t process, std::function<void()> ended
   const std::uint64_t token = ++lastToken_;
   if (!add(poll_.get(), descriptor.get(), token)) return {State::impossible, 0};
   entries_.emplace(token, Entry{std::move(descriptor), std::move(ended)});
-  if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
+  if (!thread_.joinable()) {
+    thread_ = std::thread([this] { run(); });
+    teller_ = thread_.get_id();
+  }
   return {State::watching, token};
 }
 
@@ -63,7 +66,7 @@ void PidfdWatch::forget(std::uint64_t token) {
   base::Lock lock(mutex_);
   // Closing the descriptor takes it out of the poll.
   entries_.erase(token);
-  if (thread_.get_id() == std::this_thread::get_id()) return;
+  if (teller_ == std::this_thread::get_id()) return;
   while (telling_ == token && token != 0) told_.wait(lock.mutex());
 }
 

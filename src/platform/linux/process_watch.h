@@ -43,6 +43,7 @@ class PidfdWatch final : public proxy::ProcessWatch {
   std::uint64_t telling_ GUARDED_BY(mutex_) = 0;  ///< the token whose call runs; 0: none
   bool stopping_ GUARDED_BY(mutex_) = false;
   std::thread thread_ GUARDED_BY(mutex_);
+  std::thread::id teller_ GUARDED_BY(mutex_);  ///< of `thread_`, also while it is being ended
 };
 
 }  // namespace sorvane::platform

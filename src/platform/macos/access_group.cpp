@@ -13,10 +13,10 @@ std::optional<std::string> ownAccessGroup(std::string_view wanted) {
   const Owned<CFTypeRef> value(SecTaskCopyValueForEntitlement(self.get(), name.get(), nullptr));
   const auto groups = as<CFArrayRef>(value.get(), CFArrayGetTypeID);
   if (groups == nullptr) return std::nullopt;
-  const std::string ending = "." + std::string(wanted);
   for (CFIndex index = 0; index < CFArrayGetCount(groups); ++index) {
     const auto group = textOf(CFArrayGetValueAtIndex(groups, index));
-    if (group && (*group == wanted || group->ends_with(ending))) return group;
+    // The system puts the team's identifier, which has no full stop, in front.
+    if (group && (*group == wanted || group->substr(group->find('.') + 1) == wanted)) return group;
   }
   return std::nullopt;
 }

@@ -23,9 +23,8 @@ constexpr char kNotAllowed[] =
     "This computer is not announced on the local network, because macOS does not let sorvane use it. Allow sorvane in "
     "System Settings, Privacy & Security, Local Network, or type the address and the port on the phone.";
 constexpr char kNotSayable[] =
-    "This computer is not announced on the local network, because what it would say about itself does not fit. Type "
-    "the "
-    "address and the port on the phone.";
+    "This computer is not announced on the local network, because what it would say about itself does not fit. "
+    "Type the address and the port on the phone.";
 
 struct Service {
   std::string name;

@@ -39,6 +39,7 @@ struct LocalOwnerCheck::Asked {
       earlier = std::exchange(context_, context);
       question_.swap(question);
     }
+    if (question) question->withdraw();
     // What it shows goes away; its reply still comes.
     [earlier invalidate];
     return question;

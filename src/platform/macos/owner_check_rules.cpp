@@ -14,8 +14,7 @@ namespace {
 
 // LAError.h
 constexpr long kUserCancel = -2, kBiometryNotAvailable = -6, kBiometryNotEnrolled = -7, kBiometryLockedOut = -8,
-               kAppCancel = -9, kInvalidContext = -10, kWatchNotAvailable = -11, kBiometryNotPaired = -12,
-               kBiometryDisconnected = -13;
+               kWatchNotAvailable = -11, kBiometryNotPaired = -12, kBiometryDisconnected = -13;
 
 constexpr std::string_view kNothingToUse =
     "There is no finger enrolled and no watch in reach. Use the password, or add one of them in System Settings.";
@@ -61,10 +60,8 @@ OwnerCheckPlan planOf(OwnerPresence::Check check, OwnerCheckPurpose purpose) {
 
 OwnerPresence::Answer answerOf(const OwnerCheckReport& report) {
   if (report.isGranted) return OwnerPresence::Granted{};
-  // An invalid context is one that was withdrawn before the system had shown anything.
-  if (report.code == kUserCancel || report.code == kAppCancel || report.code == kInvalidContext) {
-    return OwnerPresence::Cancelled{};
-  }
+  // What this program itself took back never gets here.
+  if (report.code == kUserCancel) return OwnerPresence::Cancelled{};
   return Failed{static_cast<int>(report.code), std::string(adviceOn(report.code))};
 }
 

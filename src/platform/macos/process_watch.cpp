@@ -57,7 +57,10 @@ KqueueWatch::Watched KqueueWatch::watch(pid_t process, std::function<void()> end
     return {errno == ESRCH ? State::gone : State::impossible, 0};
   }
   entries_.emplace(token, Entry{process, std::move(ended)});
-  if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
+  if (!thread_.joinable()) {
+    thread_ = std::thread([this] { run(); });
+    teller_ = thread_.get_id();
+  }
   return {State::watching, token};
 }
 
@@ -69,7 +72,7 @@ void KqueueWatch::forget(std::uint64_t token) {
     const bool isLast = std::ranges::none_of(entries_, [&](const auto& e) { return e.second.process == process; });
     if (isLast) apply(queue_.get(), {static_cast<uintptr_t>(process), EVFILT_PROC, EV_DELETE, 0});
   }
-  if (thread_.get_id() == std::this_thread::get_id()) return;
+  if (teller_ == std::this_thread::get_id()) return;
   while (telling_ == token && token != 0) told_.wait(lock.mutex());
 }
 
