@@ -95,7 +95,21 @@ class Events {
   void add(const Event& event) {
     const base::Lock lock(mutex_);
     events_.push_back(event);
+    ++count_;
     changed_.notify_all();
+  }
+  /// How many there ever were.
+  std::size_t count() {
+    const base::Lock lock(mutex_);
+    return count_;
+  }
+  /// Waits until there ever were so many; ten seconds at most.
+  void reach(std::size_t count) {
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    const base::Lock lock(mutex_);
+    while (count_ < count && changed_.wait_until(mutex_, deadline) == std::cv_status::no_timeout) {
+    }
+    EXPECT_GE(count_, count);
   }
   /// The next one; nullopt when there is none for ten seconds.
   std::optional<Event> next() {
@@ -121,6 +135,7 @@ class Events {
   base::Mutex mutex_;
   base::Condition changed_;
   std::deque<Event> events_ GUARDED_BY(mutex_);
+  std::size_t count_ GUARDED_BY(mutex_) = 0;
 };
 
 /// One connection of a phone, or of somebody who takes its place. It follows the rules only where it is told to.
